@@ -1,0 +1,120 @@
+// Atom tree: the node, the catalogue of atom types, reading, validating,
+// allocating, extracting and releasing the tree, and the templates of new
+// trees. This header is what the other subsystems may use.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "atoms/fields.h"
+#include "frame/frame.h"
+
+struct AtomNode {
+    uint32_t AtomSize;      // whole atom, head included; 0 in a template node
+    char AtomName[5];       // four name bytes and a terminator
+    uint32_t AtomOffset;    // file offset of the size field; 0 in a template node
+    AtomNode *NextSibling;
+    AtomNode *ParentAtom;
+    AtomNode *FirstChild;
+    uint8_t *realStructure; // the payload record, see RecordHeadLength
+};
+
+constexpr uint32_t kMaxChildRules = 19;
+
+struct ChildRule {
+    uint32_t MaxCount;   // 1: at most one; 2: any number
+    uint8_t Required;    // 1: at least one
+    char ChildName[4];
+};
+
+struct AtomSchema {
+    uint32_t ChildOffset;  // bytes from the atom's start to its first child; 0: a leaf
+    uint32_t RecordSize;   // as the catalogue states it, pointer field counted as 4
+    uint8_t HasTable;
+    uint8_t HasString;
+    uint32_t EntrySize;    // 0: no variable part; 1 for a string
+    uint32_t RuleCount;
+    ChildRule ChildRules[kMaxChildRules];  // rules 1..RuleCount at index 0..RuleCount-1
+};
+
+// ---- Catalogue (catalogue.cpp) ------------------------------------------
+
+// 1: known, schema filled; 0: "root", only the rules filled; -1: no entry
+// (unknown or "free"), schema untouched.
+int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema);
+int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema);
+// 1 for every catalogue name and "free", 0 for "root", -1 otherwise.
+int32_t IsKnownAtomName(const char *name);
+bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, const char *name,
+                  AtomSchema *schema);
+
+// The record of an atom is its head as the file has it (h bytes) and, for
+// atoms with a variable part, a native pointer behind the head. h keeps the
+// catalogue's values: RecordSize, or RecordSize - 4 when EntrySize is not 0.
+// Atoms without a schema ("free", unknown names, "root") get an 8-byte head.
+constexpr uint32_t kBareHeadLength = 8;
+uint32_t RecordHeadLength(const AtomSchema &schema);
+size_t RecordAllocSize(const AtomSchema &schema);
+// Head length and allocation size for any node, schema or not.
+uint32_t NodeHeadLength(const AtomNode *node);
+// The pointer field of a record; null when the atom has none.
+void *GetRecordPointer(const AtomNode *node);
+void SetRecordPointer(AtomNode *node, void *pointer);
+
+// ---- Tree reader (tree_reader.cpp) ---------------------------------------
+
+// Nesting deeper than this ends the scan of that container; valid files
+// need 8 levels.
+constexpr uint32_t kMaxAtomDepth = 32;
+
+int32_t ReadAtomTree(Root_atom *root);
+int32_t ReadTopLevelAtoms(Root_atom *root);
+int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset);
+
+// ---- Validation (validation.cpp) -----------------------------------------
+
+uint32_t CheckAtomTree(Root_atom *root);
+bool CheckAtom(AtomNode *node);
+
+// ---- Record allocation (allocation.cpp) ----------------------------------
+
+int32_t AllocAtomRecord(uint32_t size, const char *name, uint8_t **record);
+int32_t AllocNodeRecord(AtomNode *node);  // one node, by its schema
+int32_t AllocChildRecords(AtomNode *node);
+int32_t AllocTreeRecords(Root_atom *root);
+
+// ---- Payload records (records.cpp) ---------------------------------------
+
+int32_t ExtractTreeRecords(Root_atom *root);
+int32_t ExtractChildRecords(AtomNode *node, FILE *stream);
+int32_t ReadRecordHead(uint32_t byteCount, AtomNode *node, FILE *stream, uint8_t *record);
+int32_t ExtractVariablePart(AtomNode *node, const AtomSchema *schema, FILE *stream);
+void *LoadTable(const AtomSchema *schema, uint32_t count, AtomNode *node, FILE *stream);
+void ReleaseVariablePart(AtomNode *node);
+void ReleaseChildAtoms(AtomNode *node);
+// Releases a whole top-level list with records, variable parts and nodes.
+void ReleaseAtomList(AtomNode *first);
+
+// ---- Tree walks shared by the track model and the writer -----------------
+
+// First child of `atom` named `name`, or null.
+AtomNode *FindChild(const AtomNode *atom, const char *name);
+// Follows a path of names down from `atom` (each looked up among the
+// children of the one before). Returns the last atom, or null; `missing`
+// receives the name that was not found.
+AtomNode *WalkPath(const AtomNode *atom, const char *const *names, size_t count,
+                   const char **missing);
+
+// ---- Templates (templates.cpp) -------------------------------------------
+
+struct TemplateRow {
+    AtomNode *RowNode;
+    uint32_t ParentRow;
+    char RowName[8];
+};
+
+int32_t BuildAtomTree(AtomNode **root, TemplateRow *rows);
+int32_t CreateTrackTree(AtomNode **root, int32_t trackType, AtomNode *parent, AtomNode *sibling,
+                        uint8_t compositionTimes);
+int32_t CreateFileTree(Root_atom *root);

@@ -1,0 +1,82 @@
+// Byte offsets of the fields in atom records. Records hold the atom's head
+// exactly as the file has it, big-endian; offsets count from the atom's
+// first byte (its size field). Read with GetBE32/GetBE16, write with
+// PutBE32/PutBE16 (frame/frame.h).
+#pragma once
+
+#include <cstddef>
+
+namespace field {
+
+// Every head.
+constexpr size_t kHeadSize = 0;
+constexpr size_t kHeadName = 4;
+constexpr size_t kVersionFlags = 8;
+
+// "ftyp"
+constexpr size_t kFtypMajorBrand = 8;
+constexpr size_t kFtypMinorVersion = 12;
+constexpr size_t kFtypCompatibleBrand = 16;
+
+// "mvhd"
+constexpr size_t kMvhdCreationTime = 12;
+constexpr size_t kMvhdModificationTime = 16;
+constexpr size_t kMvhdTimescale = 20;
+constexpr size_t kMvhdDuration = 24;
+constexpr size_t kMvhdRate = 28;
+constexpr size_t kMvhdVolume = 32;
+constexpr size_t kMvhdMatrix = 44;
+constexpr size_t kMvhdNextTrackId = 104;
+
+// "tkhd"
+constexpr size_t kTkhdCreationTime = 12;
+constexpr size_t kTkhdModificationTime = 16;
+constexpr size_t kTkhdTrackId = 20;
+constexpr size_t kTkhdDuration = 28;
+constexpr size_t kTkhdVolume = 44;
+constexpr size_t kTkhdMatrix = 48;
+constexpr size_t kTkhdWidth = 84;
+constexpr size_t kTkhdHeight = 88;
+
+// "mdhd"
+constexpr size_t kMdhdCreationTime = 12;
+constexpr size_t kMdhdModificationTime = 16;
+constexpr size_t kMdhdTimescale = 20;
+constexpr size_t kMdhdDuration = 24;
+
+// "hdlr"
+constexpr size_t kHdlrHandlerType = 16;
+
+// "stsd", "dref"
+constexpr size_t kEntryCount = 12;
+
+// Visual sample entries "mp4v", "s263"
+constexpr size_t kVisualDataReferenceIndex = 14;
+constexpr size_t kVisualWidth = 32;
+constexpr size_t kVisualHeight = 34;
+constexpr size_t kVisualHorizontalResolution = 36;
+constexpr size_t kVisualVerticalResolution = 40;
+constexpr size_t kVisualFrameCount = 48;
+constexpr size_t kVisualDepth = 82;
+constexpr size_t kVisualColorTable = 84;
+
+// Audio sample entries "mp4a", "samr", "sawb"
+constexpr size_t kAudioDataReferenceIndex = 14;
+constexpr size_t kAudioChannelCount = 24;
+constexpr size_t kAudioSampleBits = 26;
+constexpr size_t kAudioSampleRate = 32;
+
+// "mp4s"
+constexpr size_t kMp4sDataReferenceIndex = 14;
+
+// "esds": raw descriptor bytes from here on
+constexpr size_t kEsdsDescriptors = 12;
+
+// Tables: "stts", "ctts", "stsc", "stco", "co64", "stss", "stsh", "stdp",
+// "elst" have EntryCount at 12; "stsz" has SampleSize at 12 and
+// SampleCount at 16.
+constexpr size_t kTableEntryCount = 12;
+constexpr size_t kStszSampleSize = 12;
+constexpr size_t kStszSampleCount = 16;
+
+}  // namespace field

@@ -1,0 +1,106 @@
+// Library frame: the file handle in its two forms, the Root_atom, and the
+// primitives for big-endian fields, four-character names and zeroed memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "mp4core.h"
+
+struct AtomNode;
+struct TrackNode;
+struct VideoTrackNode;
+struct AudioTrackNode;
+struct OtherTrackNode;
+
+// A path holds at most this many bytes, terminator included.
+constexpr size_t kFilePathBytes = 256;
+
+struct Root_atom {
+    char FilePath[kFilePathBytes];
+    uint32_t FileSize;      // read: size of the file; write: bytes written so far
+    FILE *FileStream;       // owned: "rb" when reading, "wb" when writing
+    AtomNode *FirstAtom;    // head of the top-level list
+};
+
+// Per-track counters and temp file of a write handle.
+struct IntakeState {
+    uint32_t TotalSamples;
+    uint32_t TotalKeyFrames;
+    uint32_t TotalBytes;     // also the temp file offset of the next frame
+    uint32_t BlockSample;
+    uint32_t BlockKeyFrame;
+    FILE *TempFile;          // owned by the handle
+    const char *TempFileName;  // the caller's text; kept, not copied
+};
+
+struct ReadForm {
+    VideoTrackNode *VideoCurrent;
+    VideoTrackNode *VideoFirst;
+    VideoTrackNode *VideoLast;
+    AudioTrackNode *AudioCurrent;
+    AudioTrackNode *AudioFirst;
+    AudioTrackNode *AudioLast;
+    OtherTrackNode *OtherCurrent;
+    OtherTrackNode *OtherFirst;
+    OtherTrackNode *OtherLast;
+    int32_t TableMode;
+    uint8_t *IodBuffer;      // output of EncryptMp4Iod
+};
+
+struct WriteForm {
+    TrackNode *VideoTrack;
+    TrackNode *AudioTrack;
+    TrackNode *OdTrack;
+    TrackNode *SceneTrack;
+    uint32_t NextTrackId;
+    IntakeState VideoIntake;
+    IntakeState AudioIntake;
+};
+
+// One name, two forms that share only the first field. Nothing in the
+// record says which form it has: the caller knows from where it came.
+struct MP4_local_file {
+    Root_atom *RootAtom;
+    union {
+        ReadForm read;
+        WriteForm write;
+    };
+};
+
+// ---- Primitives ----------------------------------------------------------
+
+uint32_t ReadBE32(const uint8_t *bytes);
+uint32_t SwapBytes32(uint32_t value);
+uint16_t SwapBytes16(uint16_t value);
+bool AtomNameEquals(const char *a, const char *b);
+bool CopyAtomName(char *destination, const char *source);
+void *ZeroAlloc(size_t size);
+void FreeIfSet(void *pointer);
+
+// Big-endian fields of a record, read and written at byte offsets so that
+// no access is unaligned.
+inline uint32_t GetBE32(const uint8_t *record, size_t offset) {
+    const uint8_t *p = record + offset;
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+inline uint16_t GetBE16(const uint8_t *record, size_t offset) {
+    const uint8_t *p = record + offset;
+    return uint16_t((p[0] << 8) | p[1]);
+}
+inline void PutBE32(uint8_t *record, size_t offset, uint32_t value) {
+    uint8_t *p = record + offset;
+    p[0] = uint8_t(value >> 24);
+    p[1] = uint8_t(value >> 16);
+    p[2] = uint8_t(value >> 8);
+    p[3] = uint8_t(value);
+}
+inline void PutBE16(uint8_t *record, size_t offset, uint16_t value) {
+    record[offset] = uint8_t(value >> 8);
+    record[offset + 1] = uint8_t(value);
+}
+
+// The debug channel of the authoring calls; on this platform it is
+// standard error.
+extern "C" void OutputDebugStringA(const char *text);

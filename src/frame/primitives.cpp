@@ -1,0 +1,33 @@
+// Big-endian fields, four-character names and zeroed memory.
+#include <cstdlib>
+#include <cstring>
+
+#include "frame/frame.h"
+
+uint32_t ReadBE32(const uint8_t *bytes) { return GetBE32(bytes, 0); }
+
+uint32_t SwapBytes32(uint32_t value) {
+    return (value >> 24) | ((value >> 8) & 0x0000FF00u) | ((value << 8) & 0x00FF0000u) |
+           (value << 24);
+}
+
+uint16_t SwapBytes16(uint16_t value) { return uint16_t((value >> 8) | (value << 8)); }
+
+bool AtomNameEquals(const char *a, const char *b) { return std::strncmp(a, b, 4) == 0; }
+
+bool CopyAtomName(char *destination, const char *source) {
+    if (destination == nullptr || source == nullptr) return false;
+    std::memcpy(destination, source, 4);
+    destination[4] = '\0';
+    return true;
+}
+
+void *ZeroAlloc(size_t size) { return std::calloc(1, size == 0 ? 1 : size); }
+
+void FreeIfSet(void *pointer) {
+    if (pointer != nullptr) std::free(pointer);
+}
+
+extern "C" void OutputDebugStringA(const char *text) {
+    if (text != nullptr) std::fputs(text, stderr);
+}
