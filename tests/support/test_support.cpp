@@ -1,0 +1,130 @@
+#include "support/test_support.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace testing_support {
+
+namespace {
+
+std::string UniquePath(const std::string &suffix) {
+    static std::atomic<unsigned> counter{0};
+    const char *dir = std::getenv("TMPDIR");
+    std::string base = (dir != nullptr && *dir != '\0') ? dir : "/tmp";
+    return base + "/mp4core_test_" + std::to_string(getpid()) + "_" +
+           std::to_string(counter++) + suffix;
+}
+
+}  // namespace
+
+Bytes U8(uint8_t value) { return {value}; }
+Bytes U16(uint16_t value) { return {uint8_t(value >> 8), uint8_t(value)}; }
+Bytes U32(uint32_t value) {
+    return {uint8_t(value >> 24), uint8_t(value >> 16), uint8_t(value >> 8), uint8_t(value)};
+}
+Bytes Zeros(size_t count) { return Bytes(count, 0); }
+Bytes Text(const std::string &text) { return Bytes(text.begin(), text.end()); }
+
+Bytes Hex(const std::string &hex) {
+    Bytes out;
+    int high = -1;
+    for (char c : hex) {
+        if (std::isspace(static_cast<unsigned char>(c))) continue;
+        int digit = std::isdigit(static_cast<unsigned char>(c))
+                        ? c - '0'
+                        : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
+        if (digit < 0 || digit > 15) throw std::invalid_argument("bad hex digit");
+        if (high < 0) {
+            high = digit;
+        } else {
+            out.push_back(uint8_t(high * 16 + digit));
+            high = -1;
+        }
+    }
+    if (high >= 0) throw std::invalid_argument("odd number of hex digits");
+    return out;
+}
+
+Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+Bytes AtomWithSize(uint32_t storedSize, const char *name, std::initializer_list<Bytes> body) {
+    Bytes out = U32(storedSize);
+    out.insert(out.end(), name, name + 4);
+    for (const Bytes &part : body) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+Bytes Atom(const char *name, std::initializer_list<Bytes> body) {
+    Bytes out = AtomWithSize(0, name, body);
+    uint32_t size = uint32_t(out.size());
+    Bytes head = U32(size);
+    std::copy(head.begin(), head.end(), out.begin());
+    return out;
+}
+
+Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> body) {
+    Bytes inner = U32(flags & 0x00FFFFFFu);
+    for (const Bytes &part : body) inner.insert(inner.end(), part.begin(), part.end());
+    return Atom(name, {inner});
+}
+
+TempFile::TempFile(const Bytes &contents, const std::string &suffix) : path_(UniquePath(suffix)) {
+    WriteWholeFile(path_, contents);
+}
+TempFile::~TempFile() { std::remove(path_.c_str()); }
+
+TempPath::TempPath(const std::string &suffix) : path_(UniquePath(suffix)) {}
+TempPath::~TempPath() { std::remove(path_.c_str()); }
+
+CaptureStream::CaptureStream(FILE *stream) : stream_(stream), path_(UniquePath(".capture")) {
+    std::fflush(stream_);
+    savedFd_ = dup(fileno(stream_));
+    FILE *target = std::fopen(path_.c_str(), "w");
+    if (target == nullptr) throw std::runtime_error("cannot create capture file");
+    dup2(fileno(target), fileno(stream_));
+    std::fclose(target);
+}
+
+std::string CaptureStream::Text() {
+    if (!done_) {
+        std::fflush(stream_);
+        dup2(savedFd_, fileno(stream_));
+        close(savedFd_);
+        savedFd_ = -1;
+        Bytes bytes = ReadWholeFile(path_);
+        text_.assign(bytes.begin(), bytes.end());
+        std::remove(path_.c_str());
+        done_ = true;
+    }
+    return text_;
+}
+
+CaptureStream::~CaptureStream() { Text(); }
+
+Bytes ReadWholeFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteWholeFile(const std::string &path, const Bytes &bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+std::string FixturePath(const std::string &name) {
+    return std::string(MP4CORE_TEST_DATA_DIR) + "/" + name;
+}
+
+bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+}  // namespace testing_support
