@@ -1,6 +1,113 @@
-// Placeholder until implemented.
-#include "mp4core.h"
-#include "frame/frame.h"
+// The driver of the read side: MP4FileOpen reads a file's whole index into
+// memory in a fixed order of steps; MP4FileClose releases it.
+#include <cstdlib>
+#include <cstring>
 
-int32_t MP4FileOpen(MP4_local_file **file, const char *, int32_t) { if (file) *file = nullptr; return -96; }
-uint32_t MP4FileClose(MP4_local_file **file) { if (file) *file = nullptr; return 1; }
+#include "atoms/atoms.h"
+#include "frame/frame.h"
+#include "tracks/tracks.h"
+
+namespace {
+
+// Results of MP4FileOpen, in the order of its checks.
+constexpr int32_t kOpenBadPath = -99;
+constexpr int32_t kOpenNoMemoryForHandle = -98;
+constexpr int32_t kOpenNoMemoryForRoot = -97;
+constexpr int32_t kOpenCannotRead = -96;
+constexpr int32_t kOpenBadSize = -95;
+constexpr int32_t kOpenBadTableMode = -94;
+
+// Sizes and offsets of the tree are 32 bits and compared as positions of a
+// file whose size is a positive long on every platform: 2 GiB and more is
+// beyond what the handle can hold.
+constexpr long kMaxFileSize = 0x7FFFFFFF;
+
+// Release of what steps 2 to 7 made, before there is a tree.
+int32_t AbandonOpen(MP4_local_file **file, int32_t result) {
+    MP4_local_file *handle = *file;
+    if (handle->RootAtom != nullptr) {
+        if (handle->RootAtom->FileStream != nullptr) std::fclose(handle->RootAtom->FileStream);
+        std::free(handle->RootAtom);
+    }
+    std::free(handle);
+    *file = nullptr;
+    return result;
+}
+
+template <typename Record>
+void ReleaseTrackList(Record *&current, Record *&first, Record *&last) {
+    while (first != nullptr) {
+        Record *record = first;
+        first = record->NextTrack;
+        if (record->Track != nullptr) ReleaseTrackNodes(&record->Track);
+        std::free(record);
+    }
+    current = nullptr;
+    first = nullptr;
+    last = nullptr;
+}
+
+}  // namespace
+
+int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode) {
+    if (file == nullptr) return kOpenBadPath;
+    // A path that does not fit FilePath with its terminator is refused like
+    // a missing one.
+    if (path == nullptr || std::strlen(path) >= kFilePathBytes) {
+        *file = nullptr;
+        return kOpenBadPath;
+    }
+
+    MP4_local_file *handle = static_cast<MP4_local_file *>(ZeroAlloc(sizeof(MP4_local_file)));
+    *file = handle;
+    if (handle == nullptr) return kOpenNoMemoryForHandle;
+
+    Root_atom *root = static_cast<Root_atom *>(ZeroAlloc(sizeof(Root_atom)));
+    if (root == nullptr) return AbandonOpen(file, kOpenNoMemoryForRoot);
+    handle->RootAtom = root;
+    std::memcpy(root->FilePath, path, std::strlen(path) + 1);
+
+    root->FileStream = std::fopen(path, "rb");
+    if (root->FileStream == nullptr) return AbandonOpen(file, kOpenCannotRead);
+
+    if (std::fseek(root->FileStream, 0, SEEK_END) != 0) return AbandonOpen(file, kOpenBadSize);
+    const long size = std::ftell(root->FileStream);
+    if (size <= 0 || size > kMaxFileSize) return AbandonOpen(file, kOpenBadSize);
+    root->FileSize = uint32_t(size);
+
+    if (tableMode < 1 || tableMode > 3) return AbandonOpen(file, kOpenBadTableMode);
+    handle->read.TableMode = tableMode;
+
+    if (ReadAtomTree(root) < 0) {
+        MP4FileClose(file);
+        return kOpenCannotRead;
+    }
+    CheckAtomTree(root);  // reports only
+    if (AllocTreeRecords(root) != 1) {
+        MP4FileClose(file);
+        return kOpenBadSize;
+    }
+    ExtractTreeRecords(root);
+    return RunTrackLoop(file);
+}
+
+uint32_t MP4FileClose(MP4_local_file **file) {
+    if (file == nullptr || *file == nullptr) return 1;
+    MP4_local_file *handle = *file;
+    ReadForm &form = handle->read;
+    ReleaseTrackList(form.VideoCurrent, form.VideoFirst, form.VideoLast);
+    ReleaseTrackList(form.AudioCurrent, form.AudioFirst, form.AudioLast);
+    ReleaseTrackList(form.OtherCurrent, form.OtherFirst, form.OtherLast);
+    // The block of EncryptMp4Iod lives until the next call or the close.
+    FreeIfSet(form.IodBuffer);
+    form.IodBuffer = nullptr;
+
+    if (Root_atom *root = handle->RootAtom) {
+        if (root->FileStream != nullptr) std::fclose(root->FileStream);
+        ReleaseAtomList(root->FirstAtom);
+        std::free(root);
+    }
+    std::free(handle);
+    *file = nullptr;
+    return 1;
+}

@@ -1,0 +1,185 @@
+// Payload records: the head of each atom copied from the file as it
+// stands (big-endian), the tables and strings behind some heads, and
+// their release.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "atoms/atoms.h"
+
+namespace {
+
+// What lies behind the head of an atom and is loaded from the file. Atoms
+// not listed load nothing; their pointer field, if any, stays null on the
+// read side.
+enum class VariablePart { kCountedTable, kSampleSizes, kString };
+
+struct VariablePartRow {
+    char name[5];
+    VariablePart kind;
+};
+
+constexpr VariablePartRow kVariableParts[] = {
+    {"stts", VariablePart::kCountedTable}, {"ctts", VariablePart::kCountedTable},
+    {"stsc", VariablePart::kCountedTable}, {"stco", VariablePart::kCountedTable},
+    {"co64", VariablePart::kCountedTable}, {"stss", VariablePart::kCountedTable},
+    {"stsh", VariablePart::kCountedTable}, {"stdp", VariablePart::kCountedTable},
+    {"elst", VariablePart::kCountedTable}, {"stsz", VariablePart::kSampleSizes},
+    {"sdp ", VariablePart::kString},       {"url ", VariablePart::kString},
+    {"urn ", VariablePart::kString},
+};
+
+const VariablePartRow *FindVariablePart(const AtomNode *node) {
+    for (const VariablePartRow &row : kVariableParts) {
+        if (AtomNameEquals(node->AtomName, row.name)) return &row;
+    }
+    return nullptr;
+}
+
+// Size of the file behind the stream, or 0 if it can't be told.
+uint64_t StreamSize(FILE *stream) {
+    struct stat status;
+    if (fstat(fileno(stream), &status) != 0 || status.st_size < 0) return 0;
+    return uint64_t(status.st_size);
+}
+
+// Loads `length` bytes from behind the head of `node` into a new zeroed
+// block. The amount read is not checked: a file cut inside the block
+// leaves a zeroed tail. A block longer than the whole file can't be the
+// tail of a truncated atom, only a hostile size, and gets no memory.
+uint8_t *LoadBehindHead(const AtomSchema *schema, uint64_t length, const AtomNode *node,
+                        FILE *stream) {
+    if (length > StreamSize(stream)) return nullptr;
+    uint8_t *block = static_cast<uint8_t *>(ZeroAlloc(size_t(length)));
+    if (block == nullptr) return nullptr;
+    const uint64_t start = uint64_t(node->AtomOffset) + RecordHeadLength(*schema);
+    if (length > 0 && std::fseek(stream, long(start), SEEK_SET) == 0) {
+        size_t ignored = std::fread(block, 1, size_t(length), stream);
+        (void)ignored;
+    }
+    return block;
+}
+
+void ExtractRecord(AtomNode *node, FILE *stream) {
+    if (node->realStructure == nullptr) return;
+    AtomSchema schema{};
+    const bool known = GetAtomSchema(node, &schema) > 0;
+    ReadRecordHead(known ? RecordHeadLength(schema) : kBareHeadLength, node, stream,
+                   node->realStructure);
+    if (known && schema.EntrySize != 0) ExtractVariablePart(node, &schema, stream);
+}
+
+}  // namespace
+
+int32_t ReadRecordHead(uint32_t byteCount, AtomNode *node, FILE *stream, uint8_t *record) {
+    size_t got = 0;
+    if (std::fseek(stream, long(node->AtomOffset), SEEK_SET) == 0) {
+        got = std::fread(record, 1, byteCount, stream);
+    }
+    if (got < byteCount) {
+        char name[5];
+        CopyAtomName(name, node->AtomName);
+        std::printf("Read atom[%s] data from file error!\n", name);
+        return -99;
+    }
+    return 1;
+}
+
+void *LoadTable(const AtomSchema *schema, uint32_t count, AtomNode *node, FILE *stream) {
+    // Head and table fill the atom exactly. The product is 64-bit, so that
+    // a count too large for 32 bits can't wrap into a fit.
+    // A table longer than the whole file is refused the same way.
+    const uint64_t tableBytes = uint64_t(schema->EntrySize) * count;
+    if (tableBytes + RecordHeadLength(*schema) != node->AtomSize ||
+        tableBytes > StreamSize(stream)) {
+        char name[5];
+        CopyAtomName(name, node->AtomName);
+        std::printf("error to read atom[%s] data from file\n", name);
+        return nullptr;
+    }
+    return LoadBehindHead(schema, tableBytes, node, stream);
+}
+
+int32_t ExtractVariablePart(AtomNode *node, const AtomSchema *schema, FILE *stream) {
+    const VariablePartRow *row = FindVariablePart(node);
+    if (row == nullptr) return 1;
+    const uint8_t *record = node->realStructure;
+    SetRecordPointer(node, nullptr);
+    void *block = nullptr;
+    switch (row->kind) {
+    case VariablePart::kCountedTable:
+        block = LoadTable(schema, GetBE32(record, field::kTableEntryCount), node, stream);
+        break;
+    case VariablePart::kSampleSizes:
+        // A constant sample size leaves no table to load.
+        if (GetBE32(record, field::kStszSampleSize) != 0) return 1;
+        block = LoadTable(schema, GetBE32(record, field::kStszSampleCount), node, stream);
+        break;
+    case VariablePart::kString: {
+        // Everything from the end of the head to the end of the atom, with
+        // no terminator. An atom shorter than its head has no string.
+        const uint32_t head = RecordHeadLength(*schema);
+        if (node->AtomSize <= head) return 1;
+        SetRecordPointer(node, LoadBehindHead(schema, node->AtomSize - head, node, stream));
+        return 1;
+    }
+    }
+    if (block == nullptr) return -99;
+    SetRecordPointer(node, block);
+    return 1;
+}
+
+int32_t ExtractChildRecords(AtomNode *node, FILE *stream) {
+    for (AtomNode *child = node->FirstChild; child != nullptr; child = child->NextSibling) {
+        if (child->FirstChild != nullptr) ExtractChildRecords(child, stream);
+        ExtractRecord(child, stream);
+    }
+    return 1;
+}
+
+int32_t ExtractTreeRecords(Root_atom *root) {
+    for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
+        ExtractChildRecords(atom, root->FileStream);
+        ExtractRecord(atom, root->FileStream);
+    }
+    return 1;
+}
+
+void ReleaseVariablePart(AtomNode *node) {
+    if (node->realStructure == nullptr || FindVariablePart(node) == nullptr) return;
+    FreeIfSet(GetRecordPointer(node));
+    SetRecordPointer(node, nullptr);
+}
+
+namespace {
+
+void ReleaseNode(AtomNode *node) {
+    if (node->realStructure != nullptr) {
+        ReleaseVariablePart(node);
+        std::free(node->realStructure);
+    }
+    std::free(node);
+}
+
+}  // namespace
+
+void ReleaseChildAtoms(AtomNode *node) {
+    AtomNode *child = node->FirstChild;
+    while (child != nullptr) {
+        if (child->FirstChild != nullptr) ReleaseChildAtoms(child);
+        AtomNode *next = child->NextSibling;
+        ReleaseNode(child);
+        child = next;
+    }
+}
+
+void ReleaseAtomList(AtomNode *first) {
+    while (first != nullptr) {
+        AtomNode *next = first->NextSibling;
+        ReleaseChildAtoms(first);
+        ReleaseNode(first);
+        first = next;
+    }
+}
