@@ -14,3 +14,60 @@
 // estimation; -6 newpred; -7 reduced resolution.
 int32_t ParseVolHeader(const uint8_t *data, size_t length, uint32_t *width, uint32_t *height,
                        uint32_t *headerSize);
+
+// Reads `count` bits (0 to 32), most significant first, from bit
+// `position` of `buffer` (position 0 is the top bit of byte 0), and stores
+// them right-aligned in `value`. Result 1, or -1 with `value` 0 when the
+// field does not lie inside the `length` bytes of the buffer.
+int32_t GetBitField(const uint8_t *buffer, size_t length, uint32_t *value, uint32_t count,
+                    uint32_t position);
+
+// Byte offsets inside an "esds" atom (counted from its size field) that the
+// descriptor walk finds.
+struct DecoderConfigPlace {
+    size_t ObjectTypeOffset;      // object type indication
+    size_t MaxBitRateOffset;      // u32 big-endian
+    size_t AvgBitRateOffset;      // u32 big-endian
+    size_t SpecificLengthOffset;  // last byte of the decoder specific info's length
+    size_t SpecificOffset;        // first byte of the decoder specific info
+};
+
+// The walk through an "esds" atom's ES and decoder configuration
+// descriptors, in the two length forms (one byte, or 80 80 80 and one
+// byte). Reads only the `length` bytes given. Result 1 when the fields up
+// to the average bit rate lie inside them, else -1. The decoder specific
+// info may still end early: read it with GetBitField.
+int32_t FindDecoderConfig(const uint8_t *esds, size_t length, DecoderConfigPlace *place);
+
+// The AudioSpecificConfig fields that an ADTS header and the file summary
+// need, read through the walk above.
+struct AacConfig {
+    uint32_t ObjectTypeIndication;
+    uint32_t MaxBitRate;
+    uint32_t AvgBitRate;
+    uint32_t AudioObjectType;
+    uint32_t FrequencyIndex;
+    uint32_t ChannelConfiguration;
+};
+// Result 1, or -1 when the atom ends before those fields.
+int32_t ReadAacConfig(const uint8_t *esds, size_t length, AacConfig *config);
+
+// Channels of the program configuration element that starts at byte 2 of
+// the decoder specific info. Result 1, or -1 when its element flags pass
+// the end of the `length` bytes.
+int32_t ReadPceChannelCount(const uint8_t *pce, size_t length, uint32_t *channels);
+
+// Results of the ADTS header calls.
+constexpr int32_t kAdtsDone = 1;
+constexpr int32_t kAdtsNoEsds = -21;
+constexpr int32_t kAdtsNoOutput = -20;
+constexpr int32_t kAdtsEsdsTooShort = -19;
+constexpr int32_t kAdtsProfileTooHigh = -18;
+constexpr int32_t kAdtsTooManyChannels = -17;
+constexpr int32_t kAdtsFrameTooLong = -16;
+
+// The ADTS header of one frame from an "esds" atom of `length` bytes.
+// AAC_EsdsToAdtsHead calls it with the length the atom states, bounded by
+// the "esds" record; every internal caller passes the length it knows.
+int32_t MakeAdtsHeader(const uint8_t *esds, size_t length, uint32_t frameSize, uint8_t *header,
+                       uint32_t *headerSize);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "media/bit_writer.h"
 #include "media/media.h"
 #include "mp4core.h"
 #include "support/test_support.h"
@@ -16,27 +17,6 @@ namespace {
 const Bytes kQcifHeader = Hex("00 00 01 00 00 00 01 20 01 88 40 06 68 2C 20 90 A2 1F");
 const Bytes kVopStart = Hex("00 00 01 B6");
 const Bytes kSequenceInFront = Hex("00 00 01 B0 01 00 00 01 B5 09");
-
-// Writes fields most significant bit first, for building layer headers.
-struct BitWriter {
-    Bytes bytes;
-    size_t bits = 0;
-    void Put(uint64_t value, uint32_t count) {
-        for (uint32_t i = count; i-- > 0;) {
-            if (bits % 8 == 0) bytes.push_back(0);
-            if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (bits % 8));
-            ++bits;
-        }
-    }
-    void Skip(uint32_t count) {
-        for (uint32_t i = 0; i < count; ++i) Put(0, 1);
-    }
-    // Stuffing: a 0 and ones up to the boundary, a whole byte if on one.
-    void Stuff() {
-        Put(0, 1);
-        while (bits % 8) Put(1, 1);
-    }
-};
 
 struct Layer {
     bool identifier = false;
