@@ -120,3 +120,14 @@ int32_t CreateAudioTables(TrackNode **holder, int32_t n, int32_t mode);
 int32_t FillVideoTables(TrackNode **holder, Root_atom *root, int32_t mode);
 int32_t FillAudioTables(TrackNode **holder, int32_t mode);
 int32_t ReleaseTrackNodes(TrackNode **holder);
+// Makes room for `records` KeyFrameRecords in a node's key frame table,
+// zeroing the new ones; never shrinks below what is in use. 1, or -1 when
+// there is no memory (the old table stays).
+int32_t ReserveKeyFrames(TrackNode *node, uint32_t records);
+
+// ---- Track loop (track_loop.cpp) -----------------------------------------
+
+// Whether the "stsz" of a track can describe its samples within a file of
+// `fileSize` bytes: every sample lies in the file, so a constant size times
+// the count must fit it, and a table of sizes must have been loaded.
+bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize);

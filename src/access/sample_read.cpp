@@ -1,0 +1,42 @@
+// Reading the sample under a track's cursor: the one place where the
+// access calls copy sample bytes out of the file.
+#include <cstdio>
+#include <cstdlib>
+
+#include "access/access.h"
+
+void SampleRelease::operator()(MP4Sample *sample) const {
+    if (sample == nullptr) return;
+    std::free(sample->Data);
+    std::free(sample);
+}
+
+SampleHolder NewSample() {
+    return SampleHolder(static_cast<MP4Sample *>(std::calloc(1, sizeof(MP4Sample))));
+}
+
+int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, TrackNode *node,
+                           const ReadCodes &codes, MP4Sample *sample) {
+    const uint32_t cursor = CursorOf(track);
+    if (cursor >= node->SampleCount || cursor >= node->SampleCapacity) return 0;
+    const SampleRecord &record = node->SampleRecords[cursor];
+    sample->Time = record.Time;
+    sample->Size = record.Size;
+    sample->IsKeyFrame = record.IsKeyFrame;
+    if (record.Size == 0) return codes.ZeroSize;
+
+    // A sample that the file can't hold whole would only come back short:
+    // it is passed over without allocating its size.
+    Root_atom *root = file->RootAtom;
+    if (uint64_t(record.FileOffset) + record.Size > root->FileSize) {
+        SetCursor(track, cursor + 1);
+        return codes.ShortRead;
+    }
+    sample->Data = static_cast<uint8_t *>(std::malloc(record.Size));
+    if (sample->Data == nullptr) return codes.NoMemory;
+    SetCursor(track, cursor + 1);
+    if (std::fseek(root->FileStream, long(record.FileOffset), SEEK_SET) != 0 ||
+        std::fread(sample->Data, 1, record.Size, root->FileStream) != record.Size)
+        return codes.ShortRead;
+    return 1;
+}
