@@ -3,6 +3,15 @@
 
 #include "tracks/tracks.h"
 
-// Gives a block its tables of n slots, hanging a new block behind the
-// chain when the given one already has tables. 1, or -97..-95.
+// Slots of the sample table of each block of a video or audio track, and
+// of the one block of an object descriptor or scene description track.
+constexpr uint32_t kMediaBlockSlots = 2000;
+constexpr uint32_t kSystemBlockSlots = 100;
+// The largest decoder configuration a track holds.
+constexpr uint32_t kMaxConfigBytes = sizeof(TrackNode::ConfigBytes);
+
+// Gives a block its tables of n slots (n / 2 key frame slots), hanging a
+// new block behind the chain when the given one already has tables.
+// 1; -97 n below 1; -98 no block; -96 no sample table; -95 no key frame
+// table. A failure releases all that the call made.
 int32_t AddTrackBlock(TrackNode **block, uint32_t slots);
