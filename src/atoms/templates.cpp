@@ -40,8 +40,8 @@ constexpr TemplateRow kAudioTemplate[] = {
 
 constexpr TemplateRow kOdTemplate[] = {
     {nullptr, 20, ""},
-    {nullptr, 0, "trak"},  {nullptr, 1, "tkhd"},  {nullptr, 1, "tref"},  {nullptr, 3, "mpod"},
-    {nullptr, 1, "mdia"},  {nullptr, 4, "mdhd"},  {nullptr, 4, "hdlr"},  {nullptr, 4, "minf"},
+    {nullptr, 0, "trak"},  {nullptr, 1, "tkhd"},  {nullptr, 1, "tref"},  {nullptr, 1, "mdia"},
+    {nullptr, 3, "mpod"},  {nullptr, 4, "mdhd"},  {nullptr, 4, "hdlr"},  {nullptr, 4, "minf"},
     {nullptr, 8, "nmhd"},  {nullptr, 8, "dinf"},  {nullptr, 10, "dref"}, {nullptr, 11, "url "},
     {nullptr, 8, "stbl"},  {nullptr, 13, "stsd"}, {nullptr, 14, "mp4s"}, {nullptr, 15, "esds"},
     {nullptr, 13, "stts"}, {nullptr, 13, "stsz"}, {nullptr, 13, "stsc"}, {nullptr, 13, "stco"},
