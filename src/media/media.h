@@ -71,3 +71,19 @@ constexpr int32_t kAdtsFrameTooLong = -16;
 // the "esds" record; every internal caller passes the length it knows.
 int32_t MakeAdtsHeader(const uint8_t *esds, size_t length, uint32_t frameSize, uint8_t *header,
                        uint32_t *headerSize);
+
+struct AtomNode;
+struct TrackNode;
+
+// The sample entry of a read-side track: the first child of its "stsd", or
+// null when the path is broken.
+const AtomNode *TrackSampleEntry(const TrackNode *track);
+
+// The bytes of an atom's record that hold the atom: as many as its size
+// field says, but no more than the record has.
+size_t AtomRecordBytes(const AtomNode *atom);
+
+// Where the decoder specific info of an "esds" atom of `length` bytes lies:
+// its offset and size as its length byte states, cut to the atom. Result
+// 1, or -1 when the atom has none inside it.
+int32_t FindDecoderSpecificInfo(const uint8_t *esds, size_t length, size_t *offset, size_t *size);
