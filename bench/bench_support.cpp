@@ -335,6 +335,17 @@ size_t CurrentRss() {
     return got == 2 ? size_t(resident) * size_t(sysconf(_SC_PAGESIZE)) : 0;
 }
 
+size_t ResetPeak() {
+    // Free heap pages that are still resident would serve new allocations
+    // without a change in the resident set: give them back first.
+    malloc_trim(0);
+    if (FILE *refs = std::fopen("/proc/self/clear_refs", "w")) {
+        std::fputs("5", refs);
+        std::fclose(refs);
+    }
+    return CurrentRss();
+}
+
 ChildResult RunInChild(const std::function<int64_t()> &work) {
     ChildResult result;
     int fds[2];
@@ -348,13 +359,7 @@ ChildResult RunInChild(const std::function<int64_t()> &work) {
     }
     if (pid == 0) {
         close(fds[0]);
-        // The child starts with its parent's peak; bring it down to what it
-        // holds now, so that the peak it reports is its own.
-        if (FILE *refs = std::fopen("/proc/self/clear_refs", "w")) {
-            std::fputs("5", refs);
-            std::fclose(refs);
-        }
-        int64_t values[2] = {int64_t(CurrentRss()), 0};
+        int64_t values[2] = {int64_t(ResetPeak()), 0};
         values[1] = work();
         ssize_t written = write(fds[1], values, sizeof values);
         _exit(written == sizeof values ? 0 : 1);

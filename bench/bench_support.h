@@ -49,6 +49,10 @@ size_t HeapInUse();
 // Resident set of this process now, in bytes.
 size_t CurrentRss();
 
+// Makes the peak resident set of this process start again from what it
+// holds now, with free heap pages given back, and gives that size.
+size_t ResetPeak();
+
 // Runs `work` in a child process and gives the child's resident set before
 // the work and its peak, in bytes, and the number `work` returned (passed
 // back through a pipe).

@@ -165,8 +165,8 @@ int main(int argc, char **argv) {
     bench_support::TimeCollector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
 
-    std::printf("\n== Summary: mp4core against libavformat %s, same run\n",
-                bench_support::HaveLibav() ? "" : "(not built: no libavformat found)");
+    std::printf("\n== Summary: mp4core against libavformat%s, same run\n",
+                bench_support::HaveLibav() ? "" : " (not built: no libavformat found)");
     for (const TestFile &file : files) {
         double mine = collector.Seconds("mp4core/open+read/" + file.label + "/mode1");
         double mine2 = collector.Seconds("mp4core/open+read/" + file.label + "/mode2");
