@@ -96,3 +96,22 @@ inline const TableCodes &SampleTableCodes(const AccessTrack &track) {
 inline const ReadCodes &SampleReadCodes(const AccessTrack &track) {
     return track.Video != nullptr ? kVideoReadCodes : kAudioReadCodes;
 }
+
+// ---- Choosing a key frame (key_frame_choice.cpp) ---------------------------
+
+// Whether a video track's key frames are searched in its KeyFrameTable
+// (TableMode 1 with a table); otherwise the IsKeyFrame marks are walked.
+bool HasKeyFrameTable(const TrackNode *node);
+// The KeyFrameRecords in use: KeyFrameCount, never more than the table
+// holds.
+uint32_t UsedKeyFrames(const TrackNode *node);
+// Lands a video cursor through the KeyFrameTable. `time` decides the ends:
+// at or below 0 the first key frame, at or above the last sample's Time the
+// last key frame; in between key frame record `chosen`, with KeyFrameCursor
+// `search` + 1 (`search` is the time search's answer). A track without key
+// frames, or a `chosen` outside the records in use, lands on sample 0.
+// Needs SampleCount of at least 1.
+void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int32_t time,
+                          int32_t search, int32_t chosen);
+// The nearest sample at or before `from` marked IsKeyFrame, or -1.
+int32_t LastKeyMarkAtOrBefore(const TrackNode *node, int32_t from);
