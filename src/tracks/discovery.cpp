@@ -150,16 +150,19 @@ int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record) {
     const AtomNode *stsd = WalkOrReport(trakAtom, {"mdia", "minf", "stbl", "stsd"});
     if (stsd == nullptr) return kTrackInfoFailed;
 
-    // A sample description without an entry describes nothing: the track
-    // is read no further, as with the other broken paths.
+    // A sample description without a readable entry is taken like one of
+    // another format: the picture size stays unknown, the samples are
+    // there all the same. (Entries the catalogue doesn't know, such as
+    // "avc1", never reach the tree, and their tracks land here.)
     const AtomNode *entry = stsd->FirstChild;
-    if (entry == nullptr || entry->realStructure == nullptr) return kTrackInfoFailed;
-    bool isMp4v = AtomNameEquals(entry->AtomName, "mp4v");
-    if (isMp4v || AtomNameEquals(entry->AtomName, "s263")) {
-        record->TrackWidth = GetBE16(entry->realStructure, field::kVisualWidth);
-        record->TrackHeight = GetBE16(entry->realStructure, field::kVisualHeight);
+    if (entry != nullptr && entry->realStructure != nullptr) {
+        bool isMp4v = AtomNameEquals(entry->AtomName, "mp4v");
+        if (isMp4v || AtomNameEquals(entry->AtomName, "s263")) {
+            record->TrackWidth = GetBE16(entry->realStructure, field::kVisualWidth);
+            record->TrackHeight = GetBE16(entry->realStructure, field::kVisualHeight);
+        }
+        if (isMp4v) ScanForVolHeader(entry, record);
     }
-    if (isMp4v) ScanForVolHeader(entry, record);
 
     const AtomNode *stsz = FindChild(stsd->ParentAtom, "stsz");
     if (stsz == nullptr || stsz->realStructure == nullptr) {

@@ -1,0 +1,90 @@
+// A builder of whole minimal MP4 files: "ftyp", "mdat" with the samples of
+// every track, then "moov" with one "trak" per track. Each child of "stbl"
+// is generated from the track's samples and can be replaced or dropped, so
+// that a test varies one table at a time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "mp4core.h"
+#include "support/test_support.h"
+
+namespace testing_support {
+
+// File offset of the first sample byte: behind "ftyp" (20 bytes) and the
+// "mdat" head (8 bytes).
+constexpr uint32_t kMiniDataStart = 28;
+
+struct MiniTrack {
+    std::string handler = "vide";
+    uint32_t trackId = 1;
+    uint32_t timescale = 1000;
+    uint32_t delta = 10;              // generated "stts": one entry (count, delta)
+    std::vector<Bytes> samples;       // laid out back to back in "mdat"
+    uint32_t samplesPerChunk = 1;     // generated "stsc": one entry (1, spc, 1)
+    std::vector<uint32_t> syncSamples;  // generated "stss", numbers from 1
+    bool withStss = false;
+    Bytes sampleEntry;                // empty: "mp4v" 176x144 or "mp4a"
+    // Whole atoms that stand for the generated child of that name; an
+    // empty value drops the child.
+    std::map<std::string, Bytes> replace;
+    std::vector<Bytes> extraStbl;     // further children of "stbl"
+};
+
+Bytes BuildMiniMp4(const std::vector<MiniTrack> &tracks);
+// The same with "moov" in front of "mdat", so that a cut anywhere in the
+// file leaves the index whole or cuts it.
+Bytes BuildMiniMp4MoovFirst(const std::vector<MiniTrack> &tracks);
+
+// The file offset of sample `index` of track `track` in a built file.
+uint32_t MiniSampleOffset(const std::vector<MiniTrack> &tracks, size_t track, size_t index);
+
+// Sample entries. `child` is the entry's first child (an "esds" atom).
+Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child = {});
+Bytes S263Entry(uint16_t width, uint16_t height);
+Bytes Mp4aEntry();
+
+// A sample that starts with `lead` bytes of 0x55, then the start code of a
+// video object plane and a byte with `codingType` in its top two bits,
+// then `payload` bytes.
+Bytes Vop(uint8_t codingType, size_t lead = 0, size_t payload = 6);
+
+// "stts" from (count, delta) pairs, "stsc" from (first chunk, samples per
+// chunk) pairs, "stco", "stss" and "stsz" tables.
+Bytes Stts(const std::vector<std::pair<uint32_t, uint32_t>> &entries);
+Bytes Stsc(const std::vector<std::pair<uint32_t, uint32_t>> &entries);
+Bytes Stco(const std::vector<uint32_t> &offsets);
+Bytes Stss(const std::vector<uint32_t> &numbers);
+Bytes StszTable(const std::vector<uint32_t> &sizes);
+Bytes StszConstant(uint32_t size, uint32_t count);
+
+// A file image written to a temp file and opened with MP4FileOpen, with
+// what the open printed on standard output; closed when the object goes.
+struct OpenedFile {
+    explicit OpenedFile(const Bytes &bytes, int32_t mode = MP4_TABLE_MARKS);
+    ~OpenedFile();
+    OpenedFile(const OpenedFile &) = delete;
+    OpenedFile &operator=(const OpenedFile &) = delete;
+    TempFile file;
+    MP4_local_file *handle = nullptr;
+    int32_t result = 0;
+    std::string output;
+};
+
+// A sample as a test compares it.
+struct ReadSample {
+    uint32_t time;
+    uint32_t size;
+    uint8_t key;
+    Bytes data;
+};
+
+// GetNextSample until it gives anything but 1 (at most `limit` samples);
+// `last` receives that result.
+std::vector<ReadSample> ReadAllSamples(MP4_local_file *handle, uint32_t trackId, int32_t type,
+                                       int32_t *last = nullptr, size_t limit = 100000);
+
+}  // namespace testing_support
