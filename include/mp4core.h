@@ -171,6 +171,13 @@ MP4CORE_API int32_t NextKeyFrame(MP4_local_file *file, uint32_t trackId, int32_t
                                  MP4Sample **sample);
 MP4CORE_API int32_t PrevKeyFrame(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                  MP4Sample **sample);
+/* Mp4VideoSeek brings the video track last used (after MP4FileOpen the
+ * first one) and the caller's decoder to sample sampleNumber; the file must
+ * be opened with MP4_TABLE_KEYFRAMES. Results: 1 done; -1 bad arguments,
+ * no such track or table, or no key frame at or before the target; -2 no
+ * decore is linked into the application (checked first, nothing moved);
+ * -31 a key frame step failed; -32 decore failed on the key frame; -33
+ * a sample could not be read or decore failed while samples were fed. */
 MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_t sampleNumber,
                                  uint32_t *result, void *contextWord, void *context,
                                  uintptr_t frameWord0, uintptr_t frameWord1,
