@@ -48,7 +48,7 @@ fi
 cd "$here"
 fast=(-movflags +faststart)
 
-# MPEG-4 Part 2 video with AAC, moov at the start and at the end.
+# MPEG-4 visual (ISO/IEC 14496-2) video with AAC, moov at the start and at the end.
 ff $(video 160x120 25 2) $(audio 44100 2) -c:v mpeg4 -q:v 8 -g 12 -bf 0 \
    -c:a aac -b:a 32k -ac 2 "${exact[@]}" "${fast[@]}" mpeg4_aac.mp4
 finish mpeg4_aac.mp4
@@ -99,7 +99,7 @@ ff $(video 176x144 15 2) $(audio 8000 2) -c:v h263 -q:v 10 -g 15 -c:a aac -b:a 1
    -ac 1 -ar 8000 "${exact[@]}" "${fast[@]}" -f 3gp h263_aac.3gp
 finish h263_aac.3gp
 
-# Raw streams for the mux demo: MPEG-4 Part 2 and ADTS AAC, 2 s each.
+# Raw streams for the mux demo: MPEG-4 visual and ADTS AAC, 2 s each.
 ff $(video 176x144 25 2) -c:v mpeg4 -q:v 6 -g 12 -bf 0 "${exact[@]}" -f m4v sample.m4v
 ff $(audio 44100 2) -c:a aac -b:a 48k -ac 2 "${exact[@]}" -f adts sample.aac
 
