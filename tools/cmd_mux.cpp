@@ -264,7 +264,13 @@ int RunMux(int argc, char **argv) {
     if (o.video != nullptr) {
         uint32_t timescale = 0, step = 0;
         ChooseVideoClock(timing, o.fps, &timescale, &step);
-        ok = CreateTrack(file, MP4_TRACK_VIDEO, 0, 0, uint16_t(timing.resolution), timescale,
+        // The library finds the picture size in a configuration whose
+        // visual object header has one byte; the header parser finds it
+        // behind any form of that header.
+        uint32_t width = 0, height = 0;
+        if (GetM4vHeaderSize(o.video, &width, &height) == 0xFFFFFFFFu) width = height = 0;
+        ok = CreateTrack(file, MP4_TRACK_VIDEO, width, height, uint16_t(timing.resolution),
+                         timescale,
                          profile, 0, 0, 0, uint32_t(configSize), video.data(), videoTemp.c_str(),
                          0) == 1;
         for (size_t i = 0; ok && i < videoFrames.size(); ++i) {
