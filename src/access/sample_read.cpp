@@ -1,6 +1,5 @@
 // Reading the sample under a track's cursor: the one place where the
 // access calls copy sample bytes out of the file.
-#include <cstdio>
 #include <cstdlib>
 
 #include "access/access.h"
@@ -35,8 +34,7 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     sample->Data = static_cast<uint8_t *>(std::malloc(record.Size));
     if (sample->Data == nullptr) return codes.NoMemory;
     SetCursor(track, cursor + 1);
-    if (std::fseek(root->FileStream, long(record.FileOffset), SEEK_SET) != 0 ||
-        std::fread(sample->Data, 1, record.Size, root->FileStream) != record.Size)
+    if (ReadFileAt(root->FileStream, record.FileOffset, sample->Data, record.Size) != record.Size)
         return codes.ShortRead;
     return 1;
 }

@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
 
 #include "tracks/sample_atoms.h"
 
@@ -15,6 +18,7 @@ constexpr uint32_t kVopStartCode = 0x000001B6;
 constexpr uint32_t kVopSearchBytes = 20;
 constexpr uint32_t kCodingTypeIntra = 0;
 constexpr uint32_t kCodingTypeSprite = 3;
+constexpr size_t kScanWindowBytes = 64 * 1024;
 
 // Appends one key frame to the table, keeping a zeroed record behind it.
 // The table grows by half again, so that the filling stays linear.
@@ -43,14 +47,29 @@ void TrimKeyFrames(TrackNode *node) {
     node->KeyFrameCapacity = needed;
 }
 
-// Reads the bytes at `offset` that the scan of one sample may look at: up
+// A window on the file that the scan reads the head of each sample from:
+// samples lie mostly in file order, so one read serves many of them.
+struct ScanWindow {
+    std::unique_ptr<uint8_t[]> bytes{new (std::nothrow) uint8_t[kScanWindowBytes]};
+    uint64_t start = 0;
+    size_t length = 0;
+};
+
+// Copies the bytes at `offset` that the scan of one sample may look at: up
 // to the search window and the coding type byte, never past the end of the
-// file. Gives the number of bytes read.
-size_t ReadSampleHead(Root_atom *root, uint32_t offset, uint8_t *bytes, size_t capacity) {
+// file. Gives the number of bytes copied.
+size_t ReadSampleHead(Root_atom *root, ScanWindow &window, uint32_t offset, uint8_t *bytes,
+                      size_t capacity) {
     if (offset >= root->FileSize) return 0;
     size_t wanted = std::min<size_t>(capacity, root->FileSize - offset);
-    if (std::fseek(root->FileStream, long(offset), SEEK_SET) != 0) return 0;
-    return std::fread(bytes, 1, wanted, root->FileStream);
+    if (offset < window.start || offset + wanted > window.start + window.length) {
+        size_t span = std::min<size_t>(kScanWindowBytes, root->FileSize - offset);
+        window.start = offset;
+        window.length = ReadFileAt(root->FileStream, offset, window.bytes.get(), span);
+        wanted = std::min(wanted, window.length);
+    }
+    std::memcpy(bytes, window.bytes.get() + (offset - window.start), wanted);
+    return wanted;
 }
 
 // The position of the byte that completes the start code of a video object
@@ -95,9 +114,11 @@ int32_t MarkKeyFramesFromStss(TrackNode *node, const TableView &syncs, int32_t m
 int32_t ScanKeyFrames(TrackNode *node, Root_atom *root, int32_t mode) {
     node->KeyFrameCount = 0;
     uint8_t bytes[kVopSearchBytes + 1];
+    ScanWindow window;
+    if (!window.bytes) return kFillNoMemoryForKeyFrames;
     for (uint32_t i = 0; i < node->SampleCount; ++i) {
         SampleRecord &sample = node->SampleRecords[i];
-        size_t count = ReadSampleHead(root, sample.FileOffset, bytes, sizeof bytes);
+        size_t count = ReadSampleHead(root, window, sample.FileOffset, bytes, sizeof bytes);
         int32_t at = FindVopStartCode(bytes, count);
         if (at < 0 || size_t(at) + 1 >= count) return kFillScanStopped;
         uint32_t codingType = bytes[at + 1] >> 6;

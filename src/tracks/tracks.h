@@ -125,6 +125,13 @@ int32_t ReleaseTrackNodes(TrackNode **holder);
 // there is no memory (the old table stays).
 int32_t ReserveKeyFrames(TrackNode *node, uint32_t records);
 
+// ---- File reads (file_read.cpp) ------------------------------------------
+
+// Reads up to `count` bytes at `offset` of the stream's file in one
+// positioned read, without moving the stream or touching its buffer (the
+// file is only read, so the two never disagree). Gives the bytes read.
+size_t ReadFileAt(FILE *stream, uint64_t offset, uint8_t *bytes, size_t count);
+
 // ---- Track loop (track_loop.cpp) -----------------------------------------
 
 // Whether the "stsz" of a track can describe its samples within a file of
