@@ -39,20 +39,19 @@ int32_t FindSampleAtoms(const AtomNode *trak, SampleAtoms *atoms) {
          child = child->NextSibling) {
         const uint8_t *record = child->realStructure;
         if (record == nullptr) continue;
-        uint32_t entryCount = GetBE32(record, field::kTableEntryCount);
         if (AtomNameEquals(child->AtomName, "stsz")) {
             atoms->HasStsz = true;
             atoms->ConstantSize = GetBE32(record, field::kStszSampleSize);
             atoms->StszCount = GetBE32(record, field::kStszSampleCount);
             atoms->Sizes = ViewTable(child, atoms->StszCount);
         } else if (AtomNameEquals(child->AtomName, "stts")) {
-            atoms->Times = ViewTable(child, entryCount);
+            atoms->Times = ViewTable(child, GetBE32(record, field::kTableEntryCount));
         } else if (AtomNameEquals(child->AtomName, "stsc")) {
-            atoms->Chunks = ViewTable(child, entryCount);
+            atoms->Chunks = ViewTable(child, GetBE32(record, field::kTableEntryCount));
         } else if (AtomNameEquals(child->AtomName, "stco")) {
-            atoms->Offsets = ViewTable(child, entryCount);
+            atoms->Offsets = ViewTable(child, GetBE32(record, field::kTableEntryCount));
         } else if (AtomNameEquals(child->AtomName, "stss")) {
-            atoms->Syncs = ViewTable(child, entryCount);
+            atoms->Syncs = ViewTable(child, GetBE32(record, field::kTableEntryCount));
         }
     }
     bool sizesKnown = atoms->HasStsz && (atoms->ConstantSize != 0 || atoms->Sizes.Entries);
