@@ -1,0 +1,194 @@
+// MP4FileOpen and MP4FileClose: every result code and the order of the
+// checks, the close, and any prefix of a valid file.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "atoms/atoms.h"
+#include "frame/frame.h"
+#include "mp4core.h"
+#include "support/test_support.h"
+
+namespace {
+
+using namespace testing_support;
+
+// A small file with one complete video track, which opens without a message.
+Bytes SmallValidFile() {
+    const Bytes esds = FullAtom("esds", 0, {Hex("03 19 00 01 00 04 11 20 11 00 00 00 00 00 00 00 "
+                                                 "00 00 00 00 00 05 02 00 00 06 01 02")});
+    const Bytes mp4v = Atom("mp4v", {Zeros(6), U16(1), Zeros(16), U16(64), U16(48),
+                                     U32(0x00480000), U32(0x00480000), U32(0), U16(1), Zeros(32),
+                                     U16(24), U16(0xFFFF), esds});
+    const Bytes stbl = Atom(
+        "stbl", {FullAtom("stsd", 0, {U32(1), mp4v}),
+                 FullAtom("stts", 0, {U32(1), U32(2), U32(1000)}),
+                 FullAtom("stss", 0, {U32(1), U32(1)}),
+                 FullAtom("stsc", 0, {U32(1), U32(1), U32(2), U32(1)}),
+                 FullAtom("stsz", 0, {U32(0), U32(2), U32(4), U32(4)}),
+                 FullAtom("stco", 0, {U32(1), U32(24 + 8)})});
+    const Bytes minf =
+        Atom("minf", {FullAtom("vmhd", 1, {Zeros(8)}),
+                      Atom("dinf", {FullAtom("dref", 0, {U32(1), FullAtom("url ", 1)})}), stbl});
+    const Bytes mdia = Atom("mdia", {FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(2000),
+                                                          Zeros(4)}),
+                                     FullAtom("hdlr", 0, {U32(0), Text("vide"), Zeros(12), U8(0)}),
+                                     minf});
+    const Bytes trak = Atom("trak", {FullAtom("tkhd", 7, {U32(0), U32(0), U32(1), U32(0),
+                                                          U32(2000), Zeros(52), U32(64 << 16),
+                                                          U32(48 << 16)}),
+                                     mdia});
+    const Bytes moov = Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(2000),
+                                                          Zeros(80)}),
+                                     trak});
+    return Cat({Atom("ftyp", {Text("isom"), U32(0), Text("isom"), Text("mp41")}),
+                Atom("mdat", {Hex("00 00 01 B6 00 00 01 B6")}), moov,
+                // Room behind the last "esds", whose head is read at full length.
+                Atom("free", {Zeros(232)})});
+}
+
+struct Opened {
+    int32_t result;
+    MP4_local_file *file;
+    std::string printed;
+};
+
+Opened Open(const char *path, int32_t mode) {
+    MP4_local_file *file = reinterpret_cast<MP4_local_file *>(0x1);  // must be overwritten
+    CaptureStream out(stdout);
+    int32_t result = MP4FileOpen(&file, path, mode);
+    return {result, file, out.Text()};
+}
+
+TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
+    TempFile good(SmallValidFile());
+    TempFile empty(Bytes{});
+    TempFile shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
+    TempFile noMoov(Cat({Atom("ftyp", {Zeros(12)}), Atom("mdat", {Zeros(8)})}));
+    TempPath missing;
+    const std::string longPath(kFilePathBytes, 'a');
+    const std::string longestMissing = "/" + std::string(kFilePathBytes - 2, 'b');
+
+    struct Case {
+        const char *what;
+        const char *path;
+        int32_t mode;
+        int32_t result;
+    };
+    const Case kCases[] = {
+        {"good file", good.c_str(), 1, 1},
+        {"good file, mode 2", good.c_str(), 2, 1},
+        {"good file, mode 3", good.c_str(), 3, 1},
+        {"null path", nullptr, 1, -99},
+        {"path of 256 characters", longPath.c_str(), 1, -99},
+        {"path of 255 characters is tried", longestMissing.c_str(), 1, -96},
+        {"missing file", missing.c_str(), 1, -96},
+        {"empty file", empty.c_str(), 1, -95},
+        {"mode 0 on a good file", good.c_str(), 0, -94},
+        {"mode 4 on a good file", good.c_str(), 4, -94},
+        {"mode 0 on a missing file", missing.c_str(), 0, -96},
+        {"mode 4 on an empty file", empty.c_str(), 4, -95},
+        {"file ends inside a top-level head", shortHead.c_str(), 1, -96},
+        {"no moov", noMoov.c_str(), 1, 1},
+    };
+    for (const Case &c : kCases) {
+        SCOPED_TRACE(c.what);
+        Opened opened = Open(c.path, c.mode);
+        EXPECT_EQ(opened.result, c.result);
+        EXPECT_EQ(opened.file == nullptr, c.result != 1);
+        EXPECT_EQ(MP4FileClose(&opened.file), 1u);
+        EXPECT_EQ(opened.file, nullptr);
+    }
+}
+
+TEST(FileOpen, ShortTopLevelHeadReportsTheReadError) {
+    TempFile shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
+    Opened opened = Open(shortHead.c_str(), 1);
+    EXPECT_EQ(opened.result, -96);
+    EXPECT_EQ(opened.printed, "Read data from file error!\n");
+}
+
+TEST(FileOpen, GoodFileHoldsItsTreeAndRecords) {
+    const Bytes bytes = SmallValidFile();
+    TempFile good(bytes);
+    Opened opened = Open(good.c_str(), 1);
+    ASSERT_EQ(opened.result, 1);
+    EXPECT_EQ(opened.printed, "");
+    Root_atom *root = opened.file->RootAtom;
+    EXPECT_STREQ(root->FilePath, good.c_str());
+    EXPECT_EQ(root->FileSize, bytes.size());
+    EXPECT_EQ(opened.file->read.TableMode, 1);
+    EXPECT_EQ(opened.file->read.IodBuffer, nullptr);
+    const char *const path[] = {"trak", "mdia", "minf", "stbl", "stsz"};
+    const char *missing = nullptr;
+    const AtomNode *moov = root->FirstAtom->NextSibling->NextSibling;
+    ASSERT_STREQ(moov->AtomName, "moov");
+    const AtomNode *stsz = WalkPath(moov, path, 5, &missing);
+    ASSERT_NE(stsz, nullptr);
+    EXPECT_EQ(missing, nullptr);
+    EXPECT_NE(GetRecordPointer(stsz), nullptr);
+    EXPECT_EQ(GetBE32(stsz->realStructure, field::kStszSampleCount), 2u);
+    MP4FileClose(&opened.file);
+}
+
+TEST(FileOpen, CloseTwiceFindsNullTheSecondTime) {
+    TempFile good(SmallValidFile());
+    Opened opened = Open(good.c_str(), 2);
+    ASSERT_EQ(opened.result, 1);
+    MP4_local_file *copy = opened.file;
+    EXPECT_EQ(MP4FileClose(&opened.file), 1u);
+    EXPECT_EQ(opened.file, nullptr);
+    EXPECT_EQ(MP4FileClose(&opened.file), 1u);
+    (void)copy;
+    EXPECT_EQ(MP4FileClose(nullptr), 1u);
+}
+
+TEST(FileOpen, CloseReleasesTheIodBuffer) {
+    TempFile good(SmallValidFile());
+    Opened opened = Open(good.c_str(), 1);
+    ASSERT_EQ(opened.result, 1);
+    opened.file->read.IodBuffer = static_cast<uint8_t *>(ZeroAlloc(32));
+    EXPECT_EQ(MP4FileClose(&opened.file), 1u);  // the leak check would see it otherwise
+}
+
+TEST(FileOpen, FileOfTwoGibibytesGives95) {
+    TempPath path(".mp4");
+    FILE *stream = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(stream, nullptr);
+    const Bytes ftyp = Atom("ftyp", {Zeros(12)});
+    std::fwrite(ftyp.data(), 1, ftyp.size(), stream);
+    std::fclose(stream);
+    if (truncate(path.c_str(), off_t(1) << 31) != 0) GTEST_SKIP() << "no sparse file here";
+    Opened opened = Open(path.c_str(), 1);
+    EXPECT_EQ(opened.result, -95);
+    EXPECT_EQ(opened.file, nullptr);
+}
+
+// Every prefix of a valid file, cut at every byte, opens or fails with a
+// result of the table, and leaves nothing behind.
+TEST(FileOpen, EveryPrefixOfAValidFileOpensOrFailsCleanly) {
+    const Bytes whole = SmallValidFile();
+    TempFile file;
+    std::string faults;
+    {
+        CaptureStream quiet(stdout);
+        for (size_t length = 0; length <= whole.size(); ++length) {
+            WriteWholeFile(file.path(), Bytes(whole.begin(), whole.begin() + long(length)));
+            {
+                const int32_t mode = length % 2 == 0 ? 1 : 2;
+                MP4_local_file *handle = nullptr;
+                const int32_t result = MP4FileOpen(&handle, file.c_str(), mode);
+                const bool known = result == 1 || result == -95 || result == -96;
+                if (!known || (handle == nullptr) != (result != 1)) {
+                    faults += std::to_string(length) + ":" + std::to_string(result) + " ";
+                }
+                MP4FileClose(&handle);
+                if (handle != nullptr) faults += std::to_string(length) + ":open-after-close ";
+            }
+        }
+    }
+    EXPECT_EQ(faults, "");
+}
+
+}  // namespace
