@@ -378,6 +378,9 @@ ChildResult RunInChild(const std::function<int64_t()> &work) {
     return result;
 }
 
+TimeCollector::TimeCollector()
+    : ConsoleReporter(isatty(fileno(stdout)) ? OO_Defaults : OO_Tabular) {}
+
 void TimeCollector::ReportRuns(const std::vector<Run> &runs) {
     for (const Run &run : runs) {
         if (run.run_type != Run::RT_Iteration || run.error_occurred || run.iterations == 0)

@@ -71,6 +71,8 @@ ChildResult RunInChild(const std::function<int64_t()> &work);
 // every benchmark by name ("BM_Name/arg").
 class TimeCollector : public benchmark::ConsoleReporter {
 public:
+    // Colours only on a terminal.
+    TimeCollector();
     void ReportRuns(const std::vector<Run> &runs) override;
     // Seconds per iteration, or 0 when the benchmark did not run.
     double Seconds(const std::string &name) const;
