@@ -32,7 +32,8 @@ void ReleaseHandle(MP4_local_file *file) {
 }
 
 // The handle's slot of a track type; null for a type that has none.
-TrackNode **TrackSlot(WriteForm &form, uint32_t trackType) {
+template <typename Form>
+auto TrackSlot(Form &form, uint32_t trackType) -> decltype(&form.VideoTrack) {
     switch (trackType) {
     case MP4_TRACK_VIDEO: return &form.VideoTrack;
     case MP4_TRACK_AUDIO: return &form.AudioTrack;
@@ -50,7 +51,7 @@ const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t w
                       const uint8_t *config, const char *tempFileName) {
     const WriteForm &form = file->write;
     const bool media = trackType == MP4_TRACK_VIDEO || trackType == MP4_TRACK_AUDIO;
-    if (*TrackSlot(const_cast<WriteForm &>(form), trackType) != nullptr)
+    if (*TrackSlot(form, trackType) != nullptr)
         return "A track of this type already exists in CreateTrack(...) \n";
     if (media && (form.OdTrack != nullptr || form.SceneTrack != nullptr))
         return "Media tracks must be created before the object descriptor and scene tracks in "

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "frame/frame.h"
 #include "support/test_support.h"
 #include "writer/written_file.h"
 
@@ -230,6 +231,30 @@ TEST(Layout, TempFileGoneBeforeTheFlushLeavesAnEmptyFileAndNoTempFiles) {
     EXPECT_TRUE(file.empty());
     EXPECT_FALSE(FileExists(session.videoTemp()));
     EXPECT_FALSE(FileExists(session.audioTemp()));
+}
+
+TEST(Layout, FileThatWouldPassFourGibIsNotWritten) {
+    struct Case {
+        uint32_t totalBytes;  // as if that much had gone to the temp file
+        const char *printed;
+    };
+    const Case kCases[] = {
+        {0xFFFFFFF9u,
+         "the media data passes 4 GiB and can't be described\nThere is error in [mdat] atom\n"
+         "the file is not written\n"},
+        {0xFFFFFF00u, "the file passes 4 GiB and can't be described\nthe file is not written\n"},
+    };
+    for (const Case &c : kCases) {
+        WriteSession session;
+        ASSERT_EQ(session.Video(), 1);
+        ASSERT_EQ(session.AddVideo(Pattern(10, 1), 0, true), 1);
+        session.file()->write.VideoIntake.TotalBytes = c.totalBytes;
+        CaptureStream out(stdout);
+        const Bytes file = session.Flush();
+        EXPECT_EQ(out.Text(), c.printed);
+        EXPECT_TRUE(file.empty());
+        EXPECT_FALSE(FileExists(session.videoTemp()));
+    }
 }
 
 TEST(Layout, FlushOfNullHandleReportsAndGives99) {

@@ -1,0 +1,155 @@
+// Drives the write API with a script taken from the input: tracks of any
+// type with fuzzer-chosen sizes, clocks and configurations, frames of any
+// size, time stamp and key flag, runs of frames across block boundaries;
+// then flushes and reads the file back. A file that is written must open
+// and hand out its samples; the temp files must be gone.
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "mp4core.h"
+
+namespace {
+
+// Reads the input front to back; past its end everything is 0.
+struct Script {
+    const uint8_t *data;
+    size_t size;
+    size_t at = 0;
+    bool Done() const { return at >= size; }
+    uint8_t U8() { return at < size ? data[at++] : 0; }
+    uint16_t U16() { return uint16_t((U8() << 8) | U8()); }
+    uint32_t U32() { return (uint32_t(U16()) << 16) | U16(); }
+    // Up to `count` bytes of the input itself.
+    const uint8_t *Take(size_t count, size_t *taken) {
+        *taken = at < size ? (size - at < count ? size - at : count) : 0;
+        const uint8_t *p = data + (at < size ? at : size);
+        at += *taken;
+        return p;
+    }
+};
+
+std::string gOutput, gVideoTemp, gAudioTemp;
+uint8_t gPattern[4096];
+
+bool Exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+void CreateFromScript(MP4_local_file *file, Script &s) {
+    const uint32_t type = s.U8() % 7;
+    const uint32_t width = s.U8() & 1 ? s.U16() : s.U8() * 16;
+    const uint32_t height = s.U8() & 1 ? s.U16() : s.U8() * 16;
+    const uint16_t resolution = s.U16();
+    const uint8_t clock = s.U8();
+    const uint32_t timescale = clock == 0 ? 0 : clock == 1 ? s.U32() : clock * 1000u;
+    const uint32_t profileLevel = s.U8();
+    const uint32_t audioProfile = s.U8() % 5;
+    const uint32_t channels = s.U8() % 9;
+    const uint32_t rates[] = {0, 44100, 48000, 8000, 7350, 44000, 96000, 1};
+    const uint32_t rate = rates[s.U8() % 8];
+    size_t configSize = s.U8() % 64;
+    const uint8_t *config = s.Take(configSize, &configSize);
+    const bool nullConfig = configSize == 0 && (s.U8() & 1);
+    const uint8_t composition = s.U8() & 1;
+    const char *temp = type == 1 ? gVideoTemp.c_str() : gAudioTemp.c_str();
+    CreateTrack(file, type, width, height, resolution, timescale, profileLevel, audioProfile,
+                channels, rate, uint32_t(configSize), nullConfig ? nullptr : config, temp,
+                composition);
+}
+
+void AddFromScript(MP4_local_file *file, Script &s, uint32_t *videoTime, uint32_t *audioTime) {
+    const uint8_t op = s.U8();
+    const bool video = op & 1;
+    uint32_t &time = video ? *videoTime : *audioTime;
+    if (op & 2) {
+        // A run of equal frames, long enough to cross block boundaries.
+        const uint32_t count = s.U16() % 2600;
+        const uint32_t step = s.U8();
+        const uint32_t keyEvery = s.U8() % 8;
+        const uint32_t size = s.U8();
+        for (uint32_t i = 0; i < count; ++i) {
+            const uint32_t key = keyEvery == 0 ? 0 : (i % keyEvery == 0 ? 1 : 0);
+            if (video) {
+                AddVideoFrame(file, size, gPattern, i, time, key, uint8_t(i & 1));
+            } else {
+                AddAudioFrame(file, size, gPattern, time);
+            }
+            time += step;
+        }
+        return;
+    }
+    size_t size = s.U16() % 600;
+    const uint8_t *bytes = s.Take(size, &size);
+    const uint8_t jump = s.U8();
+    // Mostly forward; now and then back, which the intake refuses.
+    time = jump == 0xFF ? time - s.U16() : time + jump * uint32_t(s.U8() + 1);
+    const uint32_t key = s.U8() % 3;
+    if (video) {
+        AddVideoFrame(file, uint32_t(size), bytes, s.U16(), time, key, s.U8() & 1);
+    } else {
+        AddAudioFrame(file, uint32_t(size), bytes, time);
+    }
+}
+
+// Every sample of every track the reader finds must come out.
+void ReadBack() {
+    MP4_local_file *file = nullptr;
+    if (MP4FileOpen(&file, gOutput.c_str(), 1) != 1) {
+        std::fprintf(stderr, "a written file does not open\n");
+        std::abort();
+    }
+    for (uint32_t id = 1; id <= 5; ++id) {
+        for (int32_t type = 1; type <= 2; ++type) {
+            MP4Sample *sample = nullptr;
+            for (int n = 0; n < 6000 && GetNextSample(file, id, type, &sample) == 1; ++n)
+                SampleDataFree(&sample);
+        }
+    }
+    MP4FileClose(&file);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    const std::string base = "/tmp/mp4core_write_fuzz_" + std::to_string(getpid());
+    gOutput = base + ".mp4";
+    gVideoTemp = base + ".video";
+    gAudioTemp = base + ".audio";
+    for (size_t i = 0; i < sizeof gPattern; ++i) gPattern[i] = uint8_t(i * 13);
+    // The library's diagnostics would drown the fuzzer's own output.
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) return 0;
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    Script s{data, size};
+    MP4_local_file *file = nullptr;
+    if (MP4FileNew(&file, gOutput.c_str()) != 1) return 0;
+    uint32_t videoTime = 0, audioTime = 0;
+    for (int steps = 0; !s.Done() && steps < 64; ++steps) {
+        if (s.U8() % 4 == 0) {
+            CreateFromScript(file, s);
+        } else {
+            AddFromScript(file, s, &videoTime, &audioTime);
+        }
+    }
+    MP4FileFlush(file);
+    if (Exists(gVideoTemp) || Exists(gAudioTemp)) {
+        std::fprintf(stderr, "a temp file outlived the flush\n");
+        std::abort();
+    }
+    FILE *out = std::fopen(gOutput.c_str(), "rb");
+    long length = 0;
+    if (out != nullptr) {
+        std::fseek(out, 0, SEEK_END);
+        length = std::ftell(out);
+        std::fclose(out);
+    }
+    if (length > 0) ReadBack();
+    std::remove(gOutput.c_str());
+    return 0;
+}
