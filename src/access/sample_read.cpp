@@ -34,7 +34,10 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     sample->Data = static_cast<uint8_t *>(std::malloc(record.Size));
     if (sample->Data == nullptr) return codes.NoMemory;
     SetCursor(track, cursor + 1);
-    if (ReadFileAt(root->FileStream, record.FileOffset, sample->Data, record.Size) != record.Size)
+    // Samples lie mostly in file order: the handle's read-ahead window serves
+    // a run of them with one read of the file.
+    if (ReadAheadAt(&file->read.SampleWindow, root, record.FileOffset, sample->Data,
+                    record.Size) != record.Size)
         return codes.ShortRead;
     return 1;
 }

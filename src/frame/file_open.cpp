@@ -101,6 +101,7 @@ uint32_t MP4FileClose(MP4_local_file **file) {
     // The block of EncryptMp4Iod lives until the next call or the close.
     FreeIfSet(form.IodBuffer);
     form.IodBuffer = nullptr;
+    ReleaseReadAhead(&form.SampleWindow);
 
     if (Root_atom *root = handle->RootAtom) {
         if (root->FileStream != nullptr) std::fclose(root->FileStream);

@@ -13,6 +13,7 @@ struct TrackNode;
 struct VideoTrackNode;
 struct AudioTrackNode;
 struct OtherTrackNode;
+struct ReadAhead;
 
 // A path holds at most this many bytes, terminator included.
 constexpr size_t kFilePathBytes = 256;
@@ -47,6 +48,7 @@ struct ReadForm {
     OtherTrackNode *OtherLast;
     int32_t TableMode;
     uint8_t *IodBuffer;      // output of EncryptMp4Iod
+    ReadAhead *SampleWindow; // owned: read-ahead of sample bytes, made on first read
 };
 
 struct WriteForm {
