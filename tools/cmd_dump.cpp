@@ -8,13 +8,39 @@
 #include "atoms/atoms.h"
 #include "frame/frame.h"
 #include "mp4core.h"
+#include "tracks/tracks.h"
 #include "commands.h"
 
 namespace {
 
+template <typename Record>
+bool KeepsTables(const Record *first, const AtomNode *trak) {
+    for (const Record *record = first; record != nullptr; record = record->NextTrack) {
+        if (record->Track != nullptr && record->Track->TrakAtom == trak) return true;
+    }
+    return false;
+}
+
+// Whether the atom lies in a "trak" whose track kept its tables: the open
+// has then expanded the entries of its sample atoms into those tables and
+// freed them.
+bool InExpandedTrack(const MP4_local_file *file, const AtomNode *node) {
+    const AtomNode *trak = node;
+    while (trak != nullptr && !AtomNameEquals(trak->AtomName, "trak")) trak = trak->ParentAtom;
+    if (trak == nullptr) return false;
+    const ReadForm &form = file->read;
+    return KeepsTables(form.VideoFirst, trak) || KeepsTables(form.AudioFirst, trak);
+}
+
+// What follows an entry count whose table the record does not hold.
+const char *MissingTableNote(const MP4_local_file *file, const AtomNode *node) {
+    return InExpandedTrack(file, node) ? " (expanded into the track's tables)"
+                                       : " (table not loaded)";
+}
+
 // Entry count of a table atom as its record holds it, and whether the
 // table came with it.
-void PrintTable(const AtomNode *node, const AtomSchema &schema) {
+void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSchema &schema) {
     if (node->realStructure == nullptr || schema.EntrySize == 0 || schema.HasString) return;
     const uint8_t *record = node->realStructure;
     const bool loaded = GetRecordPointer(node) != nullptr;
@@ -25,21 +51,21 @@ void PrintTable(const AtomNode *node, const AtomSchema &schema) {
             std::printf("  samples=%u constant-size=%u", count, sampleSize);
             return;
         }
-        std::printf("  samples=%u%s", count, loaded ? "" : " (table not loaded)");
+        std::printf("  samples=%u%s", count, loaded ? "" : MissingTableNote(file, node));
         return;
     }
     if (node->AtomSize < 16) return;
     std::printf("  entries=%u%s", GetBE32(record, field::kTableEntryCount),
-                loaded ? "" : " (table not loaded)");
+                loaded ? "" : MissingTableNote(file, node));
 }
 
-void PrintAtom(const AtomNode *node, uint32_t depth) {
+void PrintAtom(const MP4_local_file *file, const AtomNode *node, uint32_t depth) {
     std::printf("%*s[%s] offset=%u size=%u depth=%u", int(depth * 2), "", node->AtomName,
                 node->AtomOffset, node->AtomSize, depth);
     AtomSchema schema{};
     const int32_t known = GetAtomSchema(node, &schema);
     if (known > 0) {
-        PrintTable(node, schema);
+        PrintTable(file, node, schema);
     } else if (IsKnownAtomName(node->AtomName) >= 0) {
         std::printf("  (known, no layout: 8-byte head)");
     } else {
@@ -49,10 +75,10 @@ void PrintAtom(const AtomNode *node, uint32_t depth) {
 }
 
 // The tree's depth is bounded by the reader, so plain recursion serves.
-void PrintTree(const AtomNode *first, uint32_t depth) {
+void PrintTree(const MP4_local_file *file, const AtomNode *first, uint32_t depth) {
     for (const AtomNode *node = first; node != nullptr; node = node->NextSibling) {
-        PrintAtom(node, depth);
-        PrintTree(node->FirstChild, depth + 1);
+        PrintAtom(file, node, depth);
+        PrintTree(file, node->FirstChild, depth + 1);
     }
 }
 
@@ -68,7 +94,7 @@ int RunDump(int argc, char **argv) {
     std::printf("\nMP4FileOpen: %d\n", result);
     if (result != 1) return 1;
     std::printf("file size: %u\n", file->RootAtom->FileSize);
-    PrintTree(file->RootAtom->FirstAtom, 0);
+    PrintTree(file, file->RootAtom->FirstAtom, 0);
     MP4FileClose(&file);
     return 0;
 }

@@ -40,6 +40,24 @@ int32_t FailOpen(MP4_local_file **file, TrackListEntry *rest, TrackNode *node, i
     return code;
 }
 
+// The sample atoms whose entries the fill expands into a track's tables.
+constexpr const char *kExpandedAtoms[] = {"stts", "stsz", "stsc", "stco", "stss"};
+
+// Once a track has its tables, they hold all that the entries of its sample
+// atoms said, and nothing reads those entries again: they are freed, so that
+// the open keeps a sample's record and not its "stsz" entry beside it. The
+// atoms and their heads (entry counts, constant size) stay in the tree.
+void ReleaseExpandedEntries(const AtomNode *trak) {
+    const char *const path[] = {"mdia", "minf", "stbl"};
+    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
+    if (stbl == nullptr) return;
+    for (AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
+        for (const char *name : kExpandedAtoms) {
+            if (AtomNameEquals(child->AtomName, name)) ReleaseVariablePart(child);
+        }
+    }
+}
+
 // Tables for a track whose description has been read. A track whose count
 // the file can't hold, or whose tables can't be made or filled, is given up:
 // its record stays, with Track null.
@@ -51,7 +69,11 @@ void BuildTables(Record *record, uint32_t fileSize, int32_t mode, Create create,
         return;
     }
     record->Track->TrackId = record->TrackId;
-    if (fill(&record->Track) < 1) ReleaseTrackNodes(&record->Track);
+    if (fill(&record->Track) < 1) {
+        ReleaseTrackNodes(&record->Track);
+        return;
+    }
+    ReleaseExpandedEntries(record->Track->TrakAtom);
 }
 
 int32_t OtherNoMemoryCode(int32_t type) {

@@ -9,6 +9,7 @@
 #include "frame/frame.h"
 #include "mp4core.h"
 #include "support/test_support.h"
+#include "tracks/tracks.h"
 
 namespace {
 
@@ -127,8 +128,13 @@ TEST(FileOpen, GoodFileHoldsItsTreeAndRecords) {
     const AtomNode *stsz = WalkPath(moov, path, 5, &missing);
     ASSERT_NE(stsz, nullptr);
     EXPECT_EQ(missing, nullptr);
-    EXPECT_NE(GetRecordPointer(stsz), nullptr);
+    // The track kept its tables: the entries are in them, the atom keeps
+    // its head.
+    EXPECT_EQ(GetRecordPointer(stsz), nullptr);
     EXPECT_EQ(GetBE32(stsz->realStructure, field::kStszSampleCount), 2u);
+    ASSERT_NE(opened.file->read.VideoFirst, nullptr);
+    ASSERT_NE(opened.file->read.VideoFirst->Track, nullptr);
+    EXPECT_EQ(opened.file->read.VideoFirst->Track->SampleCount, 2u);
     MP4FileClose(&opened.file);
 }
 

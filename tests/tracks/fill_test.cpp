@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <optional>
 
@@ -42,25 +43,38 @@ MiniTrack ScannedVideo(const std::vector<uint8_t> &codingTypes, size_t lead = 0)
     return track;
 }
 
-const AtomNode *FirstTrak(const MP4_local_file *handle) {
-    for (const AtomNode *top = handle->RootAtom->FirstAtom; top; top = top->NextSibling) {
+const AtomNode *FirstTrak(const Root_atom &root) {
+    for (const AtomNode *top = root.FirstAtom; top; top = top->NextSibling) {
         if (AtomNameEquals(top->AtomName, "moov")) return FindChild(top, "trak");
     }
     return nullptr;
 }
 
-// Runs create and fill once more on the open file's first track, to see
-// the result that the open turned into a track state.
+// Runs create and fill once more on the file's first track, to see the
+// result that the open turned into a track state. The fill runs on a tree
+// of its own, read as the open reads it: the open's tree no longer holds
+// the entries that it expanded into a track's tables.
 int32_t FillResult(const OpenedFile &opened, bool video, uint32_t count, int32_t mode) {
+    Root_atom root{};
+    root.FileStream = std::fopen(opened.file.c_str(), "rb");
+    root.FileSize = opened.handle->RootAtom->FileSize;
+    EXPECT_NE(root.FileStream, nullptr);
+    EXPECT_EQ(ReadAtomTree(&root), 1);
+    EXPECT_EQ(AllocTreeRecords(&root), 1);
+    ExtractTreeRecords(&root);
     TrackNode *holder = nullptr;
     int32_t created = video ? CreateVideoTables(&holder, int32_t(count), mode)
                             : CreateAudioTables(&holder, int32_t(count), mode);
     EXPECT_EQ(created, 1);
-    holder->TrakAtom = const_cast<AtomNode *>(FirstTrak(opened.handle));
-    CaptureStream quiet(stdout);
-    int32_t result = video ? FillVideoTables(&holder, opened.handle->RootAtom, mode)
-                           : FillAudioTables(&holder, mode);
+    holder->TrakAtom = const_cast<AtomNode *>(FirstTrak(root));
+    int32_t result = 0;
+    {
+        CaptureStream quiet(stdout);
+        result = video ? FillVideoTables(&holder, &root, mode) : FillAudioTables(&holder, mode);
+    }
     ReleaseTrackNodes(&holder);
+    ReleaseAtomList(root.FirstAtom);
+    std::fclose(root.FileStream);
     return result;
 }
 
