@@ -95,12 +95,12 @@ struct OpenMemory {
     bench_support::ChildResult libav;
 };
 
-OpenMemory MeasureOpenMemory(const TestFile &file) {
+OpenMemory MeasureOpenMemory(const TestFile &file, int32_t mode) {
     OpenMemory memory;
-    memory.mp4core = bench_support::RunInChild([&file]() -> int64_t {
+    memory.mp4core = bench_support::RunInChild([&file, mode]() -> int64_t {
         size_t before = bench_support::HeapInUse();
         MP4_local_file *handle = nullptr;
-        if (MP4FileOpen(&handle, file.path.c_str(), MP4_TABLE_KEYFRAMES) != 1) return -1;
+        if (MP4FileOpen(&handle, file.path.c_str(), mode) != 1) return -1;
         return int64_t(bench_support::HeapInUse() - before);
     });
 #if MP4CORE_HAVE_LIBAV
@@ -183,17 +183,33 @@ int main(int argc, char **argv) {
                     Millis(theirOpen).c_str(), Ratio(theirOpen, open).c_str());
     }
     if (!synthetic.empty()) {
-        OpenMemory memory = MeasureOpenMemory(files.back());
+        OpenMemory memory = MeasureOpenMemory(files.back(), MP4_TABLE_KEYFRAMES);
+        OpenMemory marks = MeasureOpenMemory(files.back(), MP4_TABLE_MARKS);
         const uint32_t n = shape.samples;
         std::printf("heap in use after open, %u samples: mp4core %s bytes per sample (target <= "
-                    "24), libavformat %s\n",
+                    "24; mode 2: %s), libavformat %s\n",
                     n, PerSample(memory.mp4core, size_t(memory.mp4core.value), n).c_str(),
+                    PerSample(marks.mp4core, size_t(marks.mp4core.value), n).c_str(),
                     PerSample(memory.libav, size_t(memory.libav.value), n).c_str());
+        std::printf("  of which: the sample table, 24 bytes a sample; in mode 1 the key frame "
+                    "table, 8 bytes a key frame (%.2f a sample here, one key frame in %u)\n",
+                    8.0 / shape.keyInterval, shape.keyInterval);
         std::printf("peak resident growth during open, %u samples: mp4core %s bytes per sample, "
                     "libavformat %s\n",
                     n, PerSample(memory.mp4core, memory.mp4core.PeakGrowth(), n).c_str(),
                     PerSample(memory.libav, memory.libav.PeakGrowth(), n).c_str());
     }
+    std::printf(
+        "\n== What mp4core does to read fast, results unchanged\n"
+        "- sample bytes come through a 128 KB read-ahead window owned by the handle: one pread\n"
+        "  refills it at the sample that is not inside it, so a run of samples in file order\n"
+        "  costs one system call, not one each; samples over 64 KB are read straight into\n"
+        "  their Data. Each sample is still a new MP4Sample with its own Data.\n"
+        "- the key frame scan (video without \"stss\") reads the heads of the samples\n"
+        "  through a 64 KB window as well, instead of a seek and single-byte reads each.\n"
+        "- once a track's tables are filled, the open frees the entries of its \"stts\",\n"
+        "  \"stsz\", \"stsc\", \"stco\" and \"stss\" atoms, which the tables hold in full:\n"
+        "  the open keeps 24 bytes a sample, not 28.6.\n");
     benchmark::Shutdown();
     return 0;
 }
