@@ -1,12 +1,19 @@
 // Authoring: new files, their tracks, and the intake of frames.
 #pragma once
 
+#include <cstddef>
+
 #include "tracks/tracks.h"
 
 // Slots of the sample table of each block of a video or audio track, and
 // of the one block of an object descriptor or scene description track.
 constexpr uint32_t kMediaBlockSlots = 2000;
 constexpr uint32_t kSystemBlockSlots = 100;
+// Bytes of the stream buffer of each temp file: frames reach the temp
+// file in runs of this size rather than one page at a time. A frame of at
+// least this size goes to the file at once, so a failed write of it is
+// reported by its own call.
+constexpr size_t kTempStreamBufferBytes = size_t(64) << 10;
 // The largest decoder configuration a track holds.
 constexpr uint32_t kMaxConfigBytes = sizeof(TrackNode::ConfigBytes);
 

@@ -71,7 +71,27 @@ TrackNode *OpenBlock(TrackNode *last, IntakeState *intake) {
     added->KeyFrameBase = intake->TotalKeyFrames;
     intake->BlockSample = 0;
     intake->BlockKeyFrame = 0;
+    intake->LastBlock = added;
     return added;
+}
+
+// The last block of the chain. Blocks are only ever hung behind the tail,
+// so the walk goes on from the block the intake saw last instead of from
+// the head: one step per frame rather than one per block.
+TrackNode *LastBlockOf(TrackNode *head, IntakeState *intake) {
+    TrackNode *last = intake->LastBlock != nullptr ? intake->LastBlock : head;
+    while (last->NextBlock != nullptr) last = last->NextBlock;
+    intake->LastBlock = last;
+    return last;
+}
+
+// The block in front of `last`, or null when `last` is the head. Needed
+// only for the first frame of a block, so the walk from the head is rare.
+const TrackNode *BlockBefore(const TrackNode *head, const TrackNode *last) {
+    if (head == last) return nullptr;
+    const TrackNode *block = head;
+    while (block->NextBlock != last) block = block->NextBlock;
+    return block;
 }
 
 // A key frame table holds half a block. A stream with more key frames than
@@ -142,19 +162,14 @@ int32_t TakeFrame(MP4_local_file *file, IntakeTarget (*targetOf)(MP4_local_file 
         return kFailed;
     }
 
-    TrackNode *previous = nullptr;
-    TrackNode *last = target.head;
-    while (last->NextBlock != nullptr) {
-        previous = last;
-        last = last->NextBlock;
-    }
+    TrackNode *last = LastBlockOf(target.head, &intake);
     // Durations are differences of neighbouring time stamps, so they must
     // not fall.
     const SampleRecord *before = nullptr;
     if (intake.BlockSample > 0) {
         before = &last->SampleRecords[intake.BlockSample - 1];
-    } else if (previous != nullptr && previous->SampleCount > 0) {
-        before = &previous->SampleRecords[previous->SampleCount - 1];
+    } else if (const TrackNode *previous = BlockBefore(target.head, last)) {
+        if (previous->SampleCount > 0) before = &previous->SampleRecords[previous->SampleCount - 1];
     }
     if (before != nullptr && frame.timeStamp < before->Time) {
         OutputDebugStringA(target.fallingTimeMessage);

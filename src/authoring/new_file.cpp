@@ -259,6 +259,15 @@ int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, ui
     intake = IntakeState{};
     intake.TempFile = temp;
     intake.TempFileName = tempFileName;
+    // Frames are a few hundred bytes to a few kilobytes: through the
+    // default stream buffer of one page each would cost a system call.
+    // Without the larger buffer the stream keeps its own, and works alike.
+    intake.TempBuffer = static_cast<char *>(std::malloc(kTempStreamBufferBytes));
+    if (intake.TempBuffer != nullptr &&
+        std::setvbuf(temp, intake.TempBuffer, _IOFBF, kTempStreamBufferBytes) != 0) {
+        std::free(intake.TempBuffer);
+        intake.TempBuffer = nullptr;
+    }
 
     if (trackType == MP4_TRACK_VIDEO) {
         track->VideoTrackId = track->TrackId;

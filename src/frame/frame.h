@@ -34,6 +34,8 @@ struct IntakeState {
     uint32_t BlockKeyFrame;
     FILE *TempFile;          // owned by the handle
     const char *TempFileName;  // the caller's text; kept, not copied
+    TrackNode *LastBlock;    // last block of the chain seen by the intake, or null
+    char *TempBuffer;        // owned: the temp file's stream buffer, or null
 };
 
 struct ReadForm {

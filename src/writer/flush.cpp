@@ -63,9 +63,13 @@ int32_t MergeChain(TrackNode **slot, const IntakeState &intake, bool video) {
     return 1;
 }
 
+// The stream's buffer is freed only after the stream is closed: the
+// close writes out what the buffer still holds.
 void CloseTempStream(IntakeState &intake) {
     if (intake.TempFile != nullptr) std::fclose(intake.TempFile);
     intake.TempFile = nullptr;
+    std::free(intake.TempBuffer);
+    intake.TempBuffer = nullptr;
 }
 
 // The temp files go by name, video first, and the output is closed.
