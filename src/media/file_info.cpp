@@ -1,5 +1,6 @@
 // GetFileInfo: a one-call summary of a file on disk, from its last video
-// track and its last audio track.
+// track and its last audio track. Also home of the sampling frequency
+// table of the AudioSpecificConfig, which the writer's "esds" reads too.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -22,9 +23,10 @@ constexpr int32_t kInfoOpenFailed = -21;
 constexpr uint32_t kNoVideoProfile = 100;
 constexpr uint32_t kMpegAudioObjectTypes[] = {0x6B, 0x69};
 
-// Sampling frequencies by index; indexes beyond the table give 0.
+// Sampling frequencies by their AudioSpecificConfig index.
 constexpr uint32_t kFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                      22050, 16000, 12000, 11025, 8000,  7350};
+constexpr size_t kFrequencyCount = sizeof kFrequencies / sizeof kFrequencies[0];
 
 // The caller's buffer of GetVideoEsds.
 constexpr size_t kVideoEsdsBytes = 200;
@@ -32,10 +34,6 @@ constexpr size_t kVideoEsdsBytes = 200;
 struct AudioEsdsFields {
     uint32_t MaxBitRate, AvgBitRate, Channels, SampleRate, ObjectType;
 };
-
-uint32_t FrequencyOf(uint32_t index) {
-    return index < sizeof(kFrequencies) / sizeof(kFrequencies[0]) ? kFrequencies[index] : 0;
-}
 
 // A value cut toward zero into a 32-bit field; a negative value keeps its
 // two's complement bits, and a ratio without a meaning gives 0.
@@ -127,7 +125,7 @@ int32_t ParseAudioEsds(const uint8_t *esds, size_t length, AudioEsdsFields *fiel
     AacConfig config;
     if (ReadAacConfig(esds, length, &config) == 1) {
         fields->ObjectType = config.AudioObjectType;
-        fields->SampleRate = FrequencyOf(config.FrequencyIndex);
+        fields->SampleRate = SamplingFrequencyOf(config.FrequencyIndex);
         fields->Channels = config.ChannelConfiguration;
     }
     for (uint32_t mpeg : kMpegAudioObjectTypes) {
@@ -231,6 +229,17 @@ void DescribeAudio(MP4_local_file *file, FileInfo *info) {
 }
 
 }  // namespace
+
+uint32_t SamplingFrequencyOf(uint32_t index) {
+    return index < kFrequencyCount ? kFrequencies[index] : 0;
+}
+
+int32_t SamplingFrequencyIndex(uint32_t sampleRate) {
+    for (size_t i = 0; i < kFrequencyCount; ++i) {
+        if (kFrequencies[i] == sampleRate) return int32_t(i);
+    }
+    return -1;
+}
 
 int32_t GetFileInfo(const char *fileName, FileInfo *info) {
     if (fileName == nullptr) return kInfoCannotOpen;

@@ -52,6 +52,13 @@ struct AacConfig {
 // Result 1, or -1 when the atom ends before those fields.
 int32_t ReadAacConfig(const uint8_t *esds, size_t length, AacConfig *config);
 
+// The sampling frequency table of the AudioSpecificConfig, indexes 0 to 12
+// (96000 down to 7350 Hz), read both ways. The rate of an index, or 0 for
+// an index beyond the table.
+uint32_t SamplingFrequencyOf(uint32_t index);
+// The index of a rate, or -1 when the table does not hold it.
+int32_t SamplingFrequencyIndex(uint32_t sampleRate);
+
 // Channels of the program configuration element that starts at byte 2 of
 // the decoder specific info. Result 1, or -1 when its element flags pass
 // the end of the `length` bytes.

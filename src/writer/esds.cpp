@@ -5,15 +5,12 @@
 #include <cstring>
 
 #include "atoms/atoms.h"
+#include "media/media.h"
 #include "writer/writer.h"
 
 namespace {
 
 constexpr int32_t kFailed = -99;
-
-// Sampling frequencies by their AudioSpecificConfig index.
-constexpr uint32_t kSamplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                             22050, 16000, 12000, 11025, 8000,  7350};
 
 // Media "esds" layout. Each length is one byte behind three bytes 0x80.
 constexpr size_t kEsdsFixed = 46;  // the atom without decoder specific information
@@ -166,13 +163,6 @@ int32_t FillConstantEsds(AtomNode *node, const uint8_t *bytes, size_t count) {
 }
 
 }  // namespace
-
-int32_t SamplingFrequencyIndex(uint32_t sampleRate) {
-    for (size_t i = 0; i < sizeof kSamplingFrequencies / sizeof kSamplingFrequencies[0]; ++i) {
-        if (kSamplingFrequencies[i] == sampleRate) return int32_t(i);
-    }
-    return -1;
-}
 
 int32_t SerializeEsds(AtomNode *node, TrackNode *track) {
     uint8_t info[sizeof kSequenceHeader + sizeof track->ConfigBytes];

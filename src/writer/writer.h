@@ -31,8 +31,6 @@ int32_t SizeFileAtom(AtomNode *node, MP4_local_file *file);
 // ---- Elementary stream descriptors (esds.cpp) ------------------------------
 
 int32_t SerializeEsds(AtomNode *node, TrackNode *track);
-// AudioSpecificConfig index of a sampling frequency, or -1 if it has none.
-int32_t SamplingFrequencyIndex(uint32_t sampleRate);
 
 // ---- Sample tables (serialize_tables.cpp) ----------------------------------
 
