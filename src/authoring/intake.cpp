@@ -11,12 +11,11 @@ namespace {
 
 constexpr int32_t kFailed = -99;
 
-// What differs between the two intake calls: the track, its counters and
-// the texts of their messages.
-struct IntakeTarget {
-    TrackNode *head;
-    IntakeState *intake;
-    bool video;
+// What differs between the two intake calls: the track and counters of
+// the handle they use, and the texts of their messages.
+struct IntakeKind {
+    TrackNode *WriteForm::*track;
+    IntakeState WriteForm::*intake;
     const char *noTrackMessage;
     const char *noBlockMessage;
     const char *shortWriteMessage;
@@ -24,27 +23,23 @@ struct IntakeTarget {
     const char *fallingTimeMessage;
 };
 
-IntakeTarget VideoTarget(MP4_local_file *file) {
-    return {file->write.VideoTrack,
-            &file->write.VideoIntake,
-            true,
-            "there is no VideoTrackNode in the input MP4_local_file\n",
-            "Can't create Sample and KeyFrame table for VideoTrackNode in AddVideoFrame(...) \n",
-            "the size of data written to temp video file is error!\n",
-            "the temp video file would pass 4 GiB in AddVideoFrame(...) \n",
-            "the time stamp falls below the previous frame's in AddVideoFrame(...) \n"};
-}
+constexpr IntakeKind kVideoKind = {
+    &WriteForm::VideoTrack,
+    &WriteForm::VideoIntake,
+    "there is no VideoTrackNode in the input MP4_local_file\n",
+    "Can't create Sample and KeyFrame table for VideoTrackNode in AddVideoFrame(...) \n",
+    "the size of data written to temp video file is error!\n",
+    "the temp video file would pass 4 GiB in AddVideoFrame(...) \n",
+    "the time stamp falls below the previous frame's in AddVideoFrame(...) \n"};
 
-IntakeTarget AudioTarget(MP4_local_file *file) {
-    return {file->write.AudioTrack,
-            &file->write.AudioIntake,
-            false,
-            "there is no AudioTrackNode in the input MP4_local_file\n",
-            "Can't create Sample and KeyFrame table for AudiTrackNode in AddAudioFrame(...) \n",
-            "the size of data written to temp audio file is error!\n",
-            "the temp audio file would pass 4 GiB in AddAudioFrame(...) \n",
-            "the time stamp falls below the previous frame's in AddAudioFrame(...) \n"};
-}
+constexpr IntakeKind kAudioKind = {
+    &WriteForm::AudioTrack,
+    &WriteForm::AudioIntake,
+    "there is no AudioTrackNode in the input MP4_local_file\n",
+    "Can't create Sample and KeyFrame table for AudiTrackNode in AddAudioFrame(...) \n",
+    "the size of data written to temp audio file is error!\n",
+    "the temp audio file would pass 4 GiB in AddAudioFrame(...) \n",
+    "the time stamp falls below the previous frame's in AddAudioFrame(...) \n"};
 
 struct Frame {
     uint32_t size;
@@ -140,39 +135,38 @@ void UpdateBitRates(TrackNode *head, const TrackNode *last, const IntakeState &i
     head->MaxBitRate = ThroughFloat(uint32_t(last->PeakBytes) * 8u);
 }
 
-int32_t TakeFrame(MP4_local_file *file, IntakeTarget (*targetOf)(MP4_local_file *),
-                  const Frame &frame) {
+int32_t TakeFrame(MP4_local_file *file, const IntakeKind &kind, const Frame &frame) {
     if (file == nullptr) {
         OutputDebugStringA("the input parameter for MP4_local_file is empty\n");
         return kFailed;
     }
-    const IntakeTarget target = targetOf(file);
-    if (target.head == nullptr) {
-        OutputDebugStringA(target.noTrackMessage);
+    TrackNode *head = file->write.*kind.track;
+    if (head == nullptr) {
+        OutputDebugStringA(kind.noTrackMessage);
         return kFailed;
     }
-    IntakeState &intake = *target.intake;
+    IntakeState &intake = file->write.*kind.intake;
     if (intake.TempFile == nullptr || (frame.data == nullptr && frame.size != 0)) {
-        OutputDebugStringA(target.shortWriteMessage);
+        OutputDebugStringA(kind.shortWriteMessage);
         return kFailed;
     }
     // Sizes and offsets in the file are 32 bits wide.
     if (frame.size > UINT32_MAX - intake.TotalBytes) {
-        OutputDebugStringA(target.tooLargeMessage);
+        OutputDebugStringA(kind.tooLargeMessage);
         return kFailed;
     }
 
-    TrackNode *last = LastBlockOf(target.head, &intake);
+    TrackNode *last = LastBlockOf(head, &intake);
     // Durations are differences of neighbouring time stamps, so they must
     // not fall.
     const SampleRecord *before = nullptr;
     if (intake.BlockSample > 0) {
         before = &last->SampleRecords[intake.BlockSample - 1];
-    } else if (const TrackNode *previous = BlockBefore(target.head, last)) {
+    } else if (const TrackNode *previous = BlockBefore(head, last)) {
         if (previous->SampleCount > 0) before = &previous->SampleRecords[previous->SampleCount - 1];
     }
     if (before != nullptr && frame.timeStamp < before->Time) {
-        OutputDebugStringA(target.fallingTimeMessage);
+        OutputDebugStringA(kind.fallingTimeMessage);
         return kFailed;
     }
     // A block that could not be opened after the last frame is tried again
@@ -180,13 +174,13 @@ int32_t TakeFrame(MP4_local_file *file, IntakeTarget (*targetOf)(MP4_local_file 
     if (intake.BlockSample >= last->SampleCapacity) {
         TrackNode *added = OpenBlock(last, &intake);
         if (added == nullptr) {
-            OutputDebugStringA(target.noBlockMessage);
+            OutputDebugStringA(kind.noBlockMessage);
             return kFailed;
         }
         last = added;
     }
     if (frame.keyFrame && !MakeKeyFrameRoom(last, intake)) {
-        OutputDebugStringA(target.noBlockMessage);
+        OutputDebugStringA(kind.noBlockMessage);
         return kFailed;
     }
 
@@ -220,20 +214,20 @@ int32_t TakeFrame(MP4_local_file *file, IntakeTarget (*targetOf)(MP4_local_file 
         }
     }
 
-    const uint32_t second = frame.timeStamp / target.head->Timescale;
+    const uint32_t second = frame.timeStamp / head->Timescale;
     UpdateRateWindow(last, int32_t(second), frame.size);
-    UpdateBitRates(target.head, last, intake, second);
+    UpdateBitRates(head, last, intake, second);
 
     // The frame is written even when the next block failed, so that the
     // tables and the temp file agree.
     const size_t written =
         frame.size == 0 ? 0 : std::fwrite(frame.data, 1, frame.size, intake.TempFile);
     if (written != frame.size) {
-        OutputDebugStringA(target.shortWriteMessage);
+        OutputDebugStringA(kind.shortWriteMessage);
         return kFailed;
     }
     if (blockFailed) {
-        OutputDebugStringA(target.noBlockMessage);
+        OutputDebugStringA(kind.noBlockMessage);
         return kFailed;
     }
     return 1;
@@ -246,11 +240,11 @@ int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize, const uint8_t *f
                       uint8_t hasCompositionOffset) {
     const Frame frame{frameSize, frameData, timeStamp, keyFrame == 1, hasCompositionOffset != 0,
                       compositionOffset};
-    return TakeFrame(file, VideoTarget, frame);
+    return TakeFrame(file, kVideoKind, frame);
 }
 
 int32_t AddAudioFrame(MP4_local_file *file, uint32_t frameSize, const uint8_t *frameData,
                       uint32_t timeStamp) {
     const Frame frame{frameSize, frameData, timeStamp, false, false, 0};
-    return TakeFrame(file, AudioTarget, frame);
+    return TakeFrame(file, kAudioKind, frame);
 }

@@ -29,6 +29,15 @@ void AppendTrack(AtomNode *moov, AtomNode **last, const TrackNode *track) {
     *last = trak;
 }
 
+// A child by name, or null after the message that names it and `owner`,
+// the atom the search is reported against ("trak" also for the "mdhd" of
+// its "mdia").
+AtomNode *FindChildOrReport(AtomNode *parent, const char *name, const char *owner) {
+    AtomNode *child = FindChild(parent, name);
+    if (child == nullptr) std::printf("no [%s] atom in input [%s] atom's child!!\n", name, owner);
+    return child;
+}
+
 uint32_t GeneratedSize(const TrackNode *track) {
     return track != nullptr ? track->SampleRecords[0].Size : 0;
 }
@@ -93,11 +102,8 @@ int32_t AssembleMovie(Root_atom *root, MP4_local_file *file) {
         ShiftChunkOffsets(form.SceneTrack->TrakAtom, uint32_t(sceneOffset));
 
     // The movie takes the video track's time, else the audio track's.
-    AtomNode *mvhd = FindChild(moov, "mvhd");
-    if (mvhd == nullptr) {
-        std::printf("no [mvhd] atom in input [moov] atom's child!!\n");
-        return 1;
-    }
+    AtomNode *mvhd = FindChildOrReport(moov, "mvhd", "moov");
+    if (mvhd == nullptr) return 1;
     const TrackNode *timed = form.VideoTrack != nullptr ? form.VideoTrack : form.AudioTrack;
     if (timed != nullptr) {
         PutBE32(mvhd->realStructure, field::kMvhdTimescale, timed->Timescale);
@@ -125,22 +131,12 @@ int32_t ShiftChunkOffsets(AtomNode *trak, uint32_t delta) {
 
 int32_t PatchTrackDuration(AtomNode *trak, uint32_t duration) {
     if (!IsTrak(trak)) return kFailed;
-    AtomNode *tkhd = FindChild(trak, "tkhd");
-    if (tkhd == nullptr) {
-        std::printf("no [tkhd] atom in input [trak] atom's child!!\n");
-        return kFailed;
-    }
+    AtomNode *tkhd = FindChildOrReport(trak, "tkhd", "trak");
+    if (tkhd == nullptr) return kFailed;
     PutBE32(tkhd->realStructure, field::kTkhdDuration, duration);
-    AtomNode *mdia = FindChild(trak, "mdia");
-    if (mdia == nullptr) {
-        std::printf("no [mdia] atom in input [trak] atom's child!!\n");
-        return kFailed;
-    }
-    AtomNode *mdhd = FindChild(mdia, "mdhd");
-    if (mdhd == nullptr) {
-        std::printf("no [mdhd] atom in input [trak] atom's child!!\n");
-        return kFailed;
-    }
+    AtomNode *mdia = FindChildOrReport(trak, "mdia", "trak");
+    AtomNode *mdhd = mdia != nullptr ? FindChildOrReport(mdia, "mdhd", "trak") : nullptr;
+    if (mdhd == nullptr) return kFailed;
     PutBE32(mdhd->realStructure, field::kMdhdDuration, duration);
     return 1;
 }
