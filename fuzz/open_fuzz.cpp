@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <string>
 
+#include "memory_file.h"
 #include "mp4core.h"
 
 namespace {
@@ -17,17 +18,6 @@ namespace {
 // its /proc path, so that no run touches the disk.
 int g_fd = -1;
 std::string g_path;
-
-bool WriteInput(const uint8_t *data, size_t size) {
-    if (ftruncate(g_fd, 0) != 0) return false;
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = pwrite(g_fd, data + done, size - done, off_t(done));
-        if (n <= 0) return false;
-        done += size_t(n);
-    }
-    return true;
-}
 
 // Calls on a handle that opened with 1. Nothing yet beyond the open itself.
 void ExerciseHandle(MP4_local_file *file, int32_t tableMode) {
@@ -47,7 +37,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (!WriteInput(data, size)) return 0;
+    if (!WriteInput(g_fd, data, size)) return 0;
     for (int32_t tableMode : {1, 2, 3, 0, 4}) {
         MP4_local_file *file = nullptr;
         const int32_t result = MP4FileOpen(&file, g_path.c_str(), tableMode);

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "memory_file.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
 
@@ -17,17 +18,6 @@ namespace {
 // its /proc path, so that no run touches the disk.
 int g_fd = -1;
 std::string g_path;
-
-bool WriteInput(const uint8_t *data, size_t size) {
-    if (ftruncate(g_fd, 0) != 0) return false;
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = pwrite(g_fd, data + done, size - done, off_t(done));
-        if (n <= 0) return false;
-        done += size_t(n);
-    }
-    return true;
-}
 
 void ReadTrack(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t count) {
     // -82 moves the cursor on; any other result but 1 ends the track.
@@ -58,7 +48,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (g_fd < 0 || !WriteInput(data, size)) return 0;
+    if (g_fd < 0 || !WriteInput(g_fd, data, size)) return 0;
     for (int32_t mode = 1; mode <= 3; ++mode) {
         MP4_local_file *file = nullptr;
         if (MP4FileOpen(&file, g_path.c_str(), mode) != 1) continue;
