@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "frame/frame.h"
+#include "media/media.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
 
@@ -113,14 +114,6 @@ void PutBlock(BitSink *sink, const Block &block) {
     at[0] = uint8_t(block.Size);
     if (block.Size) memcpy(at + 1, block.Bytes, block.Size);
     sink->BitPosition += 8 * (size_t(block.Size) + 1);
-}
-
-void FreeMediaInfo(Mp4MediaInfo *info) {
-    if (info == nullptr) return;
-    free(info->EsdsData);
-    free(info->D263Data);
-    free(info->DamrData);
-    free(info);
 }
 
 }  // namespace

@@ -67,14 +67,6 @@ uint32_t BitRate(uint32_t bits, uint32_t duration, uint32_t timescale) {
     return CutToField(double(int32_t(bits)) / seconds);
 }
 
-void FreeMediaInfo(Mp4MediaInfo *info) {
-    if (info == nullptr) return;
-    free(info->EsdsData);
-    free(info->D263Data);
-    free(info->DamrData);
-    free(info);
-}
-
 // Copies the "esds" atom of the video track in VideoCurrent, the first
 // child of its "mp4v" entry, cut to the buffer and to the atom's record.
 int32_t GetVideoEsds(MP4_local_file *file, uint8_t *buffer, size_t bufferBytes, uint32_t *size) {

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "mp4core.h"
+
 // Parses a video object start code directly followed by a video object
 // layer header, from `data`, reading at most `length` bytes. `width` and
 // `height` are written once the parse reaches them, `headerSize` only on
@@ -94,3 +96,7 @@ size_t AtomRecordBytes(const AtomNode *atom);
 // its offset and size as its length byte states, cut to the atom. Result
 // 1, or -1 when the atom has none inside it.
 int32_t FindDecoderSpecificInfo(const uint8_t *esds, size_t length, size_t *offset, size_t *size);
+
+// Releases what RetMp4MediaInfo gave: the data blocks, then the record.
+// Null is allowed.
+void FreeMediaInfo(Mp4MediaInfo *info);

@@ -132,6 +132,14 @@ int32_t FillData(const EntryRow &row, const AtomNode *child, Mp4MediaInfo *info)
 
 }  // namespace
 
+void FreeMediaInfo(Mp4MediaInfo *info) {
+    if (info == nullptr) return;
+    free(info->EsdsData);
+    free(info->D263Data);
+    free(info->DamrData);
+    free(info);
+}
+
 int32_t RetMp4MediaInfo(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                         Mp4MediaInfo **info) {
     if (file == nullptr || trackId == 0 || info == nullptr) return kInfoBadArguments;

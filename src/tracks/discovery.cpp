@@ -57,6 +57,20 @@ const AtomNode *WalkOrReport(const AtomNode *atom, std::initializer_list<const c
     return found;
 }
 
+// The time scale and duration of a track from its "mdhd"; false when the
+// atom is not a "trak" or the header is missing. A header without a record
+// leaves both untouched.
+bool ReadMediaTimes(const AtomNode *trakAtom, uint32_t *timescale, uint32_t *duration) {
+    if (!IsTrak(trakAtom)) return false;
+    const AtomNode *mdhd = WalkOrReport(trakAtom, {"mdia", "mdhd"});
+    if (mdhd == nullptr) return false;
+    if (mdhd->realStructure != nullptr) {
+        *timescale = GetBE32(mdhd->realStructure, field::kMdhdTimescale);
+        *duration = GetBE32(mdhd->realStructure, field::kMdhdDuration);
+    }
+    return true;
+}
+
 bool LooksLikeVolStart(const uint8_t *p) {
     return p[0] == 0 && p[1] == 0 && p[2] == 1 && p[4] == 0 && p[5] == 0 && p[6] == 1 &&
            p[7] == 0x20;
@@ -140,12 +154,8 @@ int32_t GetTrackType(AtomNode *trakAtom, int32_t *type) {
 }
 
 int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record) {
-    if (!IsTrak(trakAtom)) return kTrackInfoFailed;
-    const AtomNode *mdhd = WalkOrReport(trakAtom, {"mdia", "mdhd"});
-    if (mdhd == nullptr) return kTrackInfoFailed;
-    if (mdhd->realStructure != nullptr) {
-        record->Timescale = GetBE32(mdhd->realStructure, field::kMdhdTimescale);
-        record->TrackDuration = GetBE32(mdhd->realStructure, field::kMdhdDuration);
+    if (!ReadMediaTimes(trakAtom, &record->Timescale, &record->TrackDuration)) {
+        return kTrackInfoFailed;
     }
     const AtomNode *stsd = WalkOrReport(trakAtom, {"mdia", "minf", "stbl", "stsd"});
     if (stsd == nullptr) return kTrackInfoFailed;
@@ -174,12 +184,8 @@ int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record) {
 }
 
 int32_t ReadAudioTrackInfo(AtomNode *trakAtom, AudioTrackNode *record) {
-    if (!IsTrak(trakAtom)) return kTrackInfoFailed;
-    const AtomNode *mdhd = WalkOrReport(trakAtom, {"mdia", "mdhd"});
-    if (mdhd == nullptr) return kTrackInfoFailed;
-    if (mdhd->realStructure != nullptr) {
-        record->Timescale = GetBE32(mdhd->realStructure, field::kMdhdTimescale);
-        record->TrackDuration = GetBE32(mdhd->realStructure, field::kMdhdDuration);
+    if (!ReadMediaTimes(trakAtom, &record->Timescale, &record->TrackDuration)) {
+        return kTrackInfoFailed;
     }
     const AtomNode *stbl = WalkOrReport(trakAtom, {"mdia", "minf", "stbl"});
     if (stbl == nullptr) return kTrackInfoFailed;
