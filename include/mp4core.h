@@ -8,7 +8,8 @@
  *    mean different things in different calls: see each call.
  *  - Times are ticks of the track's own timescale ("mdhd"); the first sample
  *    of a track read from a file has time 0. Sample numbers are 0-based.
- *  - Out arguments are written only on success.
+ *  - Out arguments are written only on success, unless a call says
+ *    otherwise.
  *  - Everything handed to the caller is a separate malloc'd block that does
  *    not depend on the handle: MP4Sample records go back through
  *    SampleDataFree, other blocks through MP4freeData.
@@ -150,34 +151,198 @@ int32_t decore(uint32_t command, DecoreFrame *frame, void *context);
 
 /* ---- Handles ---------------------------------------------------------- */
 
+/* MP4FileOpen reads the index of a file into memory: its atoms, its tracks
+ * and one record per sample. After it, the sample calls go to the file
+ * only for sample bytes.
+ *   file       receives the read handle, which the caller ends with
+ *              MP4FileClose; holds null after any result but 1. A null
+ *              file gives -99 and nothing is written.
+ *   path       the file; at most 255 characters.
+ *   tableMode  MP4_TABLE_KEYFRAMES (needed by Mp4VideoSeek),
+ *              MP4_TABLE_MARKS or MP4_TABLE_MARKS_ALT.
+ * Results: 1 open; a track that can't be read is left out or stays
+ * unusable (the sample calls report it), and a file without tracks opens
+ * too. -99 file or path null, or path longer than 255; -98 no memory for
+ * the handle; -97 no memory for the file record; -96 the file can't be
+ * opened or its top-level atoms can't be read; -95 the file is empty or
+ * 2 GiB or more, or no memory for the atom records; -94 tableMode is not
+ * 1, 2 or 3 (checked after the file is opened and measured), or no memory
+ * for a track record or a video track; -93 no memory for an audio track;
+ * -92, -91, -90 no memory for a hint, object descriptor or scene
+ * description track.
+ * Threads: any; opens of different files may run at the same time. */
 MP4CORE_API int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode);
+
+/* MP4FileClose ends a read handle: releases its tracks, its atom tree, the
+ * block of EncryptMp4Iod, and closes the file; then nulls *file. Samples
+ * and media information handed out before stay valid. A null file or
+ * *file does nothing, so a second close is harmless. Never give it a write
+ * handle.
+ * Result: always 1.
+ * Threads: the handle's thread. */
 MP4CORE_API uint32_t MP4FileClose(MP4_local_file **file);
+
+/* MP4FileNew creates (or empties) the file at path and gives a write
+ * handle for CreateTrack, AddVideoFrame and AddAudioFrame. Nothing but the
+ * empty file exists on disk until MP4FileFlush, the only call that ends
+ * the handle (MP4FileClose must not be used on it).
+ *   file  receives the write handle; null after a failure. A null file
+ *         gives -99 and nothing is written.
+ *   path  the output file; at most 255 characters.
+ * Results: 1 done; -99 file or path null, path longer than 255, the file
+ * can't be created, or no memory (a diagnostic goes to standard error).
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
+
+/* MP4FileFlush writes the finished file of a write handle ("ftyp", "moov",
+ * then "mdat" with all video, all audio and the two generated samples),
+ * closes it, removes the temp files and releases the handle, which is gone
+ * afterwards whatever happened: the caller's pointer dangles. A step that
+ * fails is reported on standard output, and if the tables could not be
+ * completed the output file is left empty rather than written wrong.
+ *   file  the write handle from MP4FileNew (the pointer, not its address).
+ * Results: 1 the flush ran to its end (also when a step reported an error
+ * on the way); -99 file is null, nothing happened.
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
 
 /* ---- Sample access ---------------------------------------------------- */
 
+/* The sample calls share their arguments:
+ *   file       a read handle from MP4FileOpen.
+ *   trackId    the track's ID ("tkhd"); 0 is refused.
+ *   trackType  MP4_TRACK_VIDEO or MP4_TRACK_AUDIO: the list in which the ID
+ *              is looked up. Other tracks can't be read.
+ *   sample     receives a new MP4Sample on result 1, untouched otherwise.
+ *              The record is the caller's, released with SampleDataFree,
+ *              before or after MP4FileClose.
+ * Each track has its own cursor, the number of the sample that the next
+ * GetNextSample gives; it starts at 0. The handle remembers the last video
+ * and the last audio track asked for, and moves to a track as soon as its
+ * ID is found, even when the call then fails.
+ * Threads: all sample calls on one handle share its file position and
+ * cursors: one thread at a time per handle. */
+
+/* GetNextSample gives the sample under the cursor and moves the cursor
+ * behind it.
+ * GetSample gives the last sample at or before time (ticks; 0 or below:
+ * the first sample, past the end: the last), without regard to key frames,
+ * and leaves the cursor behind it.
+ * Results of both:
+ *    1  *sample holds a new record.
+ *    0  end of track: the cursor stands behind the last sample, or the
+ *       track has no samples (a video track of a single sample reads
+ *       as empty).
+ *  -99  file or sample null, or trackId 0.
+ *  -98  video: the file has no video track.
+ *  -97  video: no track was in use and the ID is not found or unusable.
+ *  -96  video: another track was in use and the ID is not found or
+ *       unusable.
+ *  -95, -94, -93  audio: as -98, -97, -96.
+ *  -92  trackType is neither 1 nor 2.
+ *  -91  no memory for the record.
+ *  -90  video: the track in use is unusable (its tables could not be
+ *       built).
+ *  -89  video: the track has no sample table.
+ *  -88  video: no memory for the sample's bytes (the cursor stays on
+ *       the sample).
+ *  -87  video: the sample's size is 0 (the cursor stays on the sample).
+ *  -86, -85, -84, -83  audio: as -90, -89, -88, -87.
+ *  -82  the file holds fewer bytes than the sample needs; the cursor
+ *       moves on past it. */
 MP4CORE_API int32_t GetNextSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                   MP4Sample **sample);
 MP4CORE_API int32_t GetSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                               int32_t time, MP4Sample **sample);
+
+/* SampleDataFree releases an MP4Sample and its Data, and nulls *sample.
+ * A null sample or *sample frees nothing. Result: always 1.
+ * Threads: any; it touches only the record. */
 MP4CORE_API int32_t SampleDataFree(MP4Sample **sample);
+
+/* MP4freeData releases one block that the library handed out whole (an
+ * Mp4MediaInfo record and each of its data blocks, the blocks of
+ * IodConfigs) and nulls *block. It does not look inside the block: free an
+ * Mp4MediaInfo's data blocks first, and never an MP4Sample with it. A null
+ * block or *block frees nothing. Result: always 1.
+ * Threads: any; it touches only the block. */
 MP4CORE_API int32_t MP4freeData(void **block);
+
+/* SeekTrack moves the cursor to time (ticks) and reads the sample there,
+ * as GetSample does, but a video track lands on the last key frame at or
+ * before time (before the first one: sample 0; for a time of 0 or below
+ * with MP4_TABLE_KEYFRAMES: the first key frame); an audio track on the
+ * last sample at or before time. The cursor ends behind that sample.
+ * Results: those of GetSample, 1 down to -82, with the same meanings. */
 MP4CORE_API int32_t SeekTrack(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                               int32_t time, MP4Sample **sample);
+
+/* SeekTrackPos chooses the sample as SeekTrack does but reads nothing: it
+ * leaves the cursor on that sample, so that GetNextSample gives it next,
+ * and stores the sample's time (ticks) in *position.
+ *   position  receives the time on result 1, untouched otherwise.
+ * Results: 1 done; 0 the track has no samples; -99 file or position null,
+ * or trackId 0; -98 to -92 as for GetNextSample; -91 video: the track in
+ * use is unusable; -90 video: no sample table; -89, -88 audio:
+ * as -91, -90. Allocates nothing and does not read the file. */
 MP4CORE_API int32_t SeekTrackPos(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                  int32_t time, uint32_t *position);
+
+/* NextKeyFrame and PrevKeyFrame step a video track from its cursor to a
+ * key frame and give that key frame as GetNextSample would, leaving the
+ * cursor behind it. A cursor on a key frame gives that key frame in both
+ * directions. Otherwise NextKeyFrame goes forward to the next key frame
+ * (none left: sample 0), and PrevKeyFrame back to the key frame before the
+ * nearest one behind the cursor (none: round to the last key frame). The
+ * ends of a track that has samples are never reported.
+ * Results of both:
+ *    1  *sample holds a new record.
+ *    0  the track has no samples.
+ *  -99  file or sample null, or trackId 0.
+ *  -98, -97, -96  video track not found, as for GetNextSample.
+ *  -95  trackType is MP4_TRACK_AUDIO: audio has no key frames.
+ *  -94  trackType is neither 1 nor 2.
+ *  -93  no memory for the record.
+ *  -91  the track in use is unusable.
+ *  -90  the track has no sample table.
+ *  -89  no memory for the sample's bytes.
+ *  -88  the key frame's size is 0.
+ *  -87  the file holds fewer bytes than the key frame needs.
+ * On -89 and -88 the cursor stays on the chosen key frame, on -87 it
+ * stands behind it. */
 MP4CORE_API int32_t NextKeyFrame(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                  MP4Sample **sample);
 MP4CORE_API int32_t PrevKeyFrame(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                  MP4Sample **sample);
+
 /* Mp4VideoSeek brings the video track last used (after MP4FileOpen the
- * first one) and the caller's decoder to sample sampleNumber; the file must
- * be opened with MP4_TABLE_KEYFRAMES. Results: 1 done; -1 bad arguments,
- * no such track or table, or no key frame at or before the target; -2 no
- * decore is linked into the application (checked first, nothing moved);
- * -31 a key frame step failed; -32 decore failed on the key frame; -33
- * a sample could not be read or decore failed while samples were fed. */
+ * first one) and the caller's decoder to sample sampleNumber: it steps to
+ * the key frame at or before the target and hands it to decore; for a
+ * target that is no key frame it then feeds decore the samples from that
+ * key frame up to the one before the target, so that the next
+ * GetNextSample gives the target. Every sample it fetches is
+ * released before it returns. It prints the list of video tracks
+ * ("VIDEO:Track ID[..] ...") on standard output.
+ *   file          read handle opened with MP4_TABLE_KEYFRAMES.
+ *   reserved      must be 0.
+ *   sampleNumber  0-based target, at most the track's sample count.
+ *   result        receives the low 32 bits of DecoreFrame word 1 on
+ *                 result 1, untouched otherwise.
+ *   contextWord   stored in slot MP4_DECORE_CONTEXT_SLOT of context before
+ *                 the first decore call; must not be null.
+ *   context       the decoder's context, passed to decore.
+ *   frameWord0-3  the first contents of the DecoreFrame (word 0 is
+ *                 replaced by each sample's address).
+ * Results: 1 done; -1 bad arguments (null file, result, contextWord or
+ * context, reserved not 0, target out of range), no video track, an
+ * unusable track or one without key frame table, or no key frame at or
+ * before the target (nothing written or moved); -2 no decore is linked
+ * into the application (checked first, nothing moved); -31 a key frame
+ * step failed; -32 decore failed on the key frame; -33 a sample could not
+ * be read, or decore failed, while samples were fed. After -31 to -33 the
+ * cursor stays where the failure left it and the decoder keeps what it
+ * has seen.
+ * Threads: the handle's thread; decore runs on it, inside the call. */
 MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_t sampleNumber,
                                  uint32_t *result, void *contextWord, void *context,
                                  uintptr_t frameWord0, uintptr_t frameWord1,
@@ -185,31 +350,175 @@ MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_
 
 /* ---- Authoring -------------------------------------------------------- */
 
+/* CreateTrack adds a track to a write handle and gives it the next track
+ * ID (1, 2, ... in the order of successful calls). At most one track of
+ * each type; create the video and audio tracks first, then the object
+ * descriptor track, then the scene description track, whose generated
+ * samples describe the media tracks that exist at that moment.
+ *   file              write handle from MP4FileNew.
+ *   trackType         MP4_TRACK_VIDEO, _AUDIO, _OD or _SCENE.
+ *   width, height     picture size (16 bits kept). Video with both 0 and a
+ *                     config: read from the config's video object layer.
+ *   timeResolution    video: time increment resolution, written into the
+ *                     header the library builds when there is no config.
+ *   timescale         ticks per second of the track's times; not 0.
+ *   profileLevel      video: profile and level indication.
+ *   audioProfile      audio: audio object type less 1; with audioChannels
+ *   audioChannels     and audioSampleRate it makes the decoder
+ *   audioSampleRate   configuration when config is absent.
+ *   configSize        video, audio: bytes of config, at most 52.
+ *   config            video, audio: decoder configuration, copied; null
+ *                     only with configSize 0.
+ *   tempFileName      video, audio: temp file for the frames, created now
+ *                     and removed by the flush. The library keeps the
+ *                     pointer: the text must stay valid until MP4FileFlush
+ *                     has returned. Not the other media track's name nor
+ *                     the output's.
+ *   compositionTimes  video: non-zero writes composition offsets ("ctts").
+ * Results: 1 done; -99 for every failure, with a diagnostic on standard
+ * error ("unsupport track type" on standard output): file null, a bad
+ * trackType, a second track of a type, a media track after an object
+ * descriptor or scene track, timescale 0, config too long or missing, no
+ * temp file name or one already in use, video above 8191 wide or high
+ * without config, the temp file can't be created, no memory. Refusals use
+ * no ID; a failure after the ID was given (no memory, temp file) uses it
+ * up and leaves the slot empty.
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width,
                                 uint32_t height, uint16_t timeResolution, uint32_t timescale,
                                 uint32_t profileLevel, uint32_t audioProfile,
                                 uint32_t audioChannels, uint32_t audioSampleRate,
                                 uint32_t configSize, const uint8_t *config,
                                 const char *tempFileName, uint8_t compositionTimes);
+
+/* AddVideoFrame appends one frame to the video track: its bytes to the
+ * temp file, its size, time and key frame mark to the track's tables. The
+ * first frame should be a key frame: the writer starts a chunk at each.
+ *   frameSize, frameData  the frame; frameData is not kept.
+ *   compositionOffset     composition less decoding time, in ticks; kept
+ *                         only when hasCompositionOffset is non-zero, and
+ *                         written when the track has compositionTimes.
+ *   timeStamp             decoding time in ticks of the track's timescale;
+ *                         never below the previous frame's (equal is fine).
+ *   keyFrame              exactly 1 marks a key frame.
+ * Results: 1 done; -99 for every failure, with a diagnostic on standard
+ * error: file null, no video track, frameData null with frameSize above 0,
+ * the frame would take the temp file past 4 GiB - 1 bytes, a time stamp
+ * below the previous one, no memory for the tables, or a short write to
+ * the temp file. A short write leaves the frame in the tables but not
+ * whole in the temp file: give the file up. When only the table block for
+ * the next frame can't be made, this frame is taken whole and the next
+ * call tries again. Every other failure changes nothing.
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize,
                                   const uint8_t *frameData, uint32_t compositionOffset,
                                   uint32_t timeStamp, uint32_t keyFrame,
                                   uint8_t hasCompositionOffset);
+
+/* AddAudioFrame appends one frame to the audio track, as AddVideoFrame
+ * does, without key frames and composition offsets.
+ * Results: 1 done; -99 as for AddVideoFrame, with "no audio track".
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t AddAudioFrame(MP4_local_file *file, uint32_t frameSize,
                                   const uint8_t *frameData, uint32_t timeStamp);
 
 /* ---- Description ------------------------------------------------------ */
 
+/* RetMp4MediaInfo describes one video or audio track of a read handle for
+ * its decoder: time scale, duration ("mdhd") and the decoder configuration
+ * of its sample entry (see Mp4MediaInfo). "sawb" (AMR wide band) gives an
+ * all-zero record. Reads memory only, never the file.
+ *   file, trackId, trackType  as for the sample calls; moves the track in
+ *                             use as they do.
+ *   info  receives a new record on result 1, untouched otherwise. The
+ *         caller releases each data block, then the record, with
+ *         MP4freeData; all of it outlives the handle.
+ * Results: 1 done; -99 file or info null, or trackId 0; -98 to -92 as for
+ * GetNextSample (an unusable track counts as not found); -91 the track has
+ * no sample description ("mdia", "minf", "stbl", "stsd"); -90 unknown
+ * sample entry, one of the other kind of track, or one whose first child
+ * is not the expected configuration atom; -88 no memory for the record;
+ * -87 no memory for a data block.
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t RetMp4MediaInfo(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                     Mp4MediaInfo **info);
+
+/* GetFileInfo opens fileName on a handle of its own (MP4_TABLE_MARKS),
+ * fills *info with a summary of its last video and last audio track (see
+ * FileInfo) and closes it again. It prints the lists of tracks
+ * ("VIDEO:..." and "AUDIO:...") on standard output. A track that can't be
+ * described leaves its fields 0; that is no failure.
+ *   fileName  the MP4 file.
+ *   info      the caller's record; zeroed and then filled.
+ * Results: 1 done; -11 fileName null or the file can't be opened for
+ * reading; -12 info null; -21 MP4FileOpen failed on it ("mp4 file open
+ * error!" on standard output; *info stays zeroed).
+ * Threads: any; it shares nothing with other calls. */
 MP4CORE_API int32_t GetFileInfo(const char *fileName, FileInfo *info);
+
+/* AAC_EsdsToAdtsHead makes the 7-byte ADTS header (no CRC, MPEG-2 ID) for
+ * one raw AAC frame out of an audio track's "esds" atom, the EsdsData of
+ * RetMp4MediaInfo. The atom's length comes from its own size field, read
+ * at most as far as 228 bytes.
+ *   esds        the whole "esds" atom, from its size field.
+ *   frameSize   bytes of the raw frame, without header; at most 8184.
+ *   header      receives the 7 bytes; the caller's buffer.
+ *   headerSize  receives 7.
+ * Results: 1 done; -21 esds null ("No EsdsData given!" on standard
+ * output); -20 header or headerSize null; -19 the atom ends before the
+ * decoder configuration or program configuration it needs; -18 an audio
+ * object type of 0 or above 4; -17 more than 7 channels; -16 frameSize
+ * above 8184. header and headerSize are written only on 1.
+ * Threads: any; it touches only its arguments. */
 MP4CORE_API int32_t AAC_EsdsToAdtsHead(const uint8_t *esds, uint32_t frameSize,
                                        uint8_t *header, uint32_t *headerSize);
-/* Returns the header size in bytes, 0xFFFFFFFF (-1) on failure, 0 when no
- * buffer could be allocated. */
+
+/* GetM4vHeaderSize measures the header of a raw MPEG-4 video stream file
+ * (a video object layer, optionally behind a visual object sequence) from
+ * its first 500 bytes, and reads the picture size.
+ *   fileName       the stream file.
+ *   width, height  receive the picture size once the parse reaches it,
+ *                  also when it then fails; either may be null.
+ * Result: the header size in bytes from the start of the file up to the
+ * next start code; 0xFFFFFFFF ((uint32_t)-1) fileName null, the file can't
+ * be opened, it starts with no video object or visual object sequence
+ * start code, or the header can't be parsed (no video object layer start
+ * code, not rectangular, static sprites, not 8 bits, complexity
+ * estimation, newpred, reduced resolution, cut short); 0 no memory for
+ * the buffer ("Unable to new memory [bitstream]" on standard output).
+ * Threads: any; it shares nothing with other calls. */
 MP4CORE_API uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *height);
+
+/* EncryptMp4Iod writes an Initial Object Descriptor for a read handle from
+ * a fixed template, with the video track's decoder configuration (or
+ * videoConfig) and the audio track's ("damr" or "esds") filled in as two
+ * blocks; a missing one is an empty block. No cipher is involved.
+ *   file             read handle.
+ *   iod              receives the output. It belongs to the handle: valid
+ *                    until the next EncryptMp4Iod on it or MP4FileClose;
+ *                    never freed by the caller.
+ *   videoConfig      replaces the track's video configuration; may be
+ *                    null.
+ *   videoConfigSize  its size; 0 asks the track.
+ * Results: the output's size in bytes, 116 + both block sizes; -99 file or
+ * iod null; -98 no memory for the output (the previous one stays); -97 a
+ * block above 100 bytes or both together 200 or more (nothing written).
+ * Threads: the handle's thread. */
 MP4CORE_API int32_t EncryptMp4Iod(MP4_local_file *file, uint8_t **iod,
                                   const uint8_t *videoConfig, uint8_t videoConfigSize);
+
+/* DecryptMp4Iod reads the two configuration blocks back out of an output
+ * of EncryptMp4Iod, which it assumes: there is no length to check against.
+ *   configs  the caller's record: VideoConfig, AudioConfig and their sizes
+ *            are set; Head is not touched. The blocks are new, each with a
+ *            zero byte behind its size, released with MP4freeData. An
+ *            empty audio block leaves AudioConfig and AudioConfigSize as
+ *            they were.
+ *   iod      address of the descriptor's pointer.
+ * Results: 1 done; 0 the video block is empty (nothing set); -99 configs,
+ * iod or *iod null; -98 a block above 100 bytes or both together 200 or
+ * more; -97 no memory. configs is untouched on any result but 1.
+ * Threads: any; it touches only its arguments. */
 MP4CORE_API int32_t DecryptMp4Iod(IodConfigs *configs, uint8_t **iod);
 
 #ifdef __cplusplus
