@@ -1,10 +1,12 @@
-// Interop: every sample of every video and audio track of the FFmpeg
-// fixtures, read through GetNextSample in each table mode, against the
-// listing ffprobe gave when the fixture was made (tests/data/*.samples).
+// Interop: the FFmpeg fixtures against the listing ffprobe gave when each
+// was made (tests/data/*.samples), in each table mode: every sample through
+// GetNextSample with the tracks read in turn, SeekTrack and SeekTrackPos to
+// times around every sample, and NextKeyFrame and PrevKeyFrame from every
+// cursor.
 //
-// mp4core's reading differs from ffprobe on purpose in a few places; each
-// has a test of its own, named for the difference:
-//  - audio samples are never key frames;
+// mp4core's reading differs from ffprobe on purpose in a few places, each
+// checked here:
+//  - audio samples are never key frames (ffprobe marks every one);
 //  - a video track of exactly one sample yields no sample;
 //  - a video track without "stss" takes its key frames from the coding type
 //    of the plane that starts each sample (I-VOP), and a track with more
@@ -17,23 +19,15 @@
 #include <tuple>
 #include <vector>
 
-#include "mp4core.h"
+#include "seek_support.h"
 #include "support/listing.h"
-#include "support/test_support.h"
+
+using namespace testing_support;
 
 namespace {
 
-using testing_support::CaptureStream;
-using testing_support::Crc32;
-using testing_support::ExpectedTrack;
-using testing_support::FixturePath;
-using testing_support::KeySource;
-using testing_support::Listing;
-using testing_support::LoadListing;
-
 const int32_t kModes[] = {MP4_TABLE_KEYFRAMES, MP4_TABLE_MARKS, MP4_TABLE_MARKS_ALT};
 
-// The committed fixtures that hold MP4 or 3GP files with a listing.
 const char *const kFixtures[] = {
     "mpeg4_aac.mp4",        "mpeg4_aac_moov_end.mp4", "mpeg4_gop12.mp4",
     "mpeg4_gop12_no_stss.mp4", "mpeg4_bframes.mp4",   "mpeg4_gop1.mp4",
@@ -42,344 +36,236 @@ const char *const kFixtures[] = {
     "mp3_stereo_44100.mp4", "h263.3gp",               "h263_aac.3gp",
 };
 
-// The fixtures with a video and an audio track that both read.
-const char *const kMultiTrackFixtures[] = {"mpeg4_aac.mp4", "mpeg4_aac_moov_end.mp4",
-                                           "h263_aac.3gp"};
-
-// A read handle that closes itself. The open's diagnostics (the key frame
-// scan prints one line per key frame) are kept off the test output.
-class ReadHandle {
-public:
-    ReadHandle(const std::string &path, int32_t mode) {
-        CaptureStream out(stdout);
-        result_ = MP4FileOpen(&file_, path.c_str(), mode);
-        out.Text();
-    }
-    ~ReadHandle() {
-        if (file_ != nullptr) MP4FileClose(&file_);
-    }
-    ReadHandle(const ReadHandle &) = delete;
-    ReadHandle &operator=(const ReadHandle &) = delete;
-    int32_t result() const { return result_; }
-    MP4_local_file *get() const { return file_; }
-
-private:
-    MP4_local_file *file_ = nullptr;
-    int32_t result_ = 0;
-};
-
-// One sample as read, the bytes reduced to their CRC.
-struct ReadSample {
-    uint32_t time;
-    uint32_t size;
-    bool key;
-    uint32_t crc;
-};
-
-// Reads a track to its end with GetNextSample. `end` gets the result that
-// ended the loop (0 at the end of the track). Checks what every sample
-// record promises whatever the file: Reserved 0, Size not 0.
-std::vector<ReadSample> ReadTrack(MP4_local_file *file, const ExpectedTrack &track,
-                                  int32_t *end) {
-    std::vector<ReadSample> read;
-    // Never more than the listing plus one: a reader that fails to stop
-    // shows as one sample too many.
-    const size_t limit = track.samples.size() + 1;
-    for (;;) {
-        MP4Sample *sample = nullptr;
-        int32_t result = GetNextSample(file, track.id, track.type, &sample);
-        if (result != 1) {
-            EXPECT_EQ(sample, nullptr) << "the out argument is written only on success";
-            *end = result;
-            return read;
-        }
-        EXPECT_EQ(sample->Reserved, 0u);
-        EXPECT_NE(sample->Size, 0u);
-        read.push_back({sample->Time, sample->Size, sample->IsKeyFrame != 0,
-                        Crc32(sample->Data, sample->Size)});
-        SampleDataFree(&sample);
-        if (read.size() > limit) {
-            *end = 1;
-            return read;
-        }
-    }
-}
-
-enum class Compare { WithoutKeys, WithKeys };
-
-// Time, size and bytes of every sample, and the key marks where asked. A
-// track that goes wrong goes wrong for many samples: the first few are
-// shown, then the count.
-void ExpectMatches(const ExpectedTrack &track, const std::vector<ReadSample> &read,
-                   Compare keys) {
-    ASSERT_EQ(read.size(), track.samples.size()) << "track " << track.id;
-    const size_t shown = 5;
-    size_t wrong = 0;
-    for (size_t i = 0; i < read.size(); ++i) {
-        const auto &want = track.samples[i];
-        bool keyWrong = keys == Compare::WithKeys && read[i].key != want.key;
-        if (read[i].time == want.time && read[i].size == want.size && read[i].crc == want.crc &&
-            !keyWrong)
-            continue;
-        if (++wrong > shown) continue;
-        ADD_FAILURE() << "track " << track.id << " sample " << i << ": time " << read[i].time
-                      << " (expected " << want.time << "), size " << read[i].size << " ("
-                      << want.size << "), key " << read[i].key << " (" << want.key
-                      << (keys == Compare::WithKeys ? "" : ", not compared") << "), crc "
-                      << std::hex << read[i].crc << " (" << want.crc << ")" << std::dec;
-    }
-    EXPECT_EQ(wrong, 0u) << "samples of track " << track.id << " that differ";
-}
-
 bool IsOneSampleVideo(const ExpectedTrack &track) {
     return track.type == MP4_TRACK_VIDEO && track.samples.size() == 1;
 }
 
-// A video track without "stss" whose samples are all key frames: more
-// key frames than half the samples, so the open gives the track up.
+// A video track without "stss" whose samples are all key frames (FFmpeg
+// leaves "stss" out then): more key frames than half the samples.
 bool IsAllIntraWithoutStss(const ExpectedTrack &track) {
-    if (track.type != MP4_TRACK_VIDEO || track.keys != KeySource::None) return false;
-    size_t keys = 0;
-    for (const auto &sample : track.samples) keys += sample.key ? 1 : 0;
-    return track.samples.size() > 1 && keys > track.samples.size() / 2;
+    return track.type == MP4_TRACK_VIDEO && track.samples.size() > 1 &&
+           track.keys == KeySource::None;
 }
 
-Listing LoadFixtureListing(const std::string &name) {
-    Listing listing = LoadListing(FixturePath(name + ".samples"));
-    EXPECT_EQ(listing.error, "");
-    EXPECT_FALSE(listing.tracks.empty()) << name;
-    return listing;
+// What mp4core marks: the listing's key frames for video, none for audio.
+bool KeyOf(const ExpectedTrack &track, size_t i) {
+    return track.type == MP4_TRACK_VIDEO && track.samples[i].key;
 }
 
-std::string CaseName(const std::string &file, int32_t mode) {
-    std::string name;
-    for (char c : file) name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-    return name + "_mode" + std::to_string(mode);
-}
-
-class FixtureRead : public ::testing::TestWithParam<std::tuple<const char *, int32_t>> {
-protected:
-    std::string file() const { return std::get<0>(GetParam()); }
-    int32_t mode() const { return std::get<1>(GetParam()); }
-};
-
-// The core check: time, size, bytes; key marks for video whose key frames
-// the file lists in "stss". Tracks with a documented difference from
-// ffprobe are left to the tests below.
-TEST_P(FixtureRead, EverySampleMatchesFfprobe) {
-    Listing listing = LoadFixtureListing(file());
-    ReadHandle handle(FixturePath(file()), mode());
-    ASSERT_EQ(handle.result(), 1);
-    for (const auto &track : listing.tracks) {
-        if (IsOneSampleVideo(track) || IsAllIntraWithoutStss(track)) continue;
-        int32_t end = 0;
-        std::vector<ReadSample> read = ReadTrack(handle.get(), track, &end);
-        EXPECT_EQ(end, 0) << "track " << track.id << " ends with end of track";
-        bool videoKeys = track.type == MP4_TRACK_VIDEO && track.keys != KeySource::None;
-        ExpectMatches(track, read, videoKeys ? Compare::WithKeys : Compare::WithoutKeys);
-    }
-}
-
-// Past the end the track keeps giving 0, and the out argument stays as it was.
-TEST_P(FixtureRead, EndOfTrackRepeatsAndLeavesSampleUntouched) {
-    Listing listing = LoadFixtureListing(file());
-    ReadHandle handle(FixturePath(file()), mode());
-    ASSERT_EQ(handle.result(), 1);
-    for (const auto &track : listing.tracks) {
-        if (IsAllIntraWithoutStss(track)) continue;
-        int32_t end = 0;
-        ReadTrack(handle.get(), track, &end);
-        ASSERT_EQ(end, 0);
-        MP4Sample marker{};
-        MP4Sample *sample = &marker;
-        EXPECT_EQ(GetNextSample(handle.get(), track.id, track.type, &sample), 0);
-        EXPECT_EQ(sample, &marker);
-    }
-}
-
-// Reading the tracks of a file in turn, one sample of each in time order,
-// gives each track the same samples as reading it alone: every track keeps
-// its own cursor, and the reads between them don't disturb one another.
-class FixtureReadInTurn : public FixtureRead {};
-
-TEST_P(FixtureReadInTurn, TracksReadInTurnKeepTheirPlace) {
-    Listing listing = LoadFixtureListing(file());
-    std::vector<const ExpectedTrack *> tracks;
-    for (const auto &track : listing.tracks)
-        if (!IsOneSampleVideo(track) && !IsAllIntraWithoutStss(track)) tracks.push_back(&track);
-    ASSERT_GE(tracks.size(), 2u);
-    ReadHandle handle(FixturePath(file()), mode());
-    ASSERT_EQ(handle.result(), 1);
-    std::vector<std::vector<ReadSample>> read(tracks.size());
+// Reads the tracks in turn, one sample of each, so that every track has to
+// keep its own cursor. Checks what every sample record promises whatever
+// the file (Reserved 0, Size not 0), that the end of a track repeats and
+// leaves the out argument alone, and then every sample against the listing;
+// a track that goes wrong goes wrong for many samples, so the first few are
+// shown, then the count.
+void ReadInTurnAndCompare(MP4_local_file *file, const std::vector<const ExpectedTrack *> &tracks) {
+    struct Read {
+        uint32_t time, size;
+        bool key;
+        uint32_t crc;
+    };
+    std::vector<std::vector<Read>> read(tracks.size());
     std::vector<bool> done(tracks.size(), false);
     for (size_t left = tracks.size(); left > 0;) {
         for (size_t t = 0; t < tracks.size(); ++t) {
             if (done[t]) continue;
             MP4Sample *sample = nullptr;
-            int32_t result = GetNextSample(handle.get(), tracks[t]->id, tracks[t]->type, &sample);
+            const int32_t result = GetNextSample(file, tracks[t]->id, tracks[t]->type, &sample);
             if (result != 1 || read[t].size() > tracks[t]->samples.size()) {
-                EXPECT_EQ(result, 0);
+                EXPECT_EQ(result, 0) << "track " << tracks[t]->id << " ends with end of track";
                 if (result == 1) SampleDataFree(&sample);
+                EXPECT_EQ(sample, nullptr) << "the out argument is written only on success";
+                MP4Sample marker{};
+                sample = &marker;
+                EXPECT_EQ(GetNextSample(file, tracks[t]->id, tracks[t]->type, &sample), 0);
+                EXPECT_EQ(sample, &marker);
                 done[t] = true;
                 --left;
                 continue;
             }
+            EXPECT_EQ(sample->Reserved, 0u);
+            EXPECT_NE(sample->Size, 0u);
             read[t].push_back({sample->Time, sample->Size, sample->IsKeyFrame != 0,
                                Crc32(sample->Data, sample->Size)});
             SampleDataFree(&sample);
         }
     }
-    for (size_t t = 0; t < tracks.size(); ++t)
-        ExpectMatches(*tracks[t], read[t], Compare::WithoutKeys);
+    for (size_t t = 0; t < tracks.size(); ++t) {
+        const ExpectedTrack &track = *tracks[t];
+        ASSERT_EQ(read[t].size(), track.samples.size()) << "track " << track.id;
+        size_t wrong = 0;
+        for (size_t i = 0; i < read[t].size(); ++i) {
+            const Read &got = read[t][i];
+            const ExpectedSample &want = track.samples[i];
+            if (got.time == want.time && got.size == want.size && got.crc == want.crc &&
+                got.key == KeyOf(track, i))
+                continue;
+            if (++wrong > 5) continue;
+            ADD_FAILURE() << "track " << track.id << " sample " << i << ": time " << got.time
+                          << " (expected " << want.time << "), size " << got.size << " ("
+                          << want.size << "), key " << got.key << " (" << KeyOf(track, i)
+                          << "), crc " << std::hex << got.crc << " (" << want.crc << ")"
+                          << std::dec;
+        }
+        EXPECT_EQ(wrong, 0u) << "samples of track " << track.id << " that differ";
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Fixtures, FixtureRead,
-                         ::testing::Combine(::testing::ValuesIn(kFixtures),
-                                            ::testing::ValuesIn(kModes)),
-                         [](const auto &info) {
-                             return CaseName(std::get<0>(info.param), std::get<1>(info.param));
-                         });
-INSTANTIATE_TEST_SUITE_P(Fixtures, FixtureReadInTurn,
-                         ::testing::Combine(::testing::ValuesIn(kMultiTrackFixtures),
-                                            ::testing::ValuesIn(kModes)),
-                         [](const auto &info) {
-                             return CaseName(std::get<0>(info.param), std::get<1>(info.param));
-                         });
+// Where a seek to `time` lands: the last sample at or before it, and for
+// video the last key frame at or before that one.
+size_t ExpectedLanding(const ExpectedTrack &track, int32_t time) {
+    size_t index = 0;
+    for (size_t i = 0; i < track.samples.size(); ++i)
+        if (int32_t(track.samples[i].time) <= time) index = i;
+    if (track.type == MP4_TRACK_VIDEO)
+        while (index > 0 && !track.samples[index].key) --index;
+    return index;
+}
 
-// ---- Documented differences from ffprobe ----------------------------------
+// Seeks to times at, around and between every sample, and far outside the
+// track; the next sample read is the one the seek landed on.
+void SeekEverywhere(MP4_local_file *file, const ExpectedTrack &track) {
+    std::vector<int32_t> times = {INT32_MIN, -1, 0, INT32_MAX,
+                                  int32_t(track.samples.back().time) + 100000};
+    for (const auto &sample : track.samples)
+        times.insert(times.end(), {int32_t(sample.time) - 1, int32_t(sample.time),
+                                   int32_t(sample.time) + 1});
+    for (int32_t time : times) {
+        SCOPED_TRACE(testing::Message() << "track " << track.id << " seek " << time);
+        const ExpectedSample &want = track.samples[ExpectedLanding(track, time)];
+        MP4Sample *sample = nullptr;
+        ASSERT_EQ(SeekTrack(file, track.id, track.type, time, &sample), 1);
+        EXPECT_EQ(sample->Time, want.time);
+        EXPECT_EQ(Crc32(sample->Data, sample->Size), want.crc);
+        EXPECT_EQ(sample->IsKeyFrame, track.type == MP4_TRACK_VIDEO ? 1 : 0);
+        SampleDataFree(&sample);
+        uint32_t position = 0;
+        ASSERT_EQ(SeekTrackPos(file, track.id, track.type, time, &position), 1);
+        EXPECT_EQ(position, want.time);
+        ASSERT_EQ(GetNextSample(file, track.id, track.type, &sample), 1);
+        EXPECT_EQ(Crc32(sample->Data, sample->Size), want.crc);
+        SampleDataFree(&sample);
+    }
+}
 
-// ffprobe marks every AAC and MP3 packet as a key frame; mp4core never marks
-// an audio sample.
-TEST(FixtureReadDifferences, AudioSamplesAreNeverKeyFramesUnlikeFfprobe) {
-    for (const char *file : kFixtures) {
-        Listing listing = LoadFixtureListing(file);
-        for (int32_t mode : kModes) {
-            ReadHandle handle(FixturePath(file), mode);
-            ASSERT_EQ(handle.result(), 1) << file;
-            for (const auto &track : listing.tracks) {
-                if (track.type != MP4_TRACK_AUDIO) continue;
-                int32_t end = 0;
-                std::vector<ReadSample> read = ReadTrack(handle.get(), track, &end);
-                ASSERT_EQ(read.size(), track.samples.size()) << file << " mode " << mode;
-                EXPECT_TRUE(track.samples[0].key) << "ffprobe marks audio as key frames";
-                for (size_t i = 0; i < read.size(); ++i)
-                    EXPECT_FALSE(read[i].key) << file << " mode " << mode << " sample " << i;
-            }
+enum class Step { Next, Prev };
+
+// The landing from the listing's key marks: a key frame under the cursor
+// stays; Next goes to the key frame after, round to sample 0; Prev to the
+// key frame before the nearest one behind, round to the last key frame.
+// At the last sample the table path gives the last key frame instead.
+size_t ExpectedStep(const ExpectedTrack &track, size_t cursor, Step step, bool table) {
+    const auto &s = track.samples;
+    const size_t n = s.size();
+    if (cursor >= n) cursor = n - 1;
+    if (s[cursor].key) return cursor;
+    auto lastKeyAtOrBefore = [&](size_t from) -> long {
+        for (long i = long(from); i >= 0; --i)
+            if (s[size_t(i)].key) return i;
+        return -1;
+    };
+    if (table && cursor == n - 1) return size_t(lastKeyAtOrBefore(n - 1));
+    if (step == Step::Next) {
+        for (size_t i = cursor + 1; i < n; ++i)
+            if (s[i].key) return i;
+        return 0;
+    }
+    long nearest = lastKeyAtOrBefore(cursor);
+    long before = nearest > 0 ? lastKeyAtOrBefore(size_t(nearest) - 1) : -1;
+    return size_t(before >= 0 ? before : lastKeyAtOrBefore(n - 1));
+}
+
+void StepFromEveryCursor(MP4_local_file *file, const ExpectedTrack &track, int32_t mode) {
+    VideoTrackNode *video = file->read.VideoFirst;
+    while (video != nullptr && video->TrackId != track.id) video = video->NextTrack;
+    ASSERT_NE(video, nullptr);
+    for (size_t cursor = 0; cursor <= track.samples.size() + 2; ++cursor) {
+        for (Step step : {Step::Next, Step::Prev}) {
+            SCOPED_TRACE(testing::Message() << "track " << track.id << " cursor " << cursor
+                                            << (step == Step::Next ? " Next" : " Prev"));
+            const size_t want = ExpectedStep(track, cursor, step, mode == MP4_TABLE_KEYFRAMES);
+            video->SampleCursor = int32_t(cursor);
+            MP4Sample *sample = nullptr;
+            const int32_t result = step == Step::Next
+                                       ? NextKeyFrame(file, track.id, MP4_TRACK_VIDEO, &sample)
+                                       : PrevKeyFrame(file, track.id, MP4_TRACK_VIDEO, &sample);
+            ASSERT_EQ(result, 1);
+            EXPECT_EQ(sample->Time, track.samples[want].time);
+            EXPECT_EQ(Crc32(sample->Data, sample->Size), track.samples[want].crc);
+            EXPECT_EQ(video->SampleCursor, int32_t(want + 1));
+            SampleDataFree(&sample);
         }
     }
 }
 
-// ffprobe lists the single sample of the video track; mp4core gives end of
-// track at once, while the file's audio track reads as usual.
-TEST(FixtureReadDifferences, VideoTrackOfOneSampleYieldsNoSampleUnlikeFfprobe) {
-    Listing listing = LoadFixtureListing("mpeg4_one_frame.mp4");
-    ASSERT_EQ(listing.tracks.size(), 2u);
-    const ExpectedTrack &video = listing.tracks[0];
-    const ExpectedTrack &audio = listing.tracks[1];
-    ASSERT_TRUE(IsOneSampleVideo(video));
-    for (int32_t mode : kModes) {
-        ReadHandle handle(FixturePath("mpeg4_one_frame.mp4"), mode);
-        ASSERT_EQ(handle.result(), 1);
+class Fixture : public ::testing::TestWithParam<std::tuple<const char *, int32_t>> {};
+
+TEST_P(Fixture, SamplesSeeksAndKeyFrameStepsMatchTheListing) {
+    const std::string name = std::get<0>(GetParam());
+    const int32_t mode = std::get<1>(GetParam());
+    const Listing listing = LoadListing(FixturePath(name + ".samples"));
+    ASSERT_EQ(listing.error, "");
+    ASSERT_FALSE(listing.tracks.empty());
+    OpenedFile opened(ReadWholeFile(FixturePath(name)), mode);
+    ASSERT_EQ(opened.result, 1) << "a given-up track does not fail the open";
+    std::vector<const ExpectedTrack *> readable;
+    for (const ExpectedTrack &track : listing.tracks) {
         MP4Sample *sample = nullptr;
-        EXPECT_EQ(GetNextSample(handle.get(), video.id, MP4_TRACK_VIDEO, &sample), 0) << mode;
-        EXPECT_EQ(GetSample(handle.get(), video.id, MP4_TRACK_VIDEO, 0, &sample), 0) << mode;
-        EXPECT_EQ(sample, nullptr);
-        int32_t end = 0;
-        ExpectMatches(audio, ReadTrack(handle.get(), audio, &end), Compare::WithoutKeys);
-        EXPECT_EQ(end, 0);
+        if (IsOneSampleVideo(track)) {
+            EXPECT_EQ(GetNextSample(opened.handle, track.id, MP4_TRACK_VIDEO, &sample), 0);
+            EXPECT_EQ(GetSample(opened.handle, track.id, MP4_TRACK_VIDEO, 0, &sample), 0);
+            EXPECT_EQ(sample, nullptr);
+        } else if (IsAllIntraWithoutStss(track)) {
+            // The only video record, with no track behind it.
+            EXPECT_EQ(GetNextSample(opened.handle, track.id, MP4_TRACK_VIDEO, &sample), -90);
+            EXPECT_EQ(sample, nullptr);
+        } else {
+            readable.push_back(&track);
+        }
+    }
+    ReadInTurnAndCompare(opened.handle, readable);
+    for (const ExpectedTrack *track : readable) {
+        SeekEverywhere(opened.handle, *track);
+        if (track->type == MP4_TRACK_VIDEO) StepFromEveryCursor(opened.handle, *track, mode);
     }
 }
 
-// The fixture's "stss" was renamed after encoding, so ffprobe would call
-// every sample a key frame; mp4core finds the intra planes, which are the
-// key frames ffprobe listed for the original file.
-TEST(FixtureReadDifferences, KeyFramesWithoutStssComeFromThePlaneCodingType) {
-    Listing listing = LoadFixtureListing("mpeg4_gop12_no_stss.mp4");
-    ASSERT_EQ(listing.tracks.size(), 1u);
-    const ExpectedTrack &video = listing.tracks[0];
-    ASSERT_EQ(video.keys, KeySource::PlaneScan);
-    for (int32_t mode : kModes) {
-        SCOPED_TRACE("mode " + std::to_string(mode));
-        ReadHandle handle(FixturePath("mpeg4_gop12_no_stss.mp4"), mode);
-        ASSERT_EQ(handle.result(), 1);
-        int32_t end = 0;
-        std::vector<ReadSample> read = ReadTrack(handle.get(), video, &end);
-        EXPECT_EQ(end, 0);
-        ExpectMatches(video, read, Compare::WithKeys);
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Fixtures, Fixture,
+                         ::testing::Combine(::testing::ValuesIn(kFixtures),
+                                            ::testing::ValuesIn(kModes)),
+                         [](const auto &info) {
+                             std::string name;
+                             for (const char *c = std::get<0>(info.param); *c; ++c)
+                                 name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+                             return name + "_mode" + std::to_string(std::get<1>(info.param));
+                         });
 
-// Every sample of this track is intra and the file has no "stss" (FFmpeg
-// leaves it out when all samples are key frames). ffprobe lists 25 key
-// frames; mp4core's scan stops at more key frames than half the samples and
-// the track is given up: the only video record, with no track behind it.
-TEST(FixtureReadDifferences, AllIntraVideoWithoutStssIsGivenUpUnlikeFfprobe) {
-    Listing listing = LoadFixtureListing("mpeg4_gop1.mp4");
-    ASSERT_EQ(listing.tracks.size(), 1u);
-    ASSERT_TRUE(IsAllIntraWithoutStss(listing.tracks[0]));
-    for (int32_t mode : kModes) {
-        ReadHandle handle(FixturePath("mpeg4_gop1.mp4"), mode);
-        ASSERT_EQ(handle.result(), 1) << "a given-up track does not fail the open";
-        MP4Sample *sample = nullptr;
-        EXPECT_EQ(GetNextSample(handle.get(), listing.tracks[0].id, MP4_TRACK_VIDEO, &sample),
-                  -90)
-            << "mode " << mode;
-        EXPECT_EQ(sample, nullptr);
-    }
-}
-
-// ---- The long file ----------------------------------------------------------
-
-// Made at run time by make_fixtures.sh --long (too large to commit), once
-// per test run, into a folder removed at exit. Empty when the tools are
-// missing.
-class LongFixture {
-public:
-    static const LongFixture &Get() {
-        static LongFixture fixture;
-        return fixture;
-    }
-    ~LongFixture() {
-        if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
-    }
-    const std::string &path() const { return path_; }
-
-private:
-    LongFixture() {
-        if (std::system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null && "
-                        "command -v python3 >/dev/null") != 0)
-            return;
-        const char *tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/mp4core_long_XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) == nullptr) return;
-        dir_ = buffer.data();
-        std::string command = "bash '" + FixturePath("make_fixtures.sh") + "' --long '" + dir_ +
-                              "' >/dev/null 2>&1";
-        if (std::system(command.c_str()) == 0) path_ = dir_ + "/long_mpeg4.mp4";
-    }
-    std::string dir_;
-    std::string path_;
-};
-
+// Made at run time by make_fixtures.sh --long (too large to commit) into a
+// folder removed at exit; skipped when the tools are missing.
 TEST(FixtureReadLong, MoreThan20000SamplesMatchFfprobeInEveryMode) {
-    const std::string &path = LongFixture::Get().path();
-    if (path.empty()) GTEST_SKIP() << "ffmpeg, ffprobe or python3 missing";
-    Listing listing = LoadListing(path + ".samples");
+    if (std::system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null && "
+                    "command -v python3 >/dev/null") != 0)
+        GTEST_SKIP() << "ffmpeg, ffprobe or python3 missing";
+    struct Folder {
+        TempPath path{".long"};
+        ~Folder() { std::system(("rm -rf '" + path.path() + "'").c_str()); }
+    } dir;
+    const std::string command = "mkdir '" + dir.path.path() + "' && bash '" +
+                                FixturePath("make_fixtures.sh") + "' --long '" + dir.path.path() +
+                                "' >/dev/null 2>&1";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const std::string path = dir.path.path() + "/long_mpeg4.mp4";
+    const Listing listing = LoadListing(path + ".samples");
     ASSERT_EQ(listing.error, "");
     ASSERT_EQ(listing.tracks.size(), 1u);
-    const ExpectedTrack &video = listing.tracks[0];
-    ASSERT_GT(video.samples.size(), 20000u);
-    ASSERT_EQ(video.keys, KeySource::Stss);
+    ASSERT_GT(listing.tracks[0].samples.size(), 20000u);
+    ASSERT_EQ(listing.tracks[0].keys, KeySource::Stss);
+    const Bytes bytes = ReadWholeFile(path);
     for (int32_t mode : kModes) {
         SCOPED_TRACE("mode " + std::to_string(mode));
-        ReadHandle handle(path, mode);
-        ASSERT_EQ(handle.result(), 1);
-        int32_t end = 0;
-        std::vector<ReadSample> read = ReadTrack(handle.get(), video, &end);
-        EXPECT_EQ(end, 0);
-        ExpectMatches(video, read, Compare::WithKeys);
+        OpenedFile opened(bytes, mode);
+        ASSERT_EQ(opened.result, 1);
+        ReadInTurnAndCompare(opened.handle, {&listing.tracks[0]});
     }
 }
 

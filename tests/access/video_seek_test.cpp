@@ -171,33 +171,29 @@ TEST(Mp4VideoSeekTest, RefusalsGiveMinusOneAndTouchNothing) {
     MiniTrack audio = KeyFrameVideo(4, {}, 2);
     audio.handler = "soun";
     audio.withStss = false;
+    enum Null { kNone = 0, kNullFile = 1, kNullWord = 2, kNullContext = 4, kNullResult = 8 };
     struct Case {
         const char *name;
         std::vector<MiniTrack> tracks;
-        int32_t mode;
-        int32_t target;
+        int32_t mode, target;
         uint32_t reserved;
-        bool nullFile;
-        bool nullContextWord;
-        bool nullContext;
-        bool nullResult;
+        int nulls;
     };
     const std::vector<MiniTrack> good = {TenSamplesKeysAt0And4And7()};
     const std::vector<Case> cases = {
-        {"target past the end", good, 1, 11, 0, false, false, false, false},
-        {"negative target", good, 1, -1, 0, false, false, false, false},
-        {"reserved not 0", good, 1, 2, 1, false, false, false, false},
-        {"null file", good, 1, 2, 0, true, false, false, false},
-        {"null context word", good, 1, 2, 0, false, true, false, false},
-        {"null context", good, 1, 2, 0, false, false, true, false},
-        {"null result", good, 1, 2, 0, false, false, false, true},
-        {"mode 2", good, 2, 2, 0, false, false, false, false},
-        {"mode 3", good, 3, 2, 0, false, false, false, false},
-        {"no video track", {audio}, 1, 2, 0, false, false, false, false},
-        {"video record without Track", {broken}, 1, 2, 0, false, false, false, false},
-        {"before the first key frame", {KeyFrameVideo(8, {2, 5})}, 1, 1, 0, false, false,
-         false, false},
-        {"no key frames", {KeyFrameVideo(8, {})}, 1, 3, 0, false, false, false, false},
+        {"target past the end", good, 1, 11, 0, kNone},
+        {"negative target", good, 1, -1, 0, kNone},
+        {"reserved not 0", good, 1, 2, 1, kNone},
+        {"null file", good, 1, 2, 0, kNullFile},
+        {"null context word", good, 1, 2, 0, kNullWord},
+        {"null context", good, 1, 2, 0, kNullContext},
+        {"null result", good, 1, 2, 0, kNullResult},
+        {"mode 2", good, 2, 2, 0, kNone},
+        {"mode 3", good, 3, 2, 0, kNone},
+        {"no video track", {audio}, 1, 2, 0, kNone},
+        {"video record without Track", {broken}, 1, 2, 0, kNone},
+        {"before the first key frame", {KeyFrameVideo(8, {2, 5})}, 1, 1, 0, kNone},
+        {"no key frames", {KeyFrameVideo(8, {})}, 1, 3, 0, kNone},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -212,10 +208,11 @@ TEST(Mp4VideoSeekTest, RefusalsGiveMinusOneAndTouchNothing) {
         void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
         uint32_t word1 = 0xDEADBEEF;
         CaptureStream out(stdout);
-        int32_t result = Mp4VideoSeek(c.nullFile ? nullptr : opened.handle, c.reserved, c.target,
-                                      c.nullResult ? nullptr : &word1,
-                                      c.nullContextWord ? nullptr : kContextWord,
-                                      c.nullContext ? nullptr : context, 0, 100, kWord2, kWord3);
+        int32_t result = Mp4VideoSeek((c.nulls & kNullFile) ? nullptr : opened.handle, c.reserved,
+                                      c.target, (c.nulls & kNullResult) ? nullptr : &word1,
+                                      (c.nulls & kNullWord) ? nullptr : kContextWord,
+                                      (c.nulls & kNullContext) ? nullptr : context, 0, 100, kWord2,
+                                      kWord3);
         EXPECT_EQ(out.Text(), "");
         EXPECT_EQ(result, -1);
         EXPECT_EQ(word1, 0xDEADBEEF);
