@@ -12,28 +12,26 @@ namespace {
 
 using namespace testing_support;
 
-TEST(Allocation, RecordIsZeroedButForItsName) {
+TEST(Allocation, RecordIsZeroedButForItsNameAndSizeZeroIsRefused) {
     uint8_t *record = nullptr;
     ASSERT_EQ(AllocAtomRecord(24, "stsz", &record), 1);
     uint8_t expected[24] = {};
     std::memcpy(expected + 4, "stsz", 4);
     EXPECT_EQ(std::memcmp(record, expected, 24), 0);
     std::free(record);
-}
-
-TEST(Allocation, SizeZeroGives99AndLeavesTheRecord) {
     uint8_t marker = 0;
-    uint8_t *record = &marker;
+    record = &marker;
     EXPECT_EQ(AllocAtomRecord(0, "stsz", &record), -99);
     EXPECT_EQ(record, &marker);
 }
 
+// Known, unknown and free atoms, and the root, all get a record that
+// names them; the children's walk leaves the parent itself alone.
 TEST(Allocation, EveryAtomOfATreeGetsItsRecord) {
-    using namespace atoms_test;
     CaptureStream quiet(stdout);  // the unknown top-level atom's message
-    ReadTree tree(Cat({Atom("ftyp", {Zeros(12)}), Atom("abcd"),
-                       Atom("moov", {Atom("free"), Atom("trak", {Atom("tkhd", {Zeros(84)})}),
-                                     Atom("stsz", {Zeros(12)})})}));
+    atoms_test::ReadTree tree(Cat({Atom("ftyp", {Zeros(12)}), Atom("abcd"),
+                                   Atom("moov", {Atom("free"), Atom("trak", {Atom("tkhd", {Zeros(84)})}),
+                                                 Atom("stsz", {Zeros(12)})})}));
     ASSERT_EQ(tree.result, 1);
     ASSERT_EQ(AllocTreeRecords(&tree.root), 1);
     struct Walk {
@@ -49,25 +47,17 @@ TEST(Allocation, EveryAtomOfATreeGetsItsRecord) {
         }
     };
     Walk::Check(tree.root.FirstAtom);
-}
 
-TEST(Allocation, ChildRecordsLeaveTheAtomItself) {
-    AtomNode child{};
+    AtomNode child{}, root{};
     CopyAtomName(child.AtomName, "mvhd");
-    AtomNode moov{};
-    CopyAtomName(moov.AtomName, "moov");
-    moov.FirstChild = &child;
-    ASSERT_EQ(AllocChildRecords(&moov), 1);
-    EXPECT_EQ(moov.realStructure, nullptr);
-    ASSERT_NE(child.realStructure, nullptr);
-    std::free(child.realStructure);
-}
-
-TEST(Allocation, RootNodeGetsABareRecord) {
-    AtomNode root{};
     CopyAtomName(root.AtomName, "root");
+    root.FirstChild = &child;
+    ASSERT_EQ(AllocChildRecords(&root), 1);
+    EXPECT_EQ(root.realStructure, nullptr);
+    ASSERT_NE(child.realStructure, nullptr);
     ASSERT_EQ(AllocNodeRecord(&root), 1);
     EXPECT_EQ(std::memcmp(root.realStructure + 4, "root", 4), 0);
+    std::free(child.realStructure);
     std::free(root.realStructure);
 }
 
