@@ -1,5 +1,5 @@
 // The tree reader over hand-built byte images: what gets a node, what
-// ends a scan, and what is printed.
+// ends a scan, and what is printed; and the walk down a read tree by names.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -40,7 +40,7 @@ void RunCases(const std::vector<Case> &cases) {
 }
 
 TEST(TreeReader, TopLevelScan) {
-    RunCases({
+    std::vector<Case> cases = {
         {"one ftyp", kFtyp, 1, "ftyp", ""},
         {"short head behind the last atom", Cat({kFtyp, Zeros(5)}), -99, "ftyp",
          "Read data from file error!\n"},
@@ -56,21 +56,17 @@ TEST(TreeReader, TopLevelScan) {
         {"size beyond 32 bits from its position ends the scan",
          Cat({kFtyp, AtomWithSize(0xFFFFFFFFu, "mdat", {Zeros(8)}), Atom("moov")}), 1,
          "ftyp mdat", ""},
-    });
-}
-
-TEST(TreeReader, TopLevelSizeBelowEightFailsLikeAShortRead) {
-    std::vector<Case> cases;
-    for (uint32_t size = 0; size < 8; ++size) {
-        cases.push_back({"small size", Cat({kFtyp, AtomWithSize(size, "mdat", {Zeros(16)})}),
-                         -99, "ftyp", "Read data from file error!\n"});
-    }
+    };
+    for (uint32_t size = 0; size < 8; ++size)
+        cases.push_back({"size below 8 fails like a short read",
+                         Cat({kFtyp, AtomWithSize(size, "mdat", {Zeros(16)})}), -99, "ftyp",
+                         "Read data from file error!\n"});
     RunCases(cases);
 }
 
 TEST(TreeReader, ChildScan) {
     const Bytes mp4v = Atom("mp4v", {Zeros(78), Atom("esds", {Zeros(4)})});
-    RunCases({
+    std::vector<Case> cases = {
         {"stsd with count 1 and two entries keeps both",
          Atom("stsd", {U32(0), U32(1), mp4v, mp4v}), 1, "stsd[mp4v[esds] mp4v[esds]]", ""},
         {"unknown child ends its container without a message",
@@ -101,17 +97,12 @@ TEST(TreeReader, ChildScan) {
          Atom("stsd", {Text("stsdstsd"), Atom("mp4v", {Zeros(70), Text("esds"), Zeros(4),
                                                        Atom("esds")})}),
          1, "stsd[mp4v[esds]]", ""},
-    });
-}
-
-TEST(TreeReader, ChildSizeBelowEightEndsItsContainerLikeAnUnknownAtom) {
-    std::vector<Case> cases;
-    for (uint32_t size = 0; size < 8; ++size) {
-        cases.push_back({"small child",
+    };
+    for (uint32_t size = 0; size < 8; ++size)
+        cases.push_back({"child size below 8 ends its container like an unknown atom",
                          Cat({Atom("moov", {kMvhd, AtomWithSize(size, "trak", {Zeros(8)}), kMvhd}),
                               Atom("mdat")}),
                          1, "moov[mvhd] mdat", ""});
-    }
     RunCases(cases);
 }
 
@@ -155,10 +146,6 @@ TEST(TreeReader, NodesHoldSizeNameOffsetAndParent) {
     EXPECT_EQ(tkhd->ParentAtom, moov->FirstChild->NextSibling);
 }
 
-}  // namespace
-
-namespace {
-
 TEST(TreeReader, ChildScanResults) {
     struct ChildCase {
         const char *what;
@@ -187,6 +174,26 @@ TEST(TreeReader, ChildScanResults) {
         ReleaseChildAtoms(&parent);
         std::fclose(stream);
     }
+}
+
+TEST(TreeWalk, FindChildAndWalkPath) {
+    ReadTree tree(
+        Atom("moov", {Atom("trak", {Atom("tkhd", {Zeros(84)})}), Atom("trak", {Atom("mdia")})}));
+    const AtomNode *moov = tree.root.FirstAtom;
+    ASSERT_NE(moov, nullptr);
+    EXPECT_EQ(FindChild(moov, "trak"), moov->FirstChild);  // the first of two
+    EXPECT_EQ(FindChild(moov, "mvhd"), nullptr);
+    EXPECT_EQ(FindChild(nullptr, "trak"), nullptr);
+    const char *const found[] = {"trak", "tkhd"};
+    const char *missing = nullptr;
+    const AtomNode *tkhd = WalkPath(moov, found, 2, &missing);
+    ASSERT_NE(tkhd, nullptr);
+    EXPECT_STREQ(tkhd->AtomName, "tkhd");
+    EXPECT_EQ(missing, nullptr);
+    const char *const lost[] = {"trak", "mdia", "minf"};
+    EXPECT_EQ(WalkPath(moov, lost, 3, &missing), nullptr);
+    EXPECT_STREQ(missing, "mdia");
+    EXPECT_EQ(WalkPath(moov, found, 0, nullptr), moov);
 }
 
 }  // namespace
