@@ -73,28 +73,24 @@ TEST(Validation, Messages) {
     }
 }
 
-// A container whose schema has no rules can only come from a built tree.
-TEST(Validation, LeafWithChildrenIsNotAContainer) {
-    AtomNode child{};
-    CopyAtomName(child.AtomName, "mvhd");
-    AtomNode mdat{};
-    CopyAtomName(mdat.AtomName, "mdat");
-    mdat.FirstChild = &child;
-    CaptureStream out(stdout);
-    const bool passed = CheckAtom(&mdat);
-    EXPECT_EQ(out.Text(), "\n This Atom[mdat] is not a container atom \n");
-    EXPECT_FALSE(passed);
-}
-
+// The result tells whether the atom passed. A leaf with children can only
+// come from a built tree.
 TEST(Validation, ResultTellsWhetherTheAtomPassed) {
     ReadTree good(Atom("moov", {kMvhd, Atom("trak")}));
     ReadTree bad(Atom("moov", {kMvhd}));
+    AtomNode child{}, mdat{};
+    CopyAtomName(child.AtomName, "mvhd");
+    CopyAtomName(mdat.AtomName, "mdat");
+    mdat.FirstChild = &child;
     CaptureStream out(stdout);
     const bool goodPassed = CheckAtom(good.root.FirstAtom);
     const bool badPassed = CheckAtom(bad.root.FirstAtom);
+    const bool leafPassed = CheckAtom(&mdat);
     EXPECT_TRUE(goodPassed);
     EXPECT_FALSE(badPassed);
-    EXPECT_EQ(out.Text(), "\n This atom[moov] must have such type of atom[trak] \n");
+    EXPECT_FALSE(leafPassed);
+    EXPECT_EQ(out.Text(), "\n This atom[moov] must have such type of atom[trak] \n"
+                          "\n This Atom[mdat] is not a container atom \n");
 }
 
 }  // namespace
