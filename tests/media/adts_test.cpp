@@ -1,3 +1,5 @@
+// ADTS headers from an "esds", the bit field reader and the walk to the
+// decoder configuration under them.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -87,61 +89,59 @@ Header Make(const Bytes &esds, uint32_t frameSize) {
     return h;
 }
 
-TEST(AdtsHeader, KnownHeaders) {
-    struct Case {
-        const char *name;
-        Bytes esds;
-        uint32_t frameSize;
-        Bytes expected;
-    };
-    const Case cases[] = {
-        {"LC 44.1 kHz stereo", Esds(AudioConfig(2, 4, 2)), 100, Hex("FF F9 50 80 0D 7F FC")},
-        {"LC 48 kHz mono", Esds(AudioConfig(2, 3, 1)), 1000, Hex("FF F9 4C 40 7D FF FC")},
-        {"largest frame", Esds(AudioConfig(2, 4, 2)), 8184, Hex("FF F9 50 83 FF FF FC")},
-        {"main profile", Esds(AudioConfig(1, 4, 2)), 100, Hex("FF F9 10 80 0D 7F FC")},
-        {"LTP 7 channels", Esds(AudioConfig(4, 11, 7)), 0, Hex("FF F9 ED C0 00 FF FC")},
-        {"one front pair and an LFE", Esds(PceConfig({true}, 1)), 100, Hex("FF F9 50 C0 0D 7F FC")},
-        {"PCE with every mixdown", Esds(PceConfig({true, false}, 0, true, true, true)), 100,
-         Hex("FF F9 50 C0 0D 7F FC")},
-    };
-    for (const Case &c : cases) {
-        Header h = Make(c.esds, c.frameSize);
-        EXPECT_EQ(h.result, 1) << c.name;
-        EXPECT_EQ(h.bytes, c.expected) << c.name;
-        EXPECT_EQ(h.size, 7u) << c.name;
-    }
-}
-
-TEST(AdtsHeader, EveryMixOfLengthFormsGivesTheSameHeader) {
-    for (int mask = 0; mask < 8; ++mask) {
-        Forms forms{(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0};
-        Header h = Make(Esds(AudioConfig(2, 4, 2), forms), 100);
-        EXPECT_EQ(h.result, 1) << mask;
-        EXPECT_EQ(h.bytes, Hex("FF F9 50 80 0D 7F FC")) << mask;
-    }
-}
-
-TEST(AdtsHeader, FieldsTooWideAreRefusedAndLeaveTheHeaderAlone) {
+// A refused header leaves the caller's bytes and size alone.
+TEST(AdtsHeader, KnownHeadersAndFieldsTooWide) {
+    const Bytes untouched(7, 0xEE);
     struct Case {
         const char *name;
         Bytes esds;
         uint32_t frameSize;
         int32_t result;
+        Bytes expected;
     };
     const Case cases[] = {
-        {"object type 0", Esds(AudioConfig(0, 4, 2)), 100, -18},
-        {"object type 5", Esds(AudioConfig(5, 4, 2)), 100, -18},
-        {"escape object type", Esds(AudioConfig(31, 4, 2)), 100, -18},
-        {"channel configuration 8", Esds(AudioConfig(2, 4, 8)), 100, -17},
-        {"PCE of 8 channels", Esds(PceConfig({true, true, true, true}, 0)), 100, -17},
-        {"frame of 8185 bytes", Esds(AudioConfig(2, 4, 2)), 8185, -16},
-        {"frame of 4 GB", Esds(AudioConfig(2, 4, 2)), 0xFFFFFFFFu, -16},
+        {"LC 44.1 kHz stereo", Esds(AudioConfig(2, 4, 2)), 100, 1, Hex("FF F9 50 80 0D 7F FC")},
+        {"LC 48 kHz mono", Esds(AudioConfig(2, 3, 1)), 1000, 1, Hex("FF F9 4C 40 7D FF FC")},
+        {"largest frame", Esds(AudioConfig(2, 4, 2)), 8184, 1, Hex("FF F9 50 83 FF FF FC")},
+        {"main profile", Esds(AudioConfig(1, 4, 2)), 100, 1, Hex("FF F9 10 80 0D 7F FC")},
+        {"LTP 7 channels", Esds(AudioConfig(4, 11, 7)), 0, 1, Hex("FF F9 ED C0 00 FF FC")},
+        {"one front pair and an LFE", Esds(PceConfig({true}, 1)), 100, 1,
+         Hex("FF F9 50 C0 0D 7F FC")},
+        {"PCE with every mixdown", Esds(PceConfig({true, false}, 0, true, true, true)), 100, 1,
+         Hex("FF F9 50 C0 0D 7F FC")},
+        {"object type 0", Esds(AudioConfig(0, 4, 2)), 100, -18, untouched},
+        {"object type 5", Esds(AudioConfig(5, 4, 2)), 100, -18, untouched},
+        {"escape object type", Esds(AudioConfig(31, 4, 2)), 100, -18, untouched},
+        {"channel configuration 8", Esds(AudioConfig(2, 4, 8)), 100, -17, untouched},
+        {"PCE of 8 channels", Esds(PceConfig({true, true, true, true}, 0)), 100, -17, untouched},
+        {"frame of 8185 bytes", Esds(AudioConfig(2, 4, 2)), 8185, -16, untouched},
+        {"frame of 4 GB", Esds(AudioConfig(2, 4, 2)), 0xFFFFFFFFu, -16, untouched},
     };
     for (const Case &c : cases) {
         Header h = Make(c.esds, c.frameSize);
         EXPECT_EQ(h.result, c.result) << c.name;
-        EXPECT_EQ(h.bytes, Bytes(7, 0xEE)) << c.name;
-        EXPECT_EQ(h.size, 0u) << c.name;
+        EXPECT_EQ(h.bytes, c.expected) << c.name;
+        EXPECT_EQ(h.size, c.result == 1 ? 7u : 0u) << c.name;
+    }
+}
+
+// The walk to the decoder configuration takes both descriptor length
+// forms in any mix, for the header and for the configuration's fields.
+TEST(AdtsHeader, EveryMixOfLengthFormsGivesTheSameHeaderAndConfiguration) {
+    for (int mask = 0; mask < 8; ++mask) {
+        const Forms forms{(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0};
+        Header h = Make(Esds(AudioConfig(2, 4, 2), forms), 100);
+        EXPECT_EQ(h.result, 1) << mask;
+        EXPECT_EQ(h.bytes, Hex("FF F9 50 80 0D 7F FC")) << mask;
+        const Bytes esds = Esds(AudioConfig(2, 7, 1), forms);
+        AacConfig config{};
+        ASSERT_EQ(ReadAacConfig(esds.data(), esds.size(), &config), 1) << mask;
+        EXPECT_EQ(config.ObjectTypeIndication, 0x40u) << mask;
+        EXPECT_EQ(config.MaxBitRate, 128000u) << mask;
+        EXPECT_EQ(config.AvgBitRate, 96000u) << mask;
+        EXPECT_EQ(config.AudioObjectType, 2u) << mask;
+        EXPECT_EQ(config.FrequencyIndex, 7u) << mask;
+        EXPECT_EQ(config.ChannelConfiguration, 1u) << mask;
     }
 }
 
@@ -220,20 +220,6 @@ TEST(BitField, ReadsAtAnyPositionAndRefusesFieldsPastTheEnd) {
         EXPECT_EQ(GetBitField(buffer.data(), buffer.size(), &value, c.count, c.position), c.result)
             << c.count << "@" << c.position;
         EXPECT_EQ(value, c.value) << c.count << "@" << c.position;
-    }
-}
-
-TEST(DecoderConfigWalk, FindsBitRatesAndConfigurationInBothLengthForms) {
-    for (int mask = 0; mask < 8; ++mask) {
-        const Bytes esds = Esds(AudioConfig(2, 7, 1), {(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0});
-        AacConfig config{};
-        ASSERT_EQ(ReadAacConfig(esds.data(), esds.size(), &config), 1) << mask;
-        EXPECT_EQ(config.ObjectTypeIndication, 0x40u) << mask;
-        EXPECT_EQ(config.MaxBitRate, 128000u) << mask;
-        EXPECT_EQ(config.AvgBitRate, 96000u) << mask;
-        EXPECT_EQ(config.AudioObjectType, 2u) << mask;
-        EXPECT_EQ(config.FrequencyIndex, 7u) << mask;
-        EXPECT_EQ(config.ChannelConfiguration, 1u) << mask;
     }
 }
 
