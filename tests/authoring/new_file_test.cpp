@@ -1,10 +1,10 @@
 // New files and tracks: the handle and its tree, the checks in front of a
-// track's creation, track IDs, picture sizes read from configurations, the
-// sizes of generated samples, and the blocks of a chain.
+// track's creation, track IDs, picture sizes read from configurations, and
+// the blocks of a chain. The generated samples are checked in the written
+// file (layout_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <string>
 
 #include "authoring/authoring.h"
@@ -58,106 +58,74 @@ TEST(NewFile, RefusesNamesThatCantBeCreated) {
 }
 
 TEST(CreateTrack, RefusalsLeaveTheHandleAsItWas) {
-    const std::string kStdout = "stdout:";
+    // What a case does before the refused call, and the call's arguments.
+    enum Before { kNothing, kVideo, kOd };
+    enum Temp { kNoTemp, kVideoTemp, kAudioTemp, kOutput, kMissingFolder };
     struct Case {
         const char *what;
-        std::function<int32_t(WriteSession &)> call;
+        Before before;
+        uint32_t type, width, height, timescale, configSize;
+        Temp temp;
         std::string message;  // on standard error unless it starts with "stdout:"
         uint32_t nextTrackId;
     };
-    const Bytes config = Pattern(53, 0);
+    const std::string kUnsupported = "stdout:unsupport track type\n";
+    const std::string kExists = "A track of this type already exists in CreateTrack(...) \n";
+    const std::string kConfig =
+        "The decoder configuration is too long or missing in CreateTrack(...) \n";
+    const std::string kInUse = "The temp file name is already in use in CreateTrack(...) \n";
+    const std::string kTooWide =
+        "Width and height above 8191 need a decoder configuration in CreateTrack(...) \n";
     const Case kCases[] = {
-        {"hint tracks are not creatable",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 3, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-         },
-         kStdout + "unsupport track type\n", 1},
-        {"type 0",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 0, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-         },
-         kStdout + "unsupport track type\n", 1},
-        {"type 6",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 6, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-         },
-         kStdout + "unsupport track type\n", 1},
-        {"a second video track",
-         [](WriteSession &s) {
-             EXPECT_EQ(s.Video(), 1);
-             return s.Video();
-         },
-         "A track of this type already exists in CreateTrack(...) \n", 2},
-        {"a second object descriptor track",
-         [](WriteSession &s) {
-             EXPECT_EQ(s.Od(), 1);
-             return s.Od();
-         },
-         "A track of this type already exists in CreateTrack(...) \n", 2},
-        {"a media track after the object descriptor track",
-         [](WriteSession &s) {
-             EXPECT_EQ(s.Od(), 1);
-             return s.Audio();
-         },
+        {"hint tracks are not creatable", kNothing, 3, 0, 0, 1000, 0, kNoTemp, kUnsupported, 1},
+        {"type 0", kNothing, 0, 0, 0, 1000, 0, kNoTemp, kUnsupported, 1},
+        {"type 6", kNothing, 6, 0, 0, 1000, 0, kNoTemp, kUnsupported, 1},
+        {"a second video track", kVideo, 1, 176, 144, 1000, 0, kAudioTemp, kExists, 2},
+        {"a second object descriptor track", kOd, 4, 0, 0, 1000, 0, kNoTemp, kExists, 2},
+        {"a media track after the object descriptor track", kOd, 2, 0, 0, 44100, 0, kAudioTemp,
          "Media tracks must be created before the object descriptor and scene tracks in "
          "CreateTrack(...) \n",
          2},
-        {"timescale 0",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr,
-                                s.audioTemp().c_str(), 0);
-         },
+        {"timescale 0", kNothing, 2, 0, 0, 0, 0, kAudioTemp,
          "The timescale of a track must not be 0 in CreateTrack(...) \n", 1},
-        {"53 bytes of configuration", [&](WriteSession &s) { return s.Video(176, 144, config); },
-         "The decoder configuration is too long or missing in CreateTrack(...) \n", 1},
-        {"configuration size without bytes",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 1, 176, 144, 25, 1000, 0, 0, 0, 0, 4, nullptr,
-                                s.videoTemp().c_str(), 0);
-         },
-         "The decoder configuration is too long or missing in CreateTrack(...) \n", 1},
-        {"no temp file name",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 2, 0, 0, 0, 44100, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-         },
+        {"53 bytes of configuration", kNothing, 1, 176, 144, 1000, 53, kVideoTemp, kConfig, 1},
+        {"configuration size without bytes", kNothing, 1, 176, 144, 1000, 4, kVideoTemp, kConfig,
+         1},
+        {"no temp file name", kNothing, 2, 0, 0, 44100, 0, kNoTemp,
          "No temp file name in CreateTrack(...) \n", 1},
-        {"the video track's temp file name for audio",
-         [](WriteSession &s) {
-             EXPECT_EQ(s.Video(), 1);
-             return CreateTrack(s.file(), 2, 0, 0, 0, 44100, 0, 0, 0, 0, 0, nullptr,
-                                s.videoTemp().c_str(), 0);
-         },
-         "The temp file name is already in use in CreateTrack(...) \n", 2},
-        {"the output file's name as temp file name",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 2, 0, 0, 0, 44100, 0, 0, 0, 0, 0, nullptr,
-                                s.output().c_str(), 0);
-         },
-         "The temp file name is already in use in CreateTrack(...) \n", 1},
-        {"a width above 8191 without configuration", [](WriteSession &s) { return s.Video(8192, 144); },
-         "Width and height above 8191 need a decoder configuration in CreateTrack(...) \n", 1},
-        {"a height above 8191 without configuration", [](WriteSession &s) { return s.Video(64, 9000); },
-         "Width and height above 8191 need a decoder configuration in CreateTrack(...) \n", 1},
+        {"the video track's temp file name for audio", kVideo, 2, 0, 0, 44100, 0, kVideoTemp,
+         kInUse, 2},
+        {"the output file's name as temp file name", kNothing, 2, 0, 0, 44100, 0, kOutput, kInUse,
+         1},
+        {"a width above 8191 without configuration", kNothing, 1, 8192, 144, 1000, 0, kVideoTemp,
+         kTooWide, 1},
+        {"a height above 8191 without configuration", kNothing, 1, 64, 9000, 1000, 0, kVideoTemp,
+         kTooWide, 1},
         // The temp file is created after the track got its ID.
-        {"a temp file that can't be created",
-         [](WriteSession &s) {
-             return CreateTrack(s.file(), 1, 176, 144, 25, 1000, 0, 0, 0, 0, 0, nullptr,
-                                "/nonexistent-folder/video.tmp", 0);
-         },
+        {"a temp file that can't be created", kNothing, 1, 176, 144, 1000, 0, kMissingFolder,
          "Can not create temp file in CreateTrack(...) \n", 2},
     };
+    const Bytes config = Pattern(53, 0);
     for (const Case &c : kCases) {
         SCOPED_TRACE(c.what);
         WriteSession session;
-        const bool toStdout = c.message.rfind(kStdout, 0) == 0;
+        if (c.before != kNothing) {
+            ASSERT_EQ(c.before == kVideo ? session.Video() : session.Od(), 1);
+        }
+        const std::string temps[] = {"", session.videoTemp(), session.audioTemp(),
+                                     session.output(), "/nonexistent-folder/video.tmp"};
+        const char *temp = c.temp == kNoTemp ? nullptr : temps[c.temp].c_str();
+        // The configuration's bytes go only with its 53 bytes.
+        const uint8_t *bytes = c.configSize == 53 ? config.data() : nullptr;
         CaptureStream out(stdout);
         CaptureStream err(stderr);
-        const int32_t result = c.call(session);
+        const int32_t result = CreateTrack(session.file(), c.type, c.width, c.height, 25,
+                                           c.timescale, 0, 0, 0, 0, c.configSize, bytes, temp, 0);
         const std::string printedErr = err.Text();
         const std::string printedOut = out.Text();
         EXPECT_EQ(result, -99);
-        if (toStdout) {
-            EXPECT_EQ(printedOut, c.message.substr(kStdout.size()));
+        if (c.message.rfind("stdout:", 0) == 0) {
+            EXPECT_EQ(printedOut, c.message.substr(7));
         } else {
             EXPECT_EQ(printedErr, c.message);
         }
@@ -219,36 +187,6 @@ TEST(CreateTrack, PictureSizeComesFromTheConfigurationOnlyWhenBothAreZero) {
         EXPECT_EQ(track->TrackWidth, c.expectWidth);
         EXPECT_EQ(track->TrackHeight, c.expectHeight);
         EXPECT_EQ(track->ConfigSize, c.config.size());
-    }
-}
-
-TEST(CreateTrack, GeneratedSampleSizeFollowsTheMediaTracksThatExist) {
-    struct Case {
-        bool video, audio;
-        uint32_t od, scene;
-    };
-    const Case kCases[] = {{true, true, 33, 16}, {true, false, 10, 38}, {false, true, 10, 17},
-                           {false, false, 10, 0}};
-    for (const Case &c : kCases) {
-        WriteSession session;
-        if (c.video) {
-            ASSERT_EQ(session.Video(), 1);
-        }
-        if (c.audio) {
-            ASSERT_EQ(session.Audio(), 1);
-        }
-        ASSERT_EQ(session.Od(), 1);
-        ASSERT_EQ(session.Scene(), 1);
-        const WriteForm &form = session.file()->write;
-        for (const TrackNode *track : {form.OdTrack, form.SceneTrack}) {
-            EXPECT_EQ(track->SampleCount, 1u);
-            EXPECT_EQ(track->KeyFrameCount, 1u);
-            EXPECT_EQ(track->SampleRecords[0].Time, 0u);
-            EXPECT_EQ(track->SampleRecords[0].TempOffset, 0u);
-            EXPECT_EQ(track->KeyFrameRecords[0].SampleIndex, 0u);
-        }
-        EXPECT_EQ(form.OdTrack->SampleRecords[0].Size, c.od);
-        EXPECT_EQ(form.SceneTrack->SampleRecords[0].Size, c.scene);
     }
 }
 
