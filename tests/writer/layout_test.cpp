@@ -15,13 +15,6 @@ namespace {
 using namespace testing_support;
 using namespace writer_test;
 
-const Bytes kMatrix = Cat({U32(0x00010000), U32(0), U32(0), U32(0), U32(0x00010000), U32(0),
-                           U32(0), U32(0), U32(0x40000000)});
-
-uint32_t Be32At(const Bytes &b, size_t at) {
-    return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) |
-           b[at + 3];
-}
 
 // Offset of the first media byte: everything before it is "ftyp", "moov"
 // and the "mdat" header.

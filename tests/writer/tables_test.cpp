@@ -17,11 +17,6 @@ using Words = std::vector<uint32_t>;
 
 const std::string kStbl = "moov/trak#1/mdia/minf/stbl/";
 
-uint32_t Be32At(const Bytes &b, size_t at) {
-    return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) |
-           b[at + 3];
-}
-
 // Sample i has i + 1 bytes, so that its temp file offset is i (i + 1) / 2.
 uint32_t OffsetOf(uint32_t i) { return i * (i + 1) / 2; }
 

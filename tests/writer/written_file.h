@@ -57,6 +57,18 @@ private:
     MP4_local_file *file_ = nullptr;
 };
 
+// The big-endian word at `at`.
+inline uint32_t Be32At(const Bytes &b, size_t at) {
+    return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) |
+           b[at + 3];
+}
+
+// The unity matrix of "mvhd" and "tkhd".
+inline const Bytes kMatrix = testing_support::Cat(
+    {testing_support::U32(0x00010000), testing_support::U32(0), testing_support::U32(0),
+     testing_support::U32(0), testing_support::U32(0x00010000), testing_support::U32(0),
+     testing_support::U32(0), testing_support::U32(0), testing_support::U32(0x40000000)});
+
 // `count` bytes of a recognisable pattern that starts at `seed`.
 Bytes Pattern(size_t count, uint8_t seed);
 
