@@ -1,3 +1,5 @@
+// The initial object descriptor: EncryptMp4Iod's bytes and DecryptMp4Iod's
+// reading of them.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -33,37 +35,30 @@ struct BareHandle {
     ~BareHandle() { free(file.read.IodBuffer); }
 };
 
-TEST(Iod, OutputIsTheTemplateWithTheCallersVideoConfiguration) {
-    BareHandle handle;
-    const Bytes config = Hex("00 00 01 B0 01");
-    uint8_t *iod = nullptr;
-    const int32_t count = EncryptMp4Iod(&handle.file, &iod, config.data(), uint8_t(config.size()));
-    ASSERT_EQ(count, 116 + 5);
-    ASSERT_EQ(iod, handle.file.read.IodBuffer);
-    EXPECT_EQ(Bytes(iod, iod + count), ExpectedIod(config, {}));
-    EXPECT_EQ(iod[81], 5);
-    // The last 2 bits of the template lie in one more, uncounted byte.
-    EXPECT_EQ(iod[count], 0);
-}
-
-TEST(Iod, BlockSizesAtTheLimits) {
+// The output is the template with the caller's video configuration, in
+// the handle's buffer; a refusal leaves the out argument alone.
+TEST(Iod, OutputAndBlockSizesAtTheLimits) {
     struct Case {
         uint32_t size;
         int32_t result;
     };
-    const Case cases[] = {{0, 116}, {1, 117}, {100, 216}, {101, -97}, {255, -97}};
+    const Case cases[] = {{0, 116}, {1, 117}, {5, 121}, {100, 216}, {101, -97}, {255, -97}};
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.size);
         BareHandle handle;
         const Bytes config(c.size, 0x5A);
-        uint8_t *iod = reinterpret_cast<uint8_t *>(&handle);  // must stay as it is on refusal
+        uint8_t *iod = reinterpret_cast<uint8_t *>(&handle);
         uint8_t *const before = iod;
-        EXPECT_EQ(EncryptMp4Iod(&handle.file, &iod, config.data(), uint8_t(c.size)), c.result)
-            << c.size;
+        EXPECT_EQ(EncryptMp4Iod(&handle.file, &iod, config.data(), uint8_t(c.size)), c.result);
         if (c.result > 0) {
-            EXPECT_EQ(Bytes(iod, iod + c.result), ExpectedIod(config, {})) << c.size;
+            ASSERT_EQ(iod, handle.file.read.IodBuffer);
+            EXPECT_EQ(Bytes(iod, iod + c.result), ExpectedIod(config, {}));
+            EXPECT_EQ(iod[81], c.size);
+            // The last 2 bits of the template lie in one more, uncounted byte.
+            EXPECT_EQ(iod[c.result], 0);
         } else {
-            EXPECT_EQ(iod, before) << c.size;
-            EXPECT_EQ(handle.file.read.IodBuffer, nullptr) << c.size;
+            EXPECT_EQ(iod, before);
+            EXPECT_EQ(handle.file.read.IodBuffer, nullptr);
         }
     }
 }
