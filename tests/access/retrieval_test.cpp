@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <map>
 
 #include "access/access.h"
@@ -96,25 +95,21 @@ TEST(GetSampleTest, GivesTheLastSampleAtOrBeforeTheTimeAndNextGoesOnBehindIt) {
 }
 
 TEST(FindingATrack, ResultCodesOfEachStep) {
+    MiniTrack hint = Audio(3, Samples(2));
+    hint.handler = "hint";
+    const std::vector<MiniTrack> videoAndAudio = {Video(1, Samples(3)), Audio(2, Samples(3))};
+    const std::vector<MiniTrack> audioOnly = {Audio(2, Samples(3))};
+    const std::vector<MiniTrack> videoOnly = {Video(1, Samples(3))};
+    const std::vector<MiniTrack> withHint = {Video(1, Samples(3)), hint};
     struct Case {
         const char *name;
-        std::function<std::vector<MiniTrack>()> tracks;
+        const std::vector<MiniTrack> &tracks;
         bool nullFile;
         uint32_t id;
         int32_t type;
         int32_t result;
     };
-    auto videoAndAudio = [] {
-        return std::vector<MiniTrack>{Video(1, Samples(3)), Audio(2, Samples(3))};
-    };
-    auto audioOnly = [] { return std::vector<MiniTrack>{Audio(2, Samples(3))}; };
-    auto videoOnly = [] { return std::vector<MiniTrack>{Video(1, Samples(3))}; };
-    auto withHint = [] {
-        MiniTrack hint = Audio(3, Samples(2));
-        hint.handler = "hint";
-        return std::vector<MiniTrack>{Video(1, Samples(3)), hint};
-    };
-    const std::vector<Case> cases = {
+    const Case cases[] = {
         {"null file", videoAndAudio, true, 1, 1, -99},
         {"ID 0", videoAndAudio, false, 0, 1, -99},
         {"ID 0 before the type", videoAndAudio, false, 0, 7, -99},
@@ -128,15 +123,11 @@ TEST(FindingATrack, ResultCodesOfEachStep) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        OpenedFile opened(BuildMiniMp4(c.tracks()));
-        using Caller = std::function<Call(MP4_local_file *, uint32_t, int32_t)>;
-        const Caller callers[] = {Next, [](MP4_local_file *h, uint32_t id, int32_t type) {
-                                      return At(h, id, type, 15);
-                                  }};
-        for (const Caller &call : callers) {
-            Call result = call(c.nullFile ? nullptr : opened.handle, c.id, c.type);
-            EXPECT_EQ(result.result, c.result);
-            EXPECT_TRUE(result.untouched);
+        OpenedFile opened(BuildMiniMp4(c.tracks));
+        MP4_local_file *file = c.nullFile ? nullptr : opened.handle;
+        for (const Call &call : {Next(file, c.id, c.type), At(file, c.id, c.type, 15)}) {
+            EXPECT_EQ(call.result, c.result);
+            EXPECT_TRUE(call.untouched);
         }
     }
 }
