@@ -107,6 +107,14 @@ Bytes BuildLayer(const Layer &l) {
     return w.bytes;
 }
 
+// The default layer with one change.
+template <typename Change>
+Layer With(Change change) {
+    Layer l;
+    change(l);
+    return l;
+}
+
 struct ParseOutcome {
     int32_t result;
     uint32_t width, height, headerSize;
@@ -170,23 +178,18 @@ TEST(VolHeader, StepResults) {
         int32_t result;
         bool sizeWritten;
     };
-    auto with = [](auto change) {
-        Layer l;
-        change(l);
-        return l;
-    };
     const Case cases[] = {
         {"plain", Layer{}, 1, true},
-        {"shape binary", with([](Layer &l) { l.shape = 1; }), -1, false},
-        {"shape grayscale", with([](Layer &l) { l.shape = 3; }), -1, false},
-        {"4 warping points", with([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 4; }), -2, true},
-        {"3 warping points", with([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 3; }), 1, true},
-        {"static sprite", with([](Layer &l) { l.spriteMode = 1; }), -2, true},
-        {"not 8 bit", with([](Layer &l) { l.not8Bit = true; }), -3, true},
-        {"complexity estimation", with([](Layer &l) { l.complexityDisabled = false; }), -5, true},
-        {"newpred", with([](Layer &l) { l.identifier = true; l.version = 2; l.newpred = true; }), -6, true},
-        {"reduced resolution", with([](Layer &l) { l.identifier = true; l.version = 2; l.reducedResolution = true; }), -7, true},
-        {"newpred ignored in version 1", with([](Layer &l) { l.identifier = true; l.version = 1; }), 1, true},
+        {"shape binary", With([](Layer &l) { l.shape = 1; }), -1, false},
+        {"shape grayscale", With([](Layer &l) { l.shape = 3; }), -1, false},
+        {"4 warping points", With([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 4; }), -2, true},
+        {"3 warping points", With([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 3; }), 1, true},
+        {"static sprite", With([](Layer &l) { l.spriteMode = 1; }), -2, true},
+        {"not 8 bit", With([](Layer &l) { l.not8Bit = true; }), -3, true},
+        {"complexity estimation", With([](Layer &l) { l.complexityDisabled = false; }), -5, true},
+        {"newpred", With([](Layer &l) { l.identifier = true; l.version = 2; l.newpred = true; }), -6, true},
+        {"reduced resolution", With([](Layer &l) { l.identifier = true; l.version = 2; l.reducedResolution = true; }), -7, true},
+        {"newpred ignored in version 1", With([](Layer &l) { l.identifier = true; l.version = 1; }), 1, true},
     };
     for (const Case &c : cases) {
         ParseOutcome o = Parse(Cat({BuildLayer(c.layer), kVopStart}));
@@ -205,25 +208,20 @@ TEST(VolHeader, OptionalFieldsAreSkippedByTheirLength) {
         const char *name;
         Layer layer;
     };
-    auto with = [](auto change) {
-        Layer l;
-        change(l);
-        return l;
-    };
     const Case cases[] = {
-        {"identifier version 2", with([](Layer &l) { l.identifier = true; l.version = 2; })},
-        {"extended aspect ratio", with([](Layer &l) { l.aspect = 15; })},
-        {"control parameters", with([](Layer &l) { l.controlParameters = true; })},
-        {"buffer parameters", with([](Layer &l) { l.controlParameters = true; l.bufferParameters = true; })},
-        {"fixed rate 25", with([](Layer &l) { l.fixedRate = true; l.resolution = 25; })},
-        {"fixed rate 16", with([](Layer &l) { l.fixedRate = true; l.resolution = 16; })},
-        {"fixed rate 1", with([](Layer &l) { l.fixedRate = true; l.resolution = 1; })},
-        {"fixed rate 0", with([](Layer &l) { l.fixedRate = true; l.resolution = 0; })},
-        {"fixed rate 65535", with([](Layer &l) { l.fixedRate = true; l.resolution = 65535; })},
-        {"both matrices", with([](Layer &l) { l.quantType = true; l.intraMatrix = l.interMatrix = true; })},
-        {"inter matrix only", with([](Layer &l) { l.quantType = true; l.interMatrix = true; })},
-        {"data partitioned", with([](Layer &l) { l.dataPartitioned = true; })},
-        {"sprite mode 2", with([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 2; })},
+        {"identifier version 2", With([](Layer &l) { l.identifier = true; l.version = 2; })},
+        {"extended aspect ratio", With([](Layer &l) { l.aspect = 15; })},
+        {"control parameters", With([](Layer &l) { l.controlParameters = true; })},
+        {"buffer parameters", With([](Layer &l) { l.controlParameters = true; l.bufferParameters = true; })},
+        {"fixed rate 25", With([](Layer &l) { l.fixedRate = true; l.resolution = 25; })},
+        {"fixed rate 16", With([](Layer &l) { l.fixedRate = true; l.resolution = 16; })},
+        {"fixed rate 1", With([](Layer &l) { l.fixedRate = true; l.resolution = 1; })},
+        {"fixed rate 0", With([](Layer &l) { l.fixedRate = true; l.resolution = 0; })},
+        {"fixed rate 65535", With([](Layer &l) { l.fixedRate = true; l.resolution = 65535; })},
+        {"both matrices", With([](Layer &l) { l.quantType = true; l.intraMatrix = l.interMatrix = true; })},
+        {"inter matrix only", With([](Layer &l) { l.quantType = true; l.interMatrix = true; })},
+        {"data partitioned", With([](Layer &l) { l.dataPartitioned = true; })},
+        {"sprite mode 2", With([](Layer &l) { l.identifier = true; l.version = 2; l.spriteMode = 2; l.warpingPoints = 2; })},
     };
     for (const Case &c : cases) {
         const Bytes layer = BuildLayer(c.layer);
