@@ -9,45 +9,21 @@
 #include "atoms/atoms.h"
 #include "frame/frame.h"
 #include "mp4core.h"
-#include "support/test_support.h"
+#include "support/mini_mp4.h"
 #include "tracks/tracks.h"
 
 namespace {
 
 using namespace testing_support;
 
-// A small file with one complete video track, which opens without a message.
+// A small file with one complete video track of two samples, which opens
+// without a message.
 Bytes SmallValidFile() {
-    const Bytes esds = FullAtom("esds", 0, {Hex("03 19 00 01 00 04 11 20 11 00 00 00 00 00 00 00 "
-                                                 "00 00 00 00 00 05 02 00 00 06 01 02")});
-    const Bytes mp4v = Atom("mp4v", {Zeros(6), U16(1), Zeros(16), U16(64), U16(48),
-                                     U32(0x00480000), U32(0x00480000), U32(0), U16(1), Zeros(32),
-                                     U16(24), U16(0xFFFF), esds});
-    const Bytes stbl = Atom(
-        "stbl", {FullAtom("stsd", 0, {U32(1), mp4v}),
-                 FullAtom("stts", 0, {U32(1), U32(2), U32(1000)}),
-                 FullAtom("stss", 0, {U32(1), U32(1)}),
-                 FullAtom("stsc", 0, {U32(1), U32(1), U32(2), U32(1)}),
-                 FullAtom("stsz", 0, {U32(0), U32(2), U32(4), U32(4)}),
-                 FullAtom("stco", 0, {U32(1), U32(24 + 8)})});
-    const Bytes minf =
-        Atom("minf", {FullAtom("vmhd", 1, {Zeros(8)}),
-                      Atom("dinf", {FullAtom("dref", 0, {U32(1), FullAtom("url ", 1)})}), stbl});
-    const Bytes mdia = Atom("mdia", {FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(2000),
-                                                          Zeros(4)}),
-                                     FullAtom("hdlr", 0, {U32(0), Text("vide"), Zeros(12), U8(0)}),
-                                     minf});
-    const Bytes trak = Atom("trak", {FullAtom("tkhd", 7, {U32(0), U32(0), U32(1), U32(0),
-                                                          U32(2000), Zeros(52), U32(64 << 16),
-                                                          U32(48 << 16)}),
-                                     mdia});
-    const Bytes moov = Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(2000),
-                                                          Zeros(80)}),
-                                     trak});
-    return Cat({Atom("ftyp", {Text("isom"), U32(0), Text("isom"), Text("mp41")}),
-                Atom("mdat", {Hex("00 00 01 B6 00 00 01 B6")}), moov,
-                // Room behind the last "esds", whose head is read at full length.
-                Atom("free", {Zeros(232)})});
+    MiniTrack track;
+    track.samples = {Vop(0), Vop(1)};
+    track.withStss = true;
+    track.syncSamples = {1};
+    return BuildMiniMp4({track});
 }
 
 struct Opened {
