@@ -8,8 +8,9 @@
 #include "atoms/atoms.h"
 #include "frame/frame.h"
 #include "mp4core.h"
-#include "tracks/tracks.h"
 #include "commands.h"
+#include "result_text.h"
+#include "tracks/tracks.h"
 
 namespace {
 
@@ -82,19 +83,28 @@ void PrintTree(const MP4_local_file *file, const AtomNode *first, uint32_t depth
     }
 }
 
-}  // namespace
-
-int RunDump(int argc, char **argv) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: mp4core dump FILE\n");
-        return 2;
-    }
+int RunDump(const Arguments &arguments) {
     MP4_local_file *file = nullptr;
-    const int32_t result = MP4FileOpen(&file, argv[0], MP4_TABLE_KEYFRAMES);
+    const int32_t result = MP4FileOpen(&file, arguments.operands[0], MP4_TABLE_KEYFRAMES);
     std::printf("\nMP4FileOpen: %d\n", result);
-    if (result != 1) return 1;
+    if (result != 1) return ReportFailure(kDumpCommand.name, "MP4FileOpen", result);
     std::printf("file size: %u\n", file->RootAtom->FileSize);
     PrintTree(file, file->RootAtom->FirstAtom, 0);
     MP4FileClose(&file);
     return 0;
 }
+
+constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+
+}  // namespace
+
+extern const CommandSpec kDumpCommand = {
+    "dump",
+    "the atom tree as read, with the open's diagnostics",
+    kOperands, CountOf(kOperands), nullptr, 0,
+    "\nOpens FILE as the library reads it (key frame tables kept), then prints the\n"
+    "open's own diagnostics, its result (\"MP4FileOpen: 1\"), the file size, and one\n"
+    "line per atom: depth, name, offset and size, with the entry counts of the\n"
+    "atoms that hold tables. Atoms the catalogue does not know say so.\n",
+    RunDump,
+};

@@ -1,17 +1,15 @@
-// mp4core extract FILE --track ID -o OUT: one track as a raw stream.
-//   AAC            -> ADTS, a header from AAC_EsdsToAdtsHead before each frame
-//   MPEG-1/2 audio -> the frames as they are
-//   MPEG-4 video   -> the decoder configuration, then the samples (.m4v)
-//   H.263          -> the samples (.263)
-//   AMR            -> "#!AMR\n" or "#!AMR-WB\n", then the samples (.amr)
+// mp4core extract FILE --track ID -o OUT: one track as a raw stream, in
+// the form its help text (kExtractCommand) lists.
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "atoms/atoms.h"
 #include "commands.h"
 #include "media/media.h"
 #include "mp4core.h"
+#include "progress.h"
+#include "result_text.h"
 #include "tracks/tracks.h"
 
 namespace {
@@ -21,21 +19,6 @@ struct Options {
     const char *output = nullptr;
     uint32_t track = 0;
 };
-
-bool ParseOptions(int argc, char **argv, Options *options) {
-    for (int i = 0; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--track") == 0 && i + 1 < argc) {
-            options->track = uint32_t(std::strtoul(argv[++i], nullptr, 10));
-        } else if (std::strcmp(argv[i], "-o") == 0 && i + 1 < argc) {
-            options->output = argv[++i];
-        } else if (argv[i][0] != '-' && options->path == nullptr) {
-            options->path = argv[i];
-        } else {
-            return false;
-        }
-    }
-    return options->path != nullptr && options->output != nullptr && options->track != 0;
-}
 
 enum class StreamKind { kUnknown, kAdts, kMpegAudio, kMpeg4Video, kH263, kAmrNarrow, kAmrWide };
 
@@ -68,6 +51,10 @@ StreamKind KindOf(const AtomNode *entry, const Mp4MediaInfo *info) {
     return StreamKind::kUnknown;
 }
 
+bool WriteAll(const uint8_t *bytes, size_t size, FILE *out) {
+    return std::fwrite(bytes, 1, size, out) == size;
+}
+
 // The whole decoder specific info of an "mp4v" entry: the stream header
 // that goes in front of the first picture. The media information holds
 // only its first 18 bytes, so this reads the track's "esds" record.
@@ -77,19 +64,29 @@ bool WriteVideoConfig(const AtomNode *entry, FILE *out) {
     size_t offset = 0, size = 0;
     if (FindDecoderSpecificInfo(esds->realStructure, AtomRecordBytes(esds), &offset, &size) != 1)
         return false;
-    return std::fwrite(esds->realStructure + offset, 1, size, out) == size;
+    return WriteAll(esds->realStructure + offset, size, out);
 }
 
+// Writes the samples; false if one could not be read or written. A
+// sample that can't be read (-82) is reported and passed over, and the
+// rest still goes out.
 bool WriteSamples(MP4_local_file *file, uint32_t trackId, const Track &track, StreamKind kind,
                   const Mp4MediaInfo *info, FILE *out, uint32_t *written) {
-    // Every turn reads one sample or ends; -82 (a sample that can't be read)
-    // moves the cursor on and is reported.
-    for (uint64_t turn = 0; turn <= uint64_t(track.SampleCount) + 1; ++turn) {
+    Progress progress = StartProgress(kExtractCommand.name, "samples", track.SampleCount);
+    bool complete = true;
+    // Every turn reads one sample or ends, so the bound only keeps the
+    // loop finite whatever the track holds.
+    for (uint64_t number = 0; number <= uint64_t(track.SampleCount) + 1; ++number) {
+        UpdateProgress(&progress, number);
         MP4Sample *sample = nullptr;
         const int32_t result = GetNextSample(file, trackId, track.Type, &sample);
-        if (result == 0) return true;
+        if (result == 0) break;
+        char context[48];
+        std::snprintf(context, sizeof context, "sample %llu", static_cast<unsigned long long>(number));
         if (result != 1) {
-            std::fprintf(stderr, "mp4core extract: sample %u gave %d\n", *written, int(result));
+            EndProgress(&progress);
+            ReportFailure(kExtractCommand.name, "GetNextSample", result, context);
+            complete = false;
             if (result == -82) continue;
             return false;
         }
@@ -98,50 +95,64 @@ bool WriteSamples(MP4_local_file *file, uint32_t trackId, const Track &track, St
             uint8_t header[7];
             uint32_t headerSize = 0;
             const int32_t made = AAC_EsdsToAdtsHead(info->EsdsData, sample->Size, header, &headerSize);
-            ok = made == 1 && std::fwrite(header, 1, headerSize, out) == headerSize;
-            if (made != 1) std::fprintf(stderr, "mp4core extract: AAC_EsdsToAdtsHead gave %d\n", int(made));
+            if (made != 1) {
+                SampleDataFree(&sample);
+                EndProgress(&progress);
+                ReportFailure(kExtractCommand.name, "AAC_EsdsToAdtsHead", made, context);
+                return false;
+            }
+            ok = WriteAll(header, headerSize, out);
         }
-        ok = ok && std::fwrite(sample->Data, 1, sample->Size, out) == sample->Size;
+        ok = ok && WriteAll(sample->Data, sample->Size, out);
         SampleDataFree(&sample);
-        if (!ok) return false;
+        if (!ok) {
+            EndProgress(&progress);
+            std::fprintf(stderr, "mp4core %s: can't write the output: %s\n", kExtractCommand.name,
+                         std::strerror(errno));
+            return false;
+        }
         ++*written;
     }
-    return true;
+    EndProgress(&progress);
+    return complete;
 }
 
 int Extract(MP4_local_file *file, const Options &options) {
+    const char *name = kExtractCommand.name;
     const Track track = FindTrack(file, options.track);
     if (track.Type == 0) {
-        std::fprintf(stderr, "mp4core extract: no video or audio track %u\n", options.track);
+        std::fprintf(stderr, "mp4core %s: no video or audio track %u\n", name, options.track);
         return 1;
     }
     Mp4MediaInfo *info = nullptr;
-    RetMp4MediaInfo(file, options.track, track.Type, &info);
+    const int32_t described = RetMp4MediaInfo(file, options.track, track.Type, &info);
     const AtomNode *entry = TrackSampleEntry(track.Node);
     const StreamKind kind = KindOf(entry, info);
     int status = 1;
     FILE *out = nullptr;
     if (kind == StreamKind::kUnknown) {
-        std::fprintf(stderr, "mp4core extract: track %u has no stream form this tool writes\n",
+        // Only an audio track's stream form needs the media information.
+        if (described != 1) ReportFailure(name, "RetMp4MediaInfo", described);
+        std::fprintf(stderr, "mp4core %s: track %u has no stream form this tool writes\n", name,
                      options.track);
     } else if ((out = std::fopen(options.output, "wb")) == nullptr) {
-        std::fprintf(stderr, "mp4core extract: can't create %s\n", options.output);
+        std::fprintf(stderr, "mp4core %s: can't create %s: %s\n", name, options.output,
+                     std::strerror(errno));
     } else {
         bool ok = true;
         if (kind == StreamKind::kAmrNarrow) ok = std::fputs("#!AMR\n", out) >= 0;
         if (kind == StreamKind::kAmrWide) ok = std::fputs("#!AMR-WB\n", out) >= 0;
         if (kind == StreamKind::kMpeg4Video && !WriteVideoConfig(entry, out)) {
-            std::fprintf(stderr, "mp4core extract: track %u has no decoder configuration\n",
+            std::fprintf(stderr, "mp4core %s: track %u has no decoder configuration\n", name,
                          options.track);
             ok = false;
         }
         uint32_t written = 0;
         ok = ok && WriteSamples(file, options.track, track, kind, info, out, &written);
-        ok = std::fclose(out) == 0 && ok;
-        if (ok) {
-            std::printf("track %u: %u samples written to %s\n", options.track, written, options.output);
-            status = 0;
-        }
+        const bool closed = std::fclose(out) == 0;
+        if (!closed) std::fprintf(stderr, "mp4core %s: can't write %s\n", name, options.output);
+        std::printf("track %u: %u samples written to %s\n", options.track, written, options.output);
+        status = ok && closed ? 0 : 1;
     }
     if (info != nullptr) {
         void *blocks[] = {info->EsdsData, info->D263Data, info->DamrData, info};
@@ -150,21 +161,40 @@ int Extract(MP4_local_file *file, const Options &options) {
     return status;
 }
 
-}  // namespace
-
-int RunExtract(int argc, char **argv) {
+int RunExtract(const Arguments &arguments) {
     Options options;
-    if (!ParseOptions(argc, argv, &options)) {
-        std::fprintf(stderr, "usage: mp4core extract FILE --track ID -o OUT\n");
-        return 2;
-    }
+    options.path = arguments.operands[0];
+    options.output = OptionValue(arguments, "-o");
+    const char *track = OptionValue(arguments, "--track");
+    if (!ParseU32(track, &options.track) || options.track == 0)
+        return UsageError(kExtractCommand, "--track takes a track ID above 0, not '%s'", track);
     MP4_local_file *file = nullptr;
     const int32_t opened = MP4FileOpen(&file, options.path, MP4_TABLE_MARKS);
-    if (opened != 1) {
-        std::fprintf(stderr, "mp4core extract: MP4FileOpen gave %d\n", int(opened));
-        return 1;
-    }
+    if (opened != 1) return ReportFailure(kExtractCommand.name, "MP4FileOpen", opened);
     const int status = Extract(file, options);
     MP4FileClose(&file);
     return status;
 }
+
+constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+
+constexpr OptionSpec kOptions[] = {
+    {"--track", "ID", true, false, "the track to extract, by its \"tkhd\" track ID"},
+    {"-o", "OUT", true, false, "the raw stream file to write"},
+};
+
+}  // namespace
+
+extern const CommandSpec kExtractCommand = {
+    "extract",
+    "a track as a raw stream",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nWrites the samples of one track to OUT in the raw form of its stream:\n"
+    "  AAC             ADTS: a header from AAC_EsdsToAdtsHead before each frame\n"
+    "  MPEG-1/2 audio  the frames as they are\n"
+    "  MPEG-4 video    the decoder configuration, then the samples (.m4v)\n"
+    "  H.263           the samples (.263)\n"
+    "  AMR             \"#!AMR\\n\" or \"#!AMR-WB\\n\", then the samples (.amr)\n"
+    "On a terminal, standard error shows the progress.\n",
+    RunExtract,
+};

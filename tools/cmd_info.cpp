@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "media/media.h"
 #include "mp4core.h"
+#include "result_text.h"
 #include "tracks/tracks.h"
 
 namespace {
@@ -57,7 +58,9 @@ void PrintTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Trac
     Mp4MediaInfo *info = nullptr;
     const int32_t result = RetMp4MediaInfo(file, trackId, type, &info);
     if (result != 1) {
-        std::printf("    RetMp4MediaInfo gave %d\n", int(result));
+        // One track without media information does not fail the listing.
+        std::printf("    RetMp4MediaInfo failed (%d): %s\n", int(result),
+                    ResultMeaning("RetMp4MediaInfo", result));
         return;
     }
     std::printf("    timescale %u, duration %u", info->Timescale, info->TrackDuration);
@@ -70,23 +73,23 @@ void PrintTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Trac
     for (void *&block : blocks) MP4freeData(&block);
 }
 
-}  // namespace
+// GetFileInfo's result when its own open failed; the library's message for
+// that has no line end.
+constexpr int32_t kFileInfoOpenFailed = -21;
 
-int RunInfo(int argc, char **argv) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: mp4core info FILE\n");
-        return 2;
-    }
+int RunInfo(const Arguments &arguments) {
+    const char *path = arguments.operands[0];
     FileInfo summary;
-    const int32_t result = GetFileInfo(argv[0], &summary);
+    const int32_t result = GetFileInfo(path, &summary);
     if (result != 1) {
-        std::fprintf(stderr, "\nmp4core info: GetFileInfo gave %d\n", int(result));
-        return 1;
+        if (result == kFileInfoOpenFailed) std::printf("\n");
+        return ReportFailure(kInfoCommand.name, "GetFileInfo", result);
     }
     PrintSummary(summary);
 
     MP4_local_file *file = nullptr;
-    if (MP4FileOpen(&file, argv[0], MP4_TABLE_MARKS) != 1) return 1;
+    const int32_t opened = MP4FileOpen(&file, path, MP4_TABLE_MARKS);
+    if (opened != 1) return ReportFailure(kInfoCommand.name, "MP4FileOpen", opened);
     for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
         PrintTrack(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, v->SampleCount);
     for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)
@@ -94,3 +97,18 @@ int RunInfo(int argc, char **argv) {
     MP4FileClose(&file);
     return 0;
 }
+
+constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to describe"}};
+
+}  // namespace
+
+extern const CommandSpec kInfoCommand = {
+    "info",
+    "file summary and the media information of each track",
+    kOperands, CountOf(kOperands), nullptr, 0,
+    "\nPrints the summary GetFileInfo gives (size, picture, frame rate, audio format,\n"
+    "bit rates), then for every video and audio track its sample entry, sample\n"
+    "count, timescale and duration, and its configuration bytes in hex, as\n"
+    "RetMp4MediaInfo gives them. A track without media information says why.\n",
+    RunInfo,
+};

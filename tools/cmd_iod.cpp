@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "mp4core.h"
+#include "result_text.h"
 
 namespace {
 
@@ -13,24 +14,15 @@ void PrintHex(const char *label, const uint8_t *bytes, uint32_t size) {
     std::printf("\n");
 }
 
-}  // namespace
-
-int RunIod(int argc, char **argv) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: mp4core iod FILE\n");
-        return 2;
-    }
+int RunIod(const Arguments &arguments) {
     MP4_local_file *file = nullptr;
-    const int32_t opened = MP4FileOpen(&file, argv[0], MP4_TABLE_MARKS);
-    if (opened != 1) {
-        std::fprintf(stderr, "mp4core iod: MP4FileOpen gave %d\n", int(opened));
-        return 1;
-    }
+    const int32_t opened = MP4FileOpen(&file, arguments.operands[0], MP4_TABLE_MARKS);
+    if (opened != 1) return ReportFailure(kIodCommand.name, "MP4FileOpen", opened);
     uint8_t *iod = nullptr;
     const int32_t count = EncryptMp4Iod(file, &iod, nullptr, 0);
     int status = 1;
     if (count <= 0) {
-        std::fprintf(stderr, "mp4core iod: EncryptMp4Iod gave %d\n", int(count));
+        ReportFailure(kIodCommand.name, "EncryptMp4Iod", count);
     } else {
         PrintHex("initial object descriptor", iod, uint32_t(count));
         IodConfigs configs{};
@@ -40,8 +32,23 @@ int RunIod(int argc, char **argv) {
         if (configs.AudioConfig) PrintHex("audio configuration", configs.AudioConfig, configs.AudioConfigSize);
         void *blocks[] = {configs.VideoConfig, configs.AudioConfig};
         for (void *&block : blocks) MP4freeData(&block);
-        status = read >= 0 ? 0 : 1;
+        // 0: the descriptor holds no video configuration, which is no failure.
+        status = read >= 0 ? 0 : ReportFailure(kIodCommand.name, "DecryptMp4Iod", read);
     }
     MP4FileClose(&file);  // releases the descriptor too
     return status;
 }
+
+constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file whose descriptor is made"}};
+
+}  // namespace
+
+extern const CommandSpec kIodCommand = {
+    "iod",
+    "the initial object descriptor in hex, and what reads back",
+    kOperands, CountOf(kOperands), nullptr, 0,
+    "\nPrints the initial object descriptor EncryptMp4Iod writes for FILE's tracks,\n"
+    "in hex, then the result of DecryptMp4Iod on it and the video and audio\n"
+    "configurations it reads back.\n",
+    RunIod,
+};

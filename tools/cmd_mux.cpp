@@ -18,6 +18,8 @@
 
 #include "commands.h"
 #include "mp4core.h"
+#include "progress.h"
+#include "result_text.h"
 
 namespace {
 
@@ -180,35 +182,20 @@ bool SplitAudio(const Bytes &s, std::vector<AdtsFrame> *frames, uint8_t header[k
     return !frames->empty();
 }
 
-bool ParseOptions(int argc, char **argv, Options *o) {
-    for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (a == "-o" && hasValue) {
-            o->output = argv[++i];
-        } else if (a == "--video" && hasValue) {
-            o->video = argv[++i];
-        } else if (a == "--audio" && hasValue) {
-            o->audio = argv[++i];
-        } else if (a == "--fps" && hasValue) {
-            o->fps = uint32_t(std::strtoul(argv[++i], nullptr, 10));
-            if (o->fps == 0) return false;
-        } else if (a == "--od") {
-            o->od = true;
-        } else if (a == "--scene") {
-            o->scene = true;
-        } else {
-            return false;
-        }
+// Fills `o`; a bad --fps is a usage error, whose exit status comes back in
+// `status`.
+bool ReadOptions(const Arguments &arguments, Options *o, int *status) {
+    o->output = OptionValue(arguments, "-o");
+    o->video = OptionValue(arguments, "--video");
+    o->audio = OptionValue(arguments, "--audio");
+    o->od = HasOption(arguments, "--od");
+    o->scene = HasOption(arguments, "--scene");
+    const char *fps = OptionValue(arguments, "--fps");
+    if (fps != nullptr && (!ParseU32(fps, &o->fps) || o->fps == 0)) {
+        *status = UsageError(kMuxCommand, "--fps takes a whole number above 0, not '%s'", fps);
+        return false;
     }
-    return o->output != nullptr;
-}
-
-int Usage() {
-    std::fprintf(stderr,
-                 "usage: mp4core mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] "
-                 "[--scene] [--fps N]\n");
-    return 2;
+    return true;
 }
 
 // Time scale and step of the video frames.
@@ -229,15 +216,111 @@ void ChooseVideoClock(const VideoTiming &timing, uint32_t fps, uint32_t *timesca
 }
 
 int Fail(const char *what) {
-    std::fprintf(stderr, "mp4core mux: %s\n", what);
+    std::fprintf(stderr, "mp4core %s: %s\n", kMuxCommand.name, what);
     return 1;
 }
 
-}  // namespace
+// A failed call of the write run, reported with what it was about.
+bool Refused(Progress *progress, const char *call, int32_t result, const char *what,
+             size_t index = SIZE_MAX) {
+    EndProgress(progress);
+    char context[64];
+    if (index == SIZE_MAX)
+        std::snprintf(context, sizeof context, "%s", what);
+    else
+        std::snprintf(context, sizeof context, "%s %zu", what, index);
+    ReportFailure(kMuxCommand.name, call, result, context);
+    return false;
+}
 
-int RunMux(int argc, char **argv) {
+// Names of the temp files beside the output. The library keeps the
+// pointers until the flush has ended, so these live as long as the run.
+struct TempNames {
+    std::string video;
+    std::string audio;
+};
+
+// The write run on a new handle; false once a call was refused. The
+// handle stays open either way, for the flush to release.
+bool WriteTracks(MP4_local_file *file, const Options &o, const TempNames &temp, const Bytes &video,
+                 size_t configSize,
+                 const std::vector<Frame> &videoFrames, const VideoTiming &timing, uint8_t profile,
+                 const Bytes &audio, const std::vector<AdtsFrame> &audioFrames,
+                 const uint8_t adts[kAdtsHeader], Progress *progress) {
+    int32_t result = 1;
+    if (o.video != nullptr) {
+        uint32_t timescale = 0, step = 0;
+        ChooseVideoClock(timing, o.fps, &timescale, &step);
+        // The library finds the picture size in a configuration whose
+        // visual object header has one byte; the header parser finds it
+        // behind any form of that header.
+        uint32_t width = 0, height = 0;
+        if (GetM4vHeaderSize(o.video, &width, &height) == 0xFFFFFFFFu) width = height = 0;
+        result = CreateTrack(file, MP4_TRACK_VIDEO, width, height, uint16_t(timing.resolution),
+                             timescale, profile, 0, 0, 0, uint32_t(configSize), video.data(),
+                             temp.video.c_str(), 0);
+        if (result != 1) return Refused(progress, "CreateTrack", result, "video track");
+        for (size_t i = 0; i < videoFrames.size(); ++i) {
+            UpdateProgress(progress, i);
+            const Frame &f = videoFrames[i];
+            result = AddVideoFrame(file, uint32_t(f.size), video.data() + f.offset, 0,
+                                   uint32_t(i * step), f.key ? 1 : 0, 0);
+            if (result != 1) return Refused(progress, "AddVideoFrame", result, "video frame", i);
+        }
+    }
+    if (o.audio != nullptr) {
+        const uint32_t frequency = (adts[2] >> 2) & 0x0F;
+        const uint32_t rate = frequency < 13 ? kAdtsSampleRates[frequency] : 0;
+        if (rate == 0) {
+            EndProgress(progress);
+            Fail("the ADTS header names no sampling rate (frequency index above 12)");
+            return false;
+        }
+        if (adts[2] != 0) {
+            // The header itself carries object type, rate and channels.
+            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, kAdtsHeader, adts,
+                                 temp.audio.c_str(), 0);
+        } else {
+            const uint32_t channels = ((adts[2] & 1u) << 2) | (adts[3] >> 6);
+            const uint8_t config[2] = {uint8_t((1 << 3) | (frequency >> 1)),
+                                       uint8_t(((frequency & 1) << 7) | (channels << 3))};
+            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, 2, config,
+                                 temp.audio.c_str(), 0);
+        }
+        if (result != 1) return Refused(progress, "CreateTrack", result, "audio track");
+        for (size_t i = 0; i < audioFrames.size(); ++i) {
+            UpdateProgress(progress, videoFrames.size() + i);
+            const AdtsFrame &f = audioFrames[i];
+            result = AddAudioFrame(file, uint32_t(f.size), audio.data() + f.offset,
+                                   uint32_t(i * kAacFrameSamples));
+            if (result != 1) return Refused(progress, "AddAudioFrame", result, "audio frame", i);
+        }
+    }
+    if (o.od) {
+        result = CreateTrack(file, MP4_TRACK_OD, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
+        if (result != 1) return Refused(progress, "CreateTrack", result, "object descriptor track");
+    }
+    if (o.scene) {
+        result = CreateTrack(file, MP4_TRACK_SCENE, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
+        if (result != 1) return Refused(progress, "CreateTrack", result, "scene description track");
+    }
+    return true;
+}
+
+// Size of a file, or -1 if it can't be opened.
+long FileSize(const char *path) {
+    FILE *in = std::fopen(path, "rb");
+    if (in == nullptr) return -1;
+    long size = -1;
+    if (std::fseek(in, 0, SEEK_END) == 0) size = std::ftell(in);
+    std::fclose(in);
+    return size;
+}
+
+int RunMux(const Arguments &arguments) {
     Options o;
-    if (!ParseOptions(argc, argv, &o)) return Usage();
+    int status = 0;
+    if (!ReadOptions(arguments, &o, &status)) return status;
 
     Bytes video, audio;
     if (o.video != nullptr && !ReadFile(o.video, &video)) return Fail("can't read the video stream");
@@ -255,60 +338,52 @@ int RunMux(int argc, char **argv) {
         return Fail("the audio stream is no ADTS stream");
     if (configSize > 52) return Fail("the video headers are longer than 52 bytes");
 
-    const std::string videoTemp = std::string(o.output) + ".video.tmp";
-    const std::string audioTemp = std::string(o.output) + ".audio.tmp";
     MP4_local_file *file = nullptr;
-    if (MP4FileNew(&file, o.output) != 1) return Fail("can't create the output file");
+    const int32_t created = MP4FileNew(&file, o.output);
+    if (created != 1) return ReportFailure(kMuxCommand.name, "MP4FileNew", created);
 
-    bool ok = true;
-    if (o.video != nullptr) {
-        uint32_t timescale = 0, step = 0;
-        ChooseVideoClock(timing, o.fps, &timescale, &step);
-        // The library finds the picture size in a configuration whose
-        // visual object header has one byte; the header parser finds it
-        // behind any form of that header.
-        uint32_t width = 0, height = 0;
-        if (GetM4vHeaderSize(o.video, &width, &height) == 0xFFFFFFFFu) width = height = 0;
-        ok = CreateTrack(file, MP4_TRACK_VIDEO, width, height, uint16_t(timing.resolution),
-                         timescale,
-                         profile, 0, 0, 0, uint32_t(configSize), video.data(), videoTemp.c_str(),
-                         0) == 1;
-        for (size_t i = 0; ok && i < videoFrames.size(); ++i) {
-            const Frame &f = videoFrames[i];
-            ok = AddVideoFrame(file, uint32_t(f.size), video.data() + f.offset, 0,
-                               uint32_t(i * step), f.key ? 1 : 0, 0) == 1;
-        }
-    }
-    if (ok && o.audio != nullptr) {
-        const uint32_t frequency = (adts[2] >> 2) & 0x0F;
-        const uint32_t rate = frequency < 13 ? kAdtsSampleRates[frequency] : 0;
-        if (rate == 0) {
-            ok = false;
-        } else if (adts[2] != 0) {
-            // The header itself carries object type, rate and channels.
-            ok = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, kAdtsHeader, adts,
-                             audioTemp.c_str(), 0) == 1;
-        } else {
-            const uint32_t channels = ((adts[2] & 1u) << 2) | (adts[3] >> 6);
-            const uint8_t config[2] = {uint8_t((1 << 3) | (frequency >> 1)),
-                                       uint8_t(((frequency & 1) << 7) | (channels << 3))};
-            ok = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, 2, config,
-                             audioTemp.c_str(), 0) == 1;
-        }
-        for (size_t i = 0; ok && i < audioFrames.size(); ++i) {
-            const AdtsFrame &f = audioFrames[i];
-            ok = AddAudioFrame(file, uint32_t(f.size), audio.data() + f.offset,
-                               uint32_t(i * kAacFrameSamples)) == 1;
-        }
-    }
-    if (ok && o.od) ok = CreateTrack(file, MP4_TRACK_OD, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr,
-                                     nullptr, 0) == 1;
-    if (ok && o.scene) ok = CreateTrack(file, MP4_TRACK_SCENE, 0, 0, 0, 1000, 0, 0, 0, 0, 0,
-                                        nullptr, nullptr, 0) == 1;
-    MP4FileFlush(file);
+    const size_t frames = videoFrames.size() + audioFrames.size();
+    Progress progress = StartProgress(kMuxCommand.name, "frames", frames);
+    const TempNames temp{std::string(o.output) + ".video.tmp", std::string(o.output) + ".audio.tmp"};
+    const bool ok = WriteTracks(file, o, temp, video, configSize, videoFrames, timing, profile, audio,
+                                audioFrames, adts, &progress);
+    if (ok) NoteProgress(&progress, frames, "writing the file");
+    // The flush is also what releases the handle, so it runs after a
+    // refusal too; its output is then thrown away.
+    const int32_t flushed = MP4FileFlush(file);
+    EndProgress(&progress);
     if (!ok) {
         std::remove(o.output);
-        return Fail("the library refused a track or a frame");
+        return 1;
+    }
+    if (flushed != 1) return ReportFailure(kMuxCommand.name, "MP4FileFlush", flushed);
+    // The flush gives 1 even when it wrote nothing; its reason is then on
+    // standard output.
+    if (FileSize(o.output) <= 0) {
+        std::remove(o.output);
+        return Fail("MP4FileFlush wrote no file");
     }
     return 0;
 }
+
+constexpr OptionSpec kOptions[] = {
+    {"-o", "OUT.mp4", true, false, "the MP4 file to write"},
+    {"--video", "IN.m4v", false, false, "a raw MPEG-4 Part 2 video stream"},
+    {"--audio", "IN.aac", false, false, "an ADTS AAC stream"},
+    {"--od", nullptr, false, false, "add an object descriptor track"},
+    {"--scene", nullptr, false, false, "add a scene description track"},
+    {"--fps", "N", false, false, "frames per second of the video (default: the stream's own rate, else 25)"},
+};
+
+}  // namespace
+
+extern const CommandSpec kMuxCommand = {
+    "mux",
+    "raw MPEG-4 video and ADTS AAC streams into an MP4 file",
+    nullptr, 0, kOptions, CountOf(kOptions),
+    "\nWrites the streams through the library's write calls alone (MP4FileNew,\n"
+    "CreateTrack, AddVideoFrame, AddAudioFrame, MP4FileFlush). Temp files\n"
+    "OUT.mp4.video.tmp and OUT.mp4.audio.tmp are made beside the output and\n"
+    "removed by the flush. On a terminal, standard error shows the progress.\n",
+    RunMux,
+};

@@ -1,22 +1,15 @@
-// mp4core samples FILE [--track ID] [--mode 1|2|3]: every sample of every
-// video and audio track as GetNextSample gives it, one line each, to set
-// beside `ffprobe -show_packets`.
-//
-// With --seek TIME, --next-key and --prev-key (repeatable, run in the order
-// given on each track) it makes those calls instead (SeekTrack, NextKeyFrame,
-// PrevKeyFrame) and prints one line per call: the call, then the sample it
-// gave in the same form, its number being the one before the cursor.
-//
-// Line: TRACK TYPE NUMBER TIME SIZE KEY OFFSET CRC32, or for a sample that
-// could not be read: TRACK TYPE NUMBER error RESULT. A track that gives no
-// sample at all says why in a line of its own.
+// mp4core samples FILE: every sample of every video and audio track, or
+// the answers of the cursor calls, in the line form its help text
+// (kSamplesCommand) describes.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "commands.h"
 #include "mp4core.h"
+#include "result_text.h"
 #include "tracks/tracks.h"
 
 namespace {
@@ -34,26 +27,38 @@ struct Options {
     std::vector<CursorCall> calls;
 };
 
-bool ParseOptions(int argc, char **argv, Options *options) {
-    for (int i = 0; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--track") == 0 && i + 1 < argc) {
-            options->track = uint32_t(std::strtoul(argv[++i], nullptr, 10));
-        } else if (std::strcmp(argv[i], "--mode") == 0 && i + 1 < argc) {
-            options->mode = int32_t(std::strtol(argv[++i], nullptr, 10));
-        } else if (std::strcmp(argv[i], "--seek") == 0 && i + 1 < argc) {
-            int32_t time = int32_t(std::strtol(argv[++i], nullptr, 10));
+// Fills `options`; a value that isn't a number of the right kind is a
+// usage error, whose exit status comes back in `status`.
+bool ReadOptions(const Arguments &arguments, Options *options, int *status) {
+    options->path = arguments.operands[0];
+    for (const GivenOption &given : arguments.options) {
+        const std::string name = given.spec->name;
+        if (name == "--track") {
+            if (!ParseU32(given.value, &options->track) || options->track == 0) {
+                *status = UsageError(kSamplesCommand, "--track takes a track ID above 0, not '%s'",
+                                     given.value);
+                return false;
+            }
+        } else if (name == "--mode") {
+            if (!ParseI32(given.value, &options->mode) || options->mode < 1 || options->mode > 3) {
+                *status = UsageError(kSamplesCommand, "--mode takes 1, 2 or 3, not '%s'", given.value);
+                return false;
+            }
+        } else if (name == "--seek") {
+            int32_t time = 0;
+            if (!ParseI32(given.value, &time)) {
+                *status = UsageError(kSamplesCommand, "--seek takes a time in ticks, not '%s'",
+                                     given.value);
+                return false;
+            }
             options->calls.push_back({CursorCall::Seek, time});
-        } else if (std::strcmp(argv[i], "--next-key") == 0) {
+        } else if (name == "--next-key") {
             options->calls.push_back({CursorCall::NextKey, 0});
-        } else if (std::strcmp(argv[i], "--prev-key") == 0) {
+        } else if (name == "--prev-key") {
             options->calls.push_back({CursorCall::PrevKey, 0});
-        } else if (argv[i][0] != '-' && options->path == nullptr) {
-            options->path = argv[i];
-        } else {
-            return false;
         }
     }
-    return options->path != nullptr;
+    return true;
 }
 
 // CRC-32 as zlib and ffprobe's "CRC32" data hash compute it.
@@ -73,9 +78,18 @@ uint32_t OffsetOf(const TrackNode *node, uint32_t number) {
     return node->SampleRecords[number].FileOffset;
 }
 
-void ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
+// Reports a failed call of the listing on standard error, beside its line.
+void ReportCall(const char *call, int32_t result, uint32_t trackId, const char *name) {
+    char context[64];
+    std::snprintf(context, sizeof context, "%s track %u", name, trackId);
+    ReportFailure(kSamplesCommand.name, call, result, context);
+}
+
+// Lists a track; false if a call failed.
+bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
                uint32_t sampleCount) {
     const char *name = type == MP4_TRACK_VIDEO ? "video" : "audio";
+    bool ok = true;
     uint32_t number = 0;
     // -82 moves the cursor on, so every turn either moves on or ends; the
     // bound keeps a listing finite whatever a track holds.
@@ -89,36 +103,50 @@ void ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Track
             SampleDataFree(&sample);
         } else if (result == 0) {
             if (number == 0) std::printf("%u %s no samples\n", trackId, name);
-            return;
+            return ok;
         } else {
             std::printf("%u %s %u error %d\n", trackId, name, number, int(result));
-            if (result != -82) return;
+            ReportCall("GetNextSample", result, trackId, name);
+            ok = false;
+            if (result != -82) return ok;
         }
         ++number;
     }
+    return ok;
 }
 
-// Makes the calls in order on one track. The track's cursor (the video or
-// the audio one) stands behind the sample a call returned.
-void RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
+// Makes the calls in order on one track; false if one failed. The track's
+// cursor (the video or the audio one) stands behind the sample a call
+// returned.
+bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
                     const int32_t *videoCursor, const uint32_t *audioCursor,
                     const std::vector<CursorCall> &calls) {
     const char *name = type == MP4_TRACK_VIDEO ? "video" : "audio";
+    bool ok = true;
     for (const CursorCall &call : calls) {
         MP4Sample *sample = nullptr;
         int32_t result = 0;
+        const char *callName = nullptr;
         if (call.kind == CursorCall::Seek) {
+            callName = "SeekTrack";
             result = SeekTrack(file, trackId, type, call.time, &sample);
             std::printf("seek %d: ", int(call.time));
         } else if (call.kind == CursorCall::NextKey) {
+            callName = "NextKeyFrame";
             result = NextKeyFrame(file, trackId, type, &sample);
             std::printf("next-key: ");
         } else {
+            callName = "PrevKeyFrame";
             result = PrevKeyFrame(file, trackId, type, &sample);
             std::printf("prev-key: ");
         }
         if (result != 1) {
+            // 0: the track has no samples, which is an answer, not a failure.
             std::printf("%u %s error %d\n", trackId, name, int(result));
+            if (result < 0) {
+                ReportCall(callName, result, trackId, name);
+                ok = false;
+            }
             continue;
         }
         uint32_t cursor = videoCursor != nullptr ? uint32_t(*videoCursor) : *audioCursor;
@@ -128,40 +156,69 @@ void RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const 
                     Crc32(sample->Data, sample->Size));
         SampleDataFree(&sample);
     }
+    return ok;
 }
 
-}  // namespace
-
-int RunSamples(int argc, char **argv) {
+int RunSamples(const Arguments &arguments) {
     Options options;
-    if (!ParseOptions(argc, argv, &options)) {
-        std::fprintf(stderr, "usage: mp4core samples FILE [--track ID] [--mode 1|2|3] "
-                             "[--seek TIME] [--next-key] [--prev-key]...\n");
-        return 2;
-    }
+    int status = 0;
+    if (!ReadOptions(arguments, &options, &status)) return status;
     MP4_local_file *file = nullptr;
     int32_t result = MP4FileOpen(&file, options.path, options.mode);
-    if (result != 1) {
-        std::fprintf(stderr, "mp4core samples: MP4FileOpen gave %d\n", int(result));
-        return 1;
-    }
+    if (result != 1) return ReportFailure(kSamplesCommand.name, "MP4FileOpen", result);
     std::printf("# track type number time size key offset crc32\n");
+    bool ok = true;
+    bool found = false;
     for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack) {
         if (options.track != 0 && options.track != v->TrackId) continue;
+        found = true;
         if (!options.calls.empty())
-            RunCursorCalls(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, &v->SampleCursor,
-                           nullptr, options.calls);
+            ok &= RunCursorCalls(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, &v->SampleCursor,
+                                 nullptr, options.calls);
         else
-            ListTrack(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, v->SampleCount);
+            ok &= ListTrack(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, v->SampleCount);
     }
     for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack) {
         if (options.track != 0 && options.track != a->TrackId) continue;
+        found = true;
         if (!options.calls.empty())
-            RunCursorCalls(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, nullptr,
-                           &a->SampleCursor, options.calls);
+            ok &= RunCursorCalls(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, nullptr,
+                                 &a->SampleCursor, options.calls);
         else
-            ListTrack(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, a->SampleCount);
+            ok &= ListTrack(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, a->SampleCount);
     }
     MP4FileClose(&file);
-    return 0;
+    if (options.track != 0 && !found) {
+        std::fprintf(stderr, "mp4core %s: no video or audio track %u\n", kSamplesCommand.name,
+                     options.track);
+        return 1;
+    }
+    return ok ? 0 : 1;
 }
+
+constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+
+constexpr OptionSpec kOptions[] = {
+    {"--track", "ID", false, false, "only the track with this \"tkhd\" track ID"},
+    {"--mode", "1|2|3", false, false, "the table mode of the open (default 2)"},
+    {"--seek", "TIME", false, true, "SeekTrack to TIME, in ticks of the track's timescale"},
+    {"--next-key", nullptr, false, true, "NextKeyFrame"},
+    {"--prev-key", nullptr, false, true, "PrevKeyFrame"},
+};
+
+}  // namespace
+
+extern const CommandSpec kSamplesCommand = {
+    "samples",
+    "one line per sample of every video and audio track",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nLists every sample as GetNextSample gives it, one line each, to set beside\n"
+    "`ffprobe -show_packets`:\n"
+    "  TRACK TYPE NUMBER TIME SIZE KEY OFFSET CRC32\n"
+    "or, for a sample that can't be read, TRACK TYPE NUMBER error RESULT. A track\n"
+    "that gives no sample at all says so in a line of its own.\n"
+    "With --seek, --next-key and --prev-key it makes those calls instead, in the\n"
+    "order given, on each track, and prints one line per call: the call, then the\n"
+    "sample it gave in the same form.\n",
+    RunSamples,
+};

@@ -6,38 +6,37 @@
 
 namespace {
 
-struct Command {
-    const char *name;
-    int (*run)(int argc, char **argv);
-    const char *summary;
+// The subcommands, in the order `mp4core --help` lists them.
+const CommandSpec *const kCommands[] = {
+    &kDumpCommand, &kSamplesCommand, &kM4vHeaderCommand, &kMuxCommand,
+    &kInfoCommand, &kExtractCommand, &kIodCommand,
 };
 
-constexpr Command kCommands[] = {
-    {"dump", RunDump, "dump FILE: the atom tree as read, with the open's diagnostics"},
-    {"samples", RunSamples, "samples FILE [--track ID] [--mode 1|2|3]: one line per sample"},
-    {"m4vheader", RunM4vHeader, "m4vheader FILE: header size and picture size of a raw MPEG-4 video stream"},
-    {"mux", RunMux, "mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] [--scene]"},
-    {"info", RunInfo, "info FILE: file summary and the media information of each track"},
-    {"extract", RunExtract, "extract FILE --track ID -o OUT: a track as a raw stream"},
-    {"iod", RunIod, "iod FILE: the initial object descriptor in hex, and what reads back"},
-};
-
-void PrintUsage(FILE *out) {
-    std::fprintf(out, "usage: mp4core COMMAND [ARGS]\n\ncommands:\n");
-    for (const Command &command : kCommands) std::fprintf(out, "  %s\n", command.summary);
+void PrintOverview(FILE *out) {
+    std::fprintf(out,
+                 "usage: mp4core COMMAND [ARGUMENTS]\n"
+                 "       mp4core COMMAND --help\n"
+                 "\ncommands:\n");
+    for (const CommandSpec *command : kCommands)
+        std::fprintf(out, "  %-11s%s\n", command->name, command->summary);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
-        PrintUsage(argc < 2 ? stderr : stdout);
-        return argc < 2 ? 2 : 0;
+    if (argc < 2) {
+        PrintOverview(stderr);
+        return 2;
     }
-    for (const Command &command : kCommands) {
-        if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 2, argv + 2);
+    if (IsHelpWord(argv[1])) {
+        PrintOverview(stdout);
+        return 0;
     }
-    std::fprintf(stderr, "mp4core: unknown command '%s'\n", argv[1]);
-    PrintUsage(stderr);
+    for (const CommandSpec *command : kCommands) {
+        if (std::strcmp(argv[1], command->name) == 0) return RunCommand(*command, argc - 2, argv + 2);
+    }
+    std::fprintf(stderr, "mp4core: unknown %s '%s'\n", argv[1][0] == '-' ? "option" : "command",
+                 argv[1]);
+    PrintOverview(stderr);
     return 2;
 }

@@ -1,0 +1,151 @@
+// The results of the library calls that the tool makes, and what each one
+// means for that call: one row per call and result.
+#include "result_text.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+struct ResultText {
+    const char *call;
+    int32_t code;
+    const char *meaning;
+};
+
+constexpr ResultText kResultTexts[] = {
+    {"MP4FileOpen", -99, "the path is missing or 256 characters or longer"},
+    {"MP4FileOpen", -98, "no memory for the file handle"},
+    {"MP4FileOpen", -97, "no memory for the root atom"},
+    {"MP4FileOpen", -96, "the file can't be opened, or its top-level atoms can't be read"},
+    {"MP4FileOpen", -95, "the file is empty or 2 GiB or larger, or no memory for an atom's record"},
+    {"MP4FileOpen", -94, "the table mode is not 1, 2 or 3, or no memory for a video track"},
+    {"MP4FileOpen", -93, "no memory for an audio track"},
+    {"MP4FileOpen", -92, "no memory for a hint track"},
+    {"MP4FileOpen", -91, "no memory for an object descriptor track"},
+    {"MP4FileOpen", -90, "no memory for a scene description track"},
+
+    // Also the results of GetSample and SeekTrack (kSharedTables).
+    {"GetNextSample", -99, "no file handle, track ID 0, or no place for the sample"},
+    {"GetNextSample", -98, "the file has no video track"},
+    {"GetNextSample", -97, "no usable video track with this ID"},
+    {"GetNextSample", -96, "no usable video track with this ID"},
+    {"GetNextSample", -95, "the file has no audio track"},
+    {"GetNextSample", -94, "no usable audio track with this ID"},
+    {"GetNextSample", -93, "no usable audio track with this ID"},
+    {"GetNextSample", -92, "the track type is neither video (1) nor audio (2)"},
+    {"GetNextSample", -91, "no memory for the sample record"},
+    {"GetNextSample", -90, "the video track was given up when the file was opened"},
+    {"GetNextSample", -89, "the video track has no sample table"},
+    {"GetNextSample", -88, "no memory for the video sample's bytes"},
+    {"GetNextSample", -87, "the video sample's size is 0"},
+    {"GetNextSample", -86, "the audio track was given up when the file was opened"},
+    {"GetNextSample", -85, "the audio track has no sample table"},
+    {"GetNextSample", -84, "no memory for the audio sample's bytes"},
+    {"GetNextSample", -83, "the audio sample's size is 0"},
+    {"GetNextSample", -82, "the file gave fewer bytes than the sample's size"},
+
+    // Also the results of PrevKeyFrame.
+    {"NextKeyFrame", -99, "no file handle, track ID 0, or no place for the sample"},
+    {"NextKeyFrame", -98, "the file has no video track"},
+    {"NextKeyFrame", -97, "no usable video track with this ID"},
+    {"NextKeyFrame", -96, "no usable video track with this ID"},
+    {"NextKeyFrame", -95, "audio tracks have no key frames"},
+    {"NextKeyFrame", -94, "the track type is neither video (1) nor audio (2)"},
+    {"NextKeyFrame", -93, "no memory for the sample record"},
+    {"NextKeyFrame", -91, "the video track was given up when the file was opened"},
+    {"NextKeyFrame", -90, "the video track has no sample table"},
+    {"NextKeyFrame", -89, "no memory for the sample's bytes"},
+    {"NextKeyFrame", -88, "the sample's size is 0"},
+    {"NextKeyFrame", -87, "the file gave fewer bytes than the sample's size"},
+
+    {"RetMp4MediaInfo", -99, "no file handle, track ID 0, or no place for the information"},
+    {"RetMp4MediaInfo", -98, "the file has no video track"},
+    {"RetMp4MediaInfo", -97, "no usable video track with this ID"},
+    {"RetMp4MediaInfo", -96, "no usable video track with this ID"},
+    {"RetMp4MediaInfo", -95, "the file has no audio track"},
+    {"RetMp4MediaInfo", -94, "no usable audio track with this ID"},
+    {"RetMp4MediaInfo", -93, "no usable audio track with this ID"},
+    {"RetMp4MediaInfo", -92, "the track type is neither video (1) nor audio (2)"},
+    {"RetMp4MediaInfo", -91, "the track's path \"mdia\", \"minf\", \"stbl\", \"stsd\" is broken"},
+    {"RetMp4MediaInfo", -90,
+     "the sample entry is unknown, of the other kind of track, or without its configuration atom"},
+    {"RetMp4MediaInfo", -88, "no memory for the media information"},
+    {"RetMp4MediaInfo", -87, "no memory for a configuration block"},
+
+    {"GetFileInfo", -11, "the file can't be opened for reading"},
+    {"GetFileInfo", -12, "no place for the summary"},
+    {"GetFileInfo", -21, "MP4FileOpen failed on the file"},
+
+    {"AAC_EsdsToAdtsHead", -21, "no \"esds\" atom given"},
+    {"AAC_EsdsToAdtsHead", -20, "no place for the header"},
+    {"AAC_EsdsToAdtsHead", -19, "the \"esds\" atom ends before the decoder configuration it needs"},
+    {"AAC_EsdsToAdtsHead", -18, "the audio object type is 0 or above 4, which no ADTS profile names"},
+    {"AAC_EsdsToAdtsHead", -17, "more than 7 channels"},
+    {"AAC_EsdsToAdtsHead", -16, "a frame of more than 8184 bytes"},
+
+    // The result is unsigned: -1 stands for all bits set.
+    {"GetM4vHeaderSize", -1,
+     "the file can't be opened, or it holds no video object layer header that can be parsed"},
+    {"GetM4vHeaderSize", 0, "no memory for the read buffer"},
+
+    {"EncryptMp4Iod", -99, "no file handle, or no place for the descriptor"},
+    {"EncryptMp4Iod", -98, "no memory for the descriptor"},
+    {"EncryptMp4Iod", -97,
+     "a configuration longer than 100 bytes, or both together 200 bytes or longer"},
+    {"DecryptMp4Iod", -99, "no descriptor, or no place for the configurations"},
+    {"DecryptMp4Iod", -98,
+     "a configuration longer than 100 bytes, or both together 200 bytes or longer"},
+    {"DecryptMp4Iod", -97, "no memory for a configuration"},
+
+    // The authoring calls have one failure result; the library's debug
+    // output on standard error has said which check refused.
+    {"MP4FileNew", -99, "the file can't be created, its path has 256 characters or more, or no memory"},
+    {"CreateTrack", -99,
+     "the track was refused: a bad argument, a second track of its type, no memory, or a temp "
+     "file that can't be created"},
+    {"AddVideoFrame", -99,
+     "the frame was refused: no video track, a time stamp below the last one, a temp file past "
+     "4 GiB, no memory, or a failed write to the temp file"},
+    {"AddAudioFrame", -99,
+     "the frame was refused: no audio track, a time stamp below the last one, a temp file past "
+     "4 GiB, no memory, or a failed write to the temp file"},
+    {"MP4FileFlush", -99, "no file handle"},
+};
+
+// Calls that give the results of another call.
+struct SharedTable {
+    const char *call;
+    const char *sameAs;
+};
+
+constexpr SharedTable kSharedTables[] = {
+    {"GetSample", "GetNextSample"},
+    {"SeekTrack", "GetNextSample"},
+    {"PrevKeyFrame", "NextKeyFrame"},
+};
+
+const char *TableOf(const char *call) {
+    for (const SharedTable &shared : kSharedTables) {
+        if (std::strcmp(shared.call, call) == 0) return shared.sameAs;
+    }
+    return call;
+}
+
+}  // namespace
+
+const char *ResultMeaning(const char *call, int32_t code) {
+    const char *table = TableOf(call);
+    for (const ResultText &row : kResultTexts) {
+        if (row.code == code && std::strcmp(row.call, table) == 0) return row.meaning;
+    }
+    return code == 1 ? "success" : "a result this call is not known to give";
+}
+
+int ReportFailure(const char *command, const char *call, int32_t code, const char *context) {
+    // What the tool printed so far comes first where both streams meet.
+    std::fflush(stdout);
+    std::fprintf(stderr, "mp4core %s: %s%s%s failed (%d): %s\n", command, context ? context : "",
+                 context ? ": " : "", call, int(code), ResultMeaning(call, code));
+    return 1;
+}
