@@ -461,14 +461,16 @@ MP4CORE_API int32_t GetFileInfo(const char *fileName, FileInfo *info);
  * RetMp4MediaInfo. The atom's length comes from its own size field, read
  * at most as far as 228 bytes.
  *   esds        the whole "esds" atom, from its size field.
- *   frameSize   bytes of the raw frame, without header; at most 8184.
+ *   frameSize   bytes of the raw frame, without header; up to 8184 fits
+ *               the header's 13-bit length.
  *   header      receives the 7 bytes; the caller's buffer.
  *   headerSize  receives 7.
  * Results: 1 done; -21 esds null ("No EsdsData given!" on standard
  * output); -20 header or headerSize null; -19 the atom ends before the
- * decoder configuration or program configuration it needs; -18 an audio
- * object type of 0 or above 4; -17 more than 7 channels; -16 frameSize
- * above 8184. header and headerSize are written only on 1.
+ * decoder configuration or program configuration it needs. header and
+ * headerSize are written only on 1. Fields are not masked to their width:
+ * an object type of 0 or above 4, more than 7 channels or a frame above
+ * 8184 bytes spill into the bits in front of their field.
  * Threads: any; it touches only its arguments. */
 MP4CORE_API int32_t AAC_EsdsToAdtsHead(const uint8_t *esds, uint32_t frameSize,
                                        uint8_t *header, uint32_t *headerSize);

@@ -80,9 +80,6 @@ constexpr ResultText kResultTexts[] = {
     {"AAC_EsdsToAdtsHead", -21, "no \"esds\" atom given"},
     {"AAC_EsdsToAdtsHead", -20, "no place for the header"},
     {"AAC_EsdsToAdtsHead", -19, "the \"esds\" atom ends before the decoder configuration it needs"},
-    {"AAC_EsdsToAdtsHead", -18, "the audio object type is 0 or above 4, which no ADTS profile names"},
-    {"AAC_EsdsToAdtsHead", -17, "more than 7 channels"},
-    {"AAC_EsdsToAdtsHead", -16, "a frame of more than 8184 bytes"},
 
     // The result is unsigned: -1 stands for all bits set.
     {"GetM4vHeaderSize", -1,

@@ -9,10 +9,17 @@
 namespace {
 
 constexpr uint32_t kAdtsHeaderBytes = 7;
-constexpr uint32_t kMaxProfile = 3;          // 2 bits
-constexpr uint32_t kMaxChannels = 7;         // 3 bits
-constexpr uint32_t kMaxFrameLength = 8191;   // 13 bits, header included
 constexpr size_t kPceOffsetInConfig = 2;
+
+// The header as one 56-bit number: where each field's lowest bit lands,
+// counted from the header's last bit. The fixed fields are the sync word,
+// the MPEG-2 ID, layer 0, no CRC and a buffer fullness of 0x7FF.
+constexpr uint64_t kAdtsFixedFields =
+    (uint64_t(0xFFF) << 44) | (uint64_t(1) << 43) | (uint64_t(1) << 40) | (uint64_t(0x7FF) << 2);
+constexpr unsigned kProfileShift = 38;
+constexpr unsigned kFrequencyShift = 34;
+constexpr unsigned kChannelShift = 30;
+constexpr unsigned kFrameLengthShift = 13;
 
 }  // namespace
 
@@ -35,21 +42,19 @@ int32_t MakeAdtsHeader(const uint8_t *esds, size_t length, uint32_t frameSize, u
             ReadPceChannelCount(esds + pceOffset, length - pceOffset, &channels) != 1)
             return kAdtsEsdsTooShort;
     }
-    // Object type 0 has no profile: it would wrap to all ones.
-    if (config.AudioObjectType == 0 || config.AudioObjectType - 1 > kMaxProfile)
-        return kAdtsProfileTooHigh;
-    if (channels > kMaxChannels) return kAdtsTooManyChannels;
-    if (frameSize > kMaxFrameLength - kAdtsHeaderBytes) return kAdtsFrameTooLong;
-
+    // No field is masked to its width: a profile above 3 (object type 0
+    // wraps to all ones), a channel count above 7 or a frame length above
+    // 8191 spill into the bits in front of their field, and whatever passes
+    // the header's first bit falls off.
     const uint32_t profile = config.AudioObjectType - 1;
     const uint32_t frameLength = frameSize + kAdtsHeaderBytes;
-    header[0] = 0xFF;
-    header[1] = 0xF9;  // MPEG-2 ID, layer 0, no CRC
-    header[2] = uint8_t((profile << 6) | (config.FrequencyIndex << 2) | (channels >> 2));
-    header[3] = uint8_t(((channels & 3) << 6) | (frameLength >> 11));
-    header[4] = uint8_t(frameLength >> 3);
-    header[5] = uint8_t(((frameLength & 7) << 5) | 0x1F);  // buffer fullness 0x7FF
-    header[6] = 0xFC;
+    const uint64_t bits = kAdtsFixedFields | (uint64_t(profile) << kProfileShift) |
+                          (uint64_t(config.FrequencyIndex) << kFrequencyShift) |
+                          (uint64_t(channels) << kChannelShift) |
+                          (uint64_t(frameLength) << kFrameLengthShift);
+    for (uint32_t i = 0; i < kAdtsHeaderBytes; ++i) {
+        header[i] = uint8_t(bits >> (8 * (kAdtsHeaderBytes - 1 - i)));
+    }
     *headerSize = kAdtsHeaderBytes;
     return kAdtsDone;
 }

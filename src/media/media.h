@@ -71,9 +71,6 @@ constexpr int32_t kAdtsDone = 1;
 constexpr int32_t kAdtsNoEsds = -21;
 constexpr int32_t kAdtsNoOutput = -20;
 constexpr int32_t kAdtsEsdsTooShort = -19;
-constexpr int32_t kAdtsProfileTooHigh = -18;
-constexpr int32_t kAdtsTooManyChannels = -17;
-constexpr int32_t kAdtsFrameTooLong = -16;
 
 // The ADTS header of one frame from an "esds" atom of `length` bytes.
 // AAC_EsdsToAdtsHead calls it with the length the atom states, bounded by

@@ -89,9 +89,9 @@ Header Make(const Bytes &esds, uint32_t frameSize) {
     return h;
 }
 
-// A refused header leaves the caller's bytes and size alone.
+// Known headers, and values too wide for their field, which spill into the
+// field in front rather than being refused or masked.
 TEST(AdtsHeader, KnownHeadersAndFieldsTooWide) {
-    const Bytes untouched(7, 0xEE);
     struct Case {
         const char *name;
         Bytes esds;
@@ -109,13 +109,19 @@ TEST(AdtsHeader, KnownHeadersAndFieldsTooWide) {
          Hex("FF F9 50 C0 0D 7F FC")},
         {"PCE with every mixdown", Esds(PceConfig({true, false}, 0, true, true, true)), 100, 1,
          Hex("FF F9 50 C0 0D 7F FC")},
-        {"object type 0", Esds(AudioConfig(0, 4, 2)), 100, -18, untouched},
-        {"object type 5", Esds(AudioConfig(5, 4, 2)), 100, -18, untouched},
-        {"escape object type", Esds(AudioConfig(31, 4, 2)), 100, -18, untouched},
-        {"channel configuration 8", Esds(AudioConfig(2, 4, 8)), 100, -17, untouched},
-        {"PCE of 8 channels", Esds(PceConfig({true, true, true, true}, 0)), 100, -17, untouched},
-        {"frame of 8185 bytes", Esds(AudioConfig(2, 4, 2)), 8185, -16, untouched},
-        {"frame of 4 GB", Esds(AudioConfig(2, 4, 2)), 0xFFFFFFFFu, -16, untouched},
+        {"object type 0: profile of all ones", Esds(AudioConfig(0, 4, 2)), 100, 1,
+         Hex("FF FF D0 80 0D 7F FC")},
+        {"object type 5: profile spills into the CRC bit", Esds(AudioConfig(5, 4, 2)), 100, 1,
+         Hex("FF F9 10 80 0D 7F FC")},
+        {"escape object type", Esds(AudioConfig(31, 4, 2)), 100, 1, Hex("FF FF 90 80 0D 7F FC")},
+        {"channel configuration 8 sets the private bit", Esds(AudioConfig(2, 4, 8)), 100, 1,
+         Hex("FF F9 52 00 0D 7F FC")},
+        {"PCE of 8 channels", Esds(PceConfig({true, true, true, true}, 0)), 100, 1,
+         Hex("FF F9 52 00 0D 7F FC")},
+        {"frame of 8185 bytes spills into the copyright bits", Esds(AudioConfig(2, 4, 2)), 8185, 1,
+         Hex("FF F9 50 84 00 1F FC")},
+        {"frame length wraps in 32 bits", Esds(AudioConfig(2, 4, 2)), 0xFFFFFFFFu, 1,
+         Hex("FF F9 50 80 00 DF FC")},
     };
     for (const Case &c : cases) {
         Header h = Make(c.esds, c.frameSize);
