@@ -4,6 +4,7 @@
 # then show its atom tree, its summary, and extract its audio again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target mp4core_tool
 tool=build/mp4core

@@ -4,6 +4,7 @@
 # short bounded run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/deps.sh
 jobs=$(nproc)
 fuzz_seconds=${FUZZ_SECONDS:-30}
 

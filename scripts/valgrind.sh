@@ -5,6 +5,7 @@
 # --gtest_filter=Access*.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/deps.sh
 build=${VALGRIND_BUILD:-build-valgrind}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)"
