@@ -79,9 +79,13 @@ uint32_t OffsetOf(const TrackNode *node, uint32_t number) {
 }
 
 // Reports a failed call of the listing on standard error, beside its line.
-void ReportCall(const char *call, int32_t result, uint32_t trackId, const char *name) {
+void ReportCall(const char *call, int32_t result, uint32_t trackId, const char *name,
+                const uint32_t *number = nullptr) {
     char context[64];
-    std::snprintf(context, sizeof context, "%s track %u", name, trackId);
+    if (number != nullptr)
+        std::snprintf(context, sizeof context, "%s track %u sample %u", name, trackId, *number);
+    else
+        std::snprintf(context, sizeof context, "%s track %u", name, trackId);
     ReportFailure(kSamplesCommand.name, call, result, context);
 }
 
@@ -106,7 +110,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Track
             return ok;
         } else {
             std::printf("%u %s %u error %d\n", trackId, name, number, int(result));
-            ReportCall("GetNextSample", result, trackId, name);
+            ReportCall("GetNextSample", result, trackId, name, &number);
             ok = false;
             if (result != -82) return ok;
         }
