@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the normal build, the same suite under
-# AddressSanitizer + UndefinedBehaviorSanitizer with leak detection, and a
-# short bounded run of every fuzz target.
+# AddressSanitizer + UndefinedBehaviorSanitizer with leak detection, the
+# suite under valgrind's memcheck, and a short bounded run of every fuzz
+# target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -18,6 +19,9 @@ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMP4CORE_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+echo "== valgrind memcheck"
+bash scripts/valgrind.sh
 
 echo "== fuzz (${fuzz_seconds}s per target)"
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
