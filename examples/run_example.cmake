@@ -21,6 +21,16 @@ if(NOT command)
   message(FATAL_ERROR "usage: cmake [-DEXPECT=REGEX] -P run_example.cmake -- COMMAND [ARG...]")
 endif()
 
+# A memory checker run (scripts/valgrind.sh) puts its command in front of
+# the examples' own programs, not in front of other tools such as ffprobe.
+list(GET command 0 program)
+get_filename_component(program_dir "${program}" DIRECTORY)
+get_filename_component(working_dir "." ABSOLUTE)
+if(DEFINED ENV{MP4CORE_EXAMPLE_WRAPPER} AND program_dir STREQUAL working_dir)
+  separate_arguments(wrapper UNIX_COMMAND "$ENV{MP4CORE_EXAMPLE_WRAPPER}")
+  list(PREPEND command ${wrapper})
+endif()
+
 execute_process(COMMAND ${command} RESULT_VARIABLE status
                 OUTPUT_VARIABLE output ERROR_VARIABLE output)
 message("${output}")

@@ -9,7 +9,10 @@ bash scripts/deps.sh
 build=${VALGRIND_BUILD:-build-valgrind}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)"
-valgrind --tool=memcheck --error-exitcode=99 --leak-check=full \
-  --show-leak-kinds=definite,indirect,possible --errors-for-leak-kinds=definite,indirect,possible \
-  --track-origins=yes --quiet \
-  "$build/tests/mp4core_tests" --gtest_brief=1 "$@"
+memcheck="valgrind --tool=memcheck --error-exitcode=99 --leak-check=full
+  --show-leak-kinds=definite,indirect,possible --errors-for-leak-kinds=definite,indirect,possible
+  --track-origins=yes --quiet"
+# shellcheck disable=SC2086
+$memcheck "$build/tests/mp4core_tests" --gtest_brief=1 "$@"
+# The example programs, through the same checker.
+MP4CORE_EXAMPLE_WRAPPER="$memcheck" ctest --test-dir "$build" -R '^example\.' --output-on-failure
