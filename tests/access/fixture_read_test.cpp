@@ -243,8 +243,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, Fixture,
 // Made at run time by make_fixtures.sh --long (too large to commit) into a
 // folder removed at exit; skipped when the tools are missing.
 TEST(FixtureReadLong, MoreThan20000SamplesMatchFfprobeInEveryMode) {
-    if (std::system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null && "
-                    "command -v python3 >/dev/null") != 0)
+    if (!HaveFfmpeg() || std::system("command -v python3 >/dev/null") != 0)
         GTEST_SKIP() << "ffmpeg, ffprobe or python3 missing";
     struct Folder {
         TempPath path{".long"};

@@ -11,15 +11,7 @@ namespace {
 using namespace testing_support;
 
 std::string RunTool(const std::string &arguments) {
-    std::string command = std::string(MP4CORE_TOOL) + " " + arguments;
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return "";
-    std::string out;
-    char buffer[512];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-    pclose(pipe);
-    return out;
+    return RunCommand(std::string(MP4CORE_TOOL) + " " + arguments);
 }
 
 TEST(DumpTool, PrintsTheTreeWithTablesAndUnknownAtoms) {

@@ -17,34 +17,18 @@ using namespace testing_support;
 
 namespace {
 
-std::string Run(const std::string &command) {
-    std::string out;
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, got);
-    pclose(pipe);
-    return out;
-}
-
-bool HaveFfmpeg() {
-    return Run("command -v ffmpeg >/dev/null 2>&1 && command -v ffprobe >/dev/null 2>&1 && echo yes") ==
-           "yes\n";
-}
-
 std::string Quote(const std::string &path) { return "'" + path + "'"; }
 
 // Extracts one track with the tool; false if the tool failed.
 bool Extract(const std::string &mp4, uint32_t track, const std::string &out) {
     const std::string command = Quote(MP4CORE_TOOL) + " extract " + Quote(mp4) + " --track " +
                                 std::to_string(track) + " -o " + Quote(out) + " >/dev/null 2>&1 && echo ok";
-    return Run(command) == "ok\n";
+    return RunCommand(command) == "ok\n";
 }
 
 // The picture hashes of a framemd5 listing, without times and sizes.
 std::vector<std::string> PictureHashes(const std::string &input, const std::string &options) {
-    std::istringstream lines(Run("ffmpeg -v error " + options + " -i " + Quote(input) +
+    std::istringstream lines(RunCommand("ffmpeg -v error " + options + " -i " + Quote(input) +
                                  " -map 0:v:0 -f framemd5 - 2>/dev/null"));
     std::vector<std::string> hashes;
     for (std::string line; std::getline(lines, line);) {
@@ -55,7 +39,7 @@ std::vector<std::string> PictureHashes(const std::string &input, const std::stri
 }
 
 std::string PcmHash(const std::string &input, const std::string &options) {
-    return Run("ffmpeg -v error " + options + " -i " + Quote(input) + " -map 0:a:0 -f md5 - 2>/dev/null");
+    return RunCommand("ffmpeg -v error " + options + " -i " + Quote(input) + " -map 0:a:0 -f md5 - 2>/dev/null");
 }
 
 // Every AAC, MP3 and MPEG-4 video track of the fixtures that the reader
@@ -101,7 +85,7 @@ TEST(ExtractInterop, TracksBecomeRawStreamsThatDecodeToTheSamePcmOrPictures) {
 
 // ffprobe's stream fields, by stream type ("video" or "audio").
 std::map<std::string, std::map<std::string, std::string>> ProbeStreams(const std::string &file) {
-    std::istringstream lines(Run("ffprobe -v error -show_streams " + Quote(file)));
+    std::istringstream lines(RunCommand("ffprobe -v error -show_streams " + Quote(file)));
     std::map<std::string, std::map<std::string, std::string>> streams;
     std::map<std::string, std::string> current;
     for (std::string line; std::getline(lines, line);) {

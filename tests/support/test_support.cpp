@@ -127,4 +127,19 @@ std::string FixturePath(const std::string &name) {
 
 bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
+std::string RunCommand(const std::string &command) {
+    std::string out;
+    FILE *pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return "popen failed";
+    char buffer[4096];
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, got);
+    pclose(pipe);
+    return out;
+}
+
+bool HaveFfmpeg() {
+    return std::system("command -v ffmpeg >/dev/null 2>&1 && command -v ffprobe >/dev/null 2>&1") == 0;
+}
+
 }  // namespace testing_support

@@ -80,5 +80,9 @@ void WriteWholeFile(const std::string &path, const Bytes &bytes);
 // Path of a file in tests/data.
 std::string FixturePath(const std::string &name);
 bool FileExists(const std::string &path);
+// What a shell command prints on standard output.
+std::string RunCommand(const std::string &command);
+// Whether ffmpeg and ffprobe are on the path.
+bool HaveFfmpeg();
 
 }  // namespace testing_support

@@ -19,22 +19,8 @@ namespace {
 using namespace testing_support;
 using namespace writer_test;
 
-bool HaveFfmpeg() {
-    return std::system("command -v ffmpeg >/dev/null 2>&1 && command -v ffprobe >/dev/null 2>&1") ==
-           0;
-}
-
 // Standard output and standard error of a shell command.
-std::string Shell(const std::string &command) {
-    std::string text;
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return "popen failed";
-    char buffer[4096];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, got);
-    pclose(pipe);
-    return text;
-}
+std::string Shell(const std::string &command) { return RunCommand(command + " 2>&1"); }
 
 struct Frame {
     Bytes bytes;
