@@ -5,71 +5,25 @@
 #include <cstdlib>
 #include <map>
 
-#include "access/access.h"
-#include "support/mini_mp4.h"
+#include "seek_support.h"
 
 using namespace testing_support;
+using namespace seek_support;
 
 namespace {
 
-MP4Sample *const kUntouched = reinterpret_cast<MP4Sample *>(0x1);
+std::vector<Bytes> Samples(size_t count, size_t size = 6) { return NumberedSamples(count, size); }
+MiniTrack Video(uint32_t id, std::vector<Bytes> samples) { return VideoTrack(id, std::move(samples)); }
+MiniTrack Audio(uint32_t id, std::vector<Bytes> samples) { return AudioTrack(id, std::move(samples)); }
 
-std::vector<Bytes> Samples(size_t count, size_t size = 6) {
-    std::vector<Bytes> out;
-    for (size_t i = 0; i < count; ++i) {
-        Bytes sample(size);
-        for (size_t b = 0; b < size; ++b) sample[b] = uint8_t(i * 16 + b);
-        out.push_back(sample);
-    }
-    return out;
-}
-
-MiniTrack Video(uint32_t id, std::vector<Bytes> samples) {
-    MiniTrack track;
-    track.trackId = id;
-    track.samples = std::move(samples);
-    track.withStss = true;
-    track.syncSamples = {1};
-    if (track.samples.size() >= 5) track.syncSamples.push_back(5);
-    return track;
-}
-
-MiniTrack Audio(uint32_t id, std::vector<Bytes> samples) {
-    MiniTrack track;
-    track.handler = "soun";
-    track.trackId = id;
-    track.samples = std::move(samples);
-    return track;
-}
-
-// One call with a sentinel in `sample`: the result, and whether the
-// sentinel was left alone. A record received is released.
-struct Call {
-    int32_t result;
-    bool untouched;
-    uint32_t time = 0;
-};
-
-Call Next(MP4_local_file *handle, uint32_t id, int32_t type) {
+Got Next(MP4_local_file *handle, uint32_t id, int32_t type) {
     MP4Sample *sample = kUntouched;
-    int32_t result = GetNextSample(handle, id, type, &sample);
-    Call call{result, sample == kUntouched};
-    if (!call.untouched) {
-        call.time = sample->Time;
-        SampleDataFree(&sample);
-    }
-    return call;
+    return Take(GetNextSample(handle, id, type, &sample), &sample);
 }
 
-Call At(MP4_local_file *handle, uint32_t id, int32_t type, int32_t time) {
+Got At(MP4_local_file *handle, uint32_t id, int32_t type, int32_t time) {
     MP4Sample *sample = kUntouched;
-    int32_t result = GetSample(handle, id, type, time, &sample);
-    Call call{result, sample == kUntouched};
-    if (!call.untouched) {
-        call.time = sample->Time;
-        SampleDataFree(&sample);
-    }
-    return call;
+    return Take(GetSample(handle, id, type, time, &sample), &sample);
 }
 
 // Every sample of the FFmpeg fixtures is read and compared in
@@ -84,7 +38,7 @@ TEST(GetSampleTest, GivesTheLastSampleAtOrBeforeTheTimeAndNextGoesOnBehindIt) {
                                      {90, 90}, {500, 90}, {1, 0},    {INT32_MAX, 90}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.time);
-        Call call = At(opened.handle, 1, 1, c.time);
+        Got call = At(opened.handle, 1, 1, c.time);
         ASSERT_EQ(call.result, 1);
         EXPECT_EQ(call.time, c.sampleTime);
     }
@@ -125,7 +79,7 @@ TEST(FindingATrack, ResultCodesOfEachStep) {
         SCOPED_TRACE(c.name);
         OpenedFile opened(BuildMiniMp4(c.tracks));
         MP4_local_file *file = c.nullFile ? nullptr : opened.handle;
-        for (const Call &call : {Next(file, c.id, c.type), At(file, c.id, c.type, 15)}) {
+        for (const Got &call : {Next(file, c.id, c.type), At(file, c.id, c.type, 15)}) {
             EXPECT_EQ(call.result, c.result);
             EXPECT_TRUE(call.untouched);
         }
@@ -159,7 +113,7 @@ TEST(Cursors, TwoTracksReadInTurnKeepTheirPlaces) {
                                                         {6, 2}, {6, 2}, {5, 1}, {2, 2}};
     std::map<uint32_t, uint32_t> expected;
     for (auto [id, type] : order) {
-        Call call = Next(opened.handle, id, type);
+        Got call = Next(opened.handle, id, type);
         ASSERT_EQ(call.result, 1);
         EXPECT_EQ(call.time, expected[id] * 10) << "track " << id;
         ++expected[id];
@@ -184,7 +138,7 @@ TEST(Cursors, ZeroSizedSampleStopsTheCursorUntilMovedPast) {
         OpenedFile opened(BuildMiniMp4({c.track}));
         EXPECT_EQ(Next(opened.handle, 1, c.type).result, 1);
         for (int i = 0; i < 3; ++i) {
-            Call stuck = Next(opened.handle, 1, c.type);
+            Got stuck = Next(opened.handle, 1, c.type);
             EXPECT_EQ(stuck.result, c.code);
             EXPECT_TRUE(stuck.untouched);
         }
@@ -207,10 +161,10 @@ TEST(Cursors, SampleCutByTheEndOfTheFileGives82AndMovesOn) {
         OpenedFile opened(BuildMiniMp4(tracks));
         EXPECT_EQ(Next(opened.handle, 1, type).result, 1);
         EXPECT_EQ(Next(opened.handle, 1, type).result, 1);
-        Call cut = Next(opened.handle, 1, type);
+        Got cut = Next(opened.handle, 1, type);
         EXPECT_EQ(cut.result, -82);
         EXPECT_TRUE(cut.untouched);
-        Call after = Next(opened.handle, 1, type);
+        Got after = Next(opened.handle, 1, type);
         EXPECT_EQ(after.result, 1);
         EXPECT_EQ(after.time, 30u);
         EXPECT_EQ(At(opened.handle, 1, type, 25).result, -82) << "GetSample moves past it too";

@@ -26,6 +26,14 @@ inline MiniTrack KeyFrameVideo(uint32_t count, const std::vector<uint32_t> &keys
     return track;
 }
 
+// The same samples as an audio track.
+inline MiniTrack NumberedAudio(uint32_t count, uint32_t id = 1) {
+    MiniTrack track = KeyFrameVideo(count, {}, id);
+    track.handler = "soun";
+    track.withStss = false;
+    return track;
+}
+
 // Samples every 10 ticks, key frames at times 0, 100 and 200, the last
 // sample at 290.
 inline MiniTrack ThirtySamplesKeysAt0And100And200() { return KeyFrameVideo(30, {0, 10, 20}); }

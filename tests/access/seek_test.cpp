@@ -173,9 +173,7 @@ TEST(SeekAndStepTest, OneSampleVideoTrackGivesZeroAndKeepsTheCursor) {
 }
 
 TEST(SeekTrackTest, AudioGivesTheSampleGetSampleGives) {
-    MiniTrack audio = KeyFrameVideo(12, {});
-    audio.handler = "soun";
-    audio.withStss = false;
+    MiniTrack audio = NumberedAudio(12);
     OpenedFile opened(BuildMiniMp4({audio}));
     AudioTrackNode *record = opened.handle->read.AudioFirst;
     for (int32_t time : {INT32_MIN, -1, 0, 1, 35, 40, 109, 110, 111, INT32_MAX}) {
@@ -197,13 +195,9 @@ TEST(SeekTrackTest, AudioGivesTheSampleGetSampleGives) {
 TEST(SeekAndStepTest, ResultCodesOfTheArgumentsAndTheTrack) {
     MiniTrack brokenVideo = KeyFrameVideo(4, {0}, 1);
     brokenVideo.replace["stco"] = {};
-    MiniTrack brokenAudio = KeyFrameVideo(4, {}, 2);
-    brokenAudio.handler = "soun";
-    brokenAudio.withStss = false;
+    MiniTrack brokenAudio = NumberedAudio(4, 2);
     brokenAudio.replace["stco"] = {};
-    MiniTrack audio = KeyFrameVideo(4, {}, 4);
-    audio.handler = "soun";
-    audio.withStss = false;
+    MiniTrack audio = NumberedAudio(4, 4);
     OpenedFile opened(BuildMiniMp4({brokenVideo, brokenAudio, KeyFrameVideo(4, {0}, 3), audio}),
                       kTable);
     ASSERT_EQ(opened.result, 1);

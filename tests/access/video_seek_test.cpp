@@ -157,9 +157,7 @@ TEST(Mp4VideoSeekTest, FailuresOfTheStepsTheDecoderAndTheFeed) {
 TEST(Mp4VideoSeekTest, RefusalsGiveMinusOneAndTouchNothing) {
     MiniTrack broken = TenSamplesKeysAt0And4And7();
     broken.replace["stco"] = {};
-    MiniTrack audio = KeyFrameVideo(4, {}, 2);
-    audio.handler = "soun";
-    audio.withStss = false;
+    MiniTrack audio = NumberedAudio(4, 2);
     enum Null { kNone = 0, kNullFile = 1, kNullWord = 2, kNullContext = 4, kNullResult = 8 };
     struct Case {
         const char *name;

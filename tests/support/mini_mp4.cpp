@@ -130,6 +130,29 @@ Bytes BuildMiniMp4MoovFirst(const std::vector<MiniTrack> &tracks) {
     return Cat({Ftyp(), Moov(tracks, kMiniDataStart + moovSize), Mdat(tracks)});
 }
 
+std::vector<Bytes> NumberedSamples(size_t count, size_t size) {
+    std::vector<Bytes> out;
+    for (size_t i = 0; i < count; ++i) out.push_back(Bytes(size, uint8_t(i + 1)));
+    return out;
+}
+
+MiniTrack VideoTrack(uint32_t id, std::vector<Bytes> samples, std::vector<uint32_t> sync) {
+    MiniTrack track;
+    track.trackId = id;
+    track.samples = std::move(samples);
+    track.withStss = true;
+    track.syncSamples = std::move(sync);
+    return track;
+}
+
+MiniTrack AudioTrack(uint32_t id, std::vector<Bytes> samples) {
+    MiniTrack track;
+    track.handler = "soun";
+    track.trackId = id;
+    track.samples = std::move(samples);
+    return track;
+}
+
 Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child) {
     return Atom("mp4v", {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000),
                          U32(0x480000), U32(0), U16(1), Zeros(32), U16(0x18), U16(0xFFFF),

@@ -42,6 +42,12 @@ Bytes BuildMiniMp4MoovFirst(const std::vector<MiniTrack> &tracks);
 // The file offset of sample `index` of track `track` in a built file.
 uint32_t MiniSampleOffset(const std::vector<MiniTrack> &tracks, size_t track, size_t index);
 
+// `count` samples of `size` bytes, each filled with its number from 1.
+std::vector<Bytes> NumberedSamples(size_t count, size_t size = 8);
+// A video track whose "stss" names `sync`, and an audio track.
+MiniTrack VideoTrack(uint32_t id, std::vector<Bytes> samples, std::vector<uint32_t> sync = {1});
+MiniTrack AudioTrack(uint32_t id, std::vector<Bytes> samples);
+
 // Sample entries. `child` is the entry's first child (an "esds" atom).
 Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child = {});
 Bytes S263Entry(uint16_t width, uint16_t height);

@@ -12,28 +12,8 @@ using namespace testing_support;
 
 namespace {
 
-std::vector<Bytes> Samples(size_t count) {
-    std::vector<Bytes> out;
-    for (size_t i = 0; i < count; ++i) out.push_back(Bytes(6, uint8_t(i + 1)));
-    return out;
-}
-
-MiniTrack Video(uint32_t id, size_t count) {
-    MiniTrack track;
-    track.trackId = id;
-    track.samples = Samples(count);
-    track.withStss = true;
-    track.syncSamples = {1};
-    return track;
-}
-
-MiniTrack Audio(uint32_t id, size_t count) {
-    MiniTrack track;
-    track.handler = "soun";
-    track.trackId = id;
-    track.samples = Samples(count);
-    return track;
-}
+MiniTrack Video(uint32_t id, size_t count) { return VideoTrack(id, NumberedSamples(count, 6)); }
+MiniTrack Audio(uint32_t id, size_t count) { return AudioTrack(id, NumberedSamples(count, 6)); }
 
 MiniTrack Without(MiniTrack track, const char *child) {
     track.replace[child] = {};

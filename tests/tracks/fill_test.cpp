@@ -13,28 +13,6 @@ using namespace testing_support;
 
 namespace {
 
-std::vector<Bytes> Samples(size_t count, size_t size = 8) {
-    std::vector<Bytes> out;
-    for (size_t i = 0; i < count; ++i) out.push_back(Bytes(size, uint8_t(i + 1)));
-    return out;
-}
-
-MiniTrack Audio(std::vector<Bytes> samples) {
-    MiniTrack track;
-    track.handler = "soun";
-    track.samples = std::move(samples);
-    return track;
-}
-
-// Video with an "stss" that marks sample 1, so no sample data is scanned.
-MiniTrack VideoWithStss(std::vector<Bytes> samples) {
-    MiniTrack track;
-    track.samples = std::move(samples);
-    track.withStss = true;
-    track.syncSamples = {1};
-    return track;
-}
-
 // Video without "stss": key frames come from the planes.
 MiniTrack ScannedVideo(const std::vector<uint8_t> &codingTypes, size_t lead = 0) {
     MiniTrack track;
@@ -112,49 +90,49 @@ TEST(FillTables, StagesGiveTheRecordsTheAtomsDescribe) {
     s263.samples = {Hex("00 00 80 02 0A 10"), Hex("00 00 81 02 0A 10")};
     const std::vector<uint32_t> fourTimes = {0, 10, 20, 30}, fourSizes = {8, 8, 8, 8};
     const std::vector<FillCase> cases = {
-        {"stts (n-1, d): times i x d", With(Audio(Samples(4)), "stts", Stts({{3, 10}})), 2, 1,
+        {"stts (n-1, d): times i x d", With(AudioTrack(1, NumberedSamples(4)), "stts", Stts({{3, 10}})), 2, 1,
          fourTimes, fourSizes, {}, {}},
-        {"stts (n, d): the same times", With(Audio(Samples(4)), "stts", Stts({{4, 10}})), 2, 1,
+        {"stts (n, d): the same times", With(AudioTrack(1, NumberedSamples(4)), "stts", Stts({{4, 10}})), 2, 1,
          fourTimes, fourSizes, {}, {}},
         {"stts (2,10),(2,20): the delta of the entry covering the sample before",
-         With(Audio(Samples(4)), "stts", Stts({{2, 10}, {2, 20}})), 2, 1, {0, 10, 20, 40},
+         With(AudioTrack(1, NumberedSamples(4)), "stts", Stts({{2, 10}, {2, 20}})), 2, 1, {0, 10, 20, 40},
          fourSizes, {}, {}},
         {"stts entry of count 0 serves no sample",
-         With(Audio(Samples(4)), "stts", Stts({{1, 10}, {0, 99}, {2, 20}})), 2, 1,
+         With(AudioTrack(1, NumberedSamples(4)), "stts", Stts({{1, 10}, {0, 99}, {2, 20}})), 2, 1,
          {0, 10, 30, 50}, fourSizes, {}, {}},
         {"stts that runs out before the samples: given up",
-         With(Audio(Samples(4)), "stts", Stts({{1, 10}, {1, 10}})), 2, -92, {}, {}, {}, {}},
-        {"stsz constant 4: every size is 4", With(Audio(Samples(3, 4)), "stsz", StszConstant(4, 3)),
+         With(AudioTrack(1, NumberedSamples(4)), "stts", Stts({{1, 10}, {1, 10}})), 2, -92, {}, {}, {}, {}},
+        {"stsz constant 4: every size is 4", With(AudioTrack(1, NumberedSamples(3, 4)), "stsz", StszConstant(4, 3)),
          2, 1, {0, 10, 20}, {4, 4, 4}, {}, {}},
         {"stsc (1,3), 7 samples: chunks of 3, 3, 1",
-         With(With(Audio(Samples(7)), "stsc", Stsc({{1, 3}})), "stco", Stco({100, 200, 300})), 2,
+         With(With(AudioTrack(1, NumberedSamples(7)), "stsc", Stsc({{1, 3}})), "stco", Stco({100, 200, 300})), 2,
          1, {0, 10, 20, 30, 40, 50, 60}, {8, 8, 8, 8, 8, 8, 8},
          {100, 108, 116, 200, 208, 216, 300}, {}},
         {"stsc (1,2),(3,1): two chunks of 2, then one sample a chunk",
-         With(With(Audio(Samples(6)), "stsc", Stsc({{1, 2}, {3, 1}})), "stco",
+         With(With(AudioTrack(1, NumberedSamples(6)), "stsc", Stsc({{1, 2}, {3, 1}})), "stco",
               Stco({100, 200, 300, 400})),
          2, 1, {0, 10, 20, 30, 40, 50}, {8, 8, 8, 8, 8, 8}, {100, 108, 200, 208, 300, 400}, {}},
         {"stsc whose FirstChunk goes backwards: given up",
-         With(Audio(Samples(6)), "stsc", Stsc({{3, 2}, {2, 1}})), 2, -92, {}, {}, {}, {}},
-        {"stsc with 0 samples per chunk: given up", With(Audio(Samples(3)), "stsc", Stsc({{1, 0}})),
+         With(AudioTrack(1, NumberedSamples(6)), "stsc", Stsc({{3, 2}, {2, 1}})), 2, -92, {}, {}, {}, {}},
+        {"stsc with 0 samples per chunk: given up", With(AudioTrack(1, NumberedSamples(3)), "stsc", Stsc({{1, 0}})),
          2, -92, {}, {}, {}, {}},
-        {"stsc without entries: given up", With(Audio(Samples(3)), "stsc", Stsc({})), 2, -92, {},
+        {"stsc without entries: given up", With(AudioTrack(1, NumberedSamples(3)), "stsc", Stsc({})), 2, -92, {},
          {}, {}, {}},
         {"stco that runs out before the chunks do: given up",
-         With(Audio(Samples(3)), "stco", Stco({28, 36})), 2, -92, {}, {}, {}, {}},
+         With(AudioTrack(1, NumberedSamples(3)), "stco", Stco({28, 36})), 2, -92, {}, {}, {}, {}},
         {"co64 instead of stco: given up",
-         With(Audio(Samples(2)), "stco", FullAtom("co64", 0, {U32(1), U32(0), U32(28)})), 2, -95,
+         With(AudioTrack(1, NumberedSamples(2)), "stco", FullAtom("co64", 0, {U32(1), U32(0), U32(28)})), 2, -95,
          {}, {}, {}, {}},
-        {"stss in mode 1 marks its samples", Synced(VideoWithStss(Samples(5)), {1, 4}), 1, 1,
+        {"stss in mode 1 marks its samples", Synced(VideoTrack(1, NumberedSamples(5)), {1, 4}), 1, 1,
          {0, 10, 20, 30, 40}, {8, 8, 8, 8, 8}, {}, {1, 0, 0, 1, 0}},
         {"stss naming every sample fits the key frame table",
-         Synced(VideoWithStss(Samples(4)), {1, 2, 3, 4}), 1, 1, fourTimes, fourSizes, {},
+         Synced(VideoTrack(1, NumberedSamples(4)), {1, 2, 3, 4}), 1, 1, fourTimes, fourSizes, {},
          {1, 1, 1, 1}},
-        {"stss sample 0 in mode 1: -94", Synced(VideoWithStss(Samples(4)), {1, 0}), 1, -94, {}, {},
+        {"stss sample 0 in mode 1: -94", Synced(VideoTrack(1, NumberedSamples(4)), {1, 0}), 1, -94, {}, {},
          {}, {}},
-        {"stss past the samples in mode 2: -93", Synced(VideoWithStss(Samples(4)), {5}), 2, -93, {},
+        {"stss past the samples in mode 2: -93", Synced(VideoTrack(1, NumberedSamples(4)), {5}), 2, -93, {},
          {}, {}, {}},
-        {"stss past the samples in mode 3: -93", Synced(VideoWithStss(Samples(4)), {1, 9}), 3, -93,
+        {"stss past the samples in mode 3: -93", Synced(VideoTrack(1, NumberedSamples(4)), {1, 9}), 3, -93,
          {}, {}, {}, {}},
         {"scan: intra, predicted and bidirectional planes", ScannedVideo({0, 1, 2, 1}), 1, 1,
          fourTimes, {}, {}, {1, 0, 0, 0}},
@@ -169,7 +147,7 @@ TEST(FillTables, StagesGiveTheRecordsTheAtomsDescribe) {
         {"scan: exactly half intra is kept", ScannedVideo({0, 1, 0, 1}), 1, 1, fourTimes, {}, {},
          {1, 0, 1, 0}},
         {"scan: s263 without stss has no plane start code", s263, 2, 0, {}, {}, {}, {}},
-        {"audio stss only counts: no sample marked", Synced(Audio(Samples(6)), {1, 2, 3, 4, 5}), 1,
+        {"audio stss only counts: no sample marked", Synced(AudioTrack(1, NumberedSamples(6)), {1, 2, 3, 4, 5}), 1,
          1, {0, 10, 20, 30, 40, 50}, {}, {}, {0, 0, 0, 0, 0, 0}},
     };
     for (const FillCase &c : cases) {
@@ -212,9 +190,9 @@ TEST(FillTables, KeyFrameTableHoldsTheKeyFramesAndAZeroedRecordBehind) {
         std::vector<uint32_t> keyIndexes;
     };
     const std::vector<Case> cases = {
-        {"every sample in stss", Synced(VideoWithStss(Samples(6)), {1, 2, 3, 4, 5, 6}),
+        {"every sample in stss", Synced(VideoTrack(1, NumberedSamples(6)), {1, 2, 3, 4, 5, 6}),
          {0, 1, 2, 3, 4, 5}},
-        {"two of six in stss", Synced(VideoWithStss(Samples(6)), {1, 5}), {0, 4}},
+        {"two of six in stss", Synced(VideoTrack(1, NumberedSamples(6)), {1, 5}), {0, 4}},
         {"scanned", ScannedVideo({0, 1, 1, 0, 1, 1}), {0, 3}},
     };
     for (const Case &c : cases) {
@@ -256,7 +234,7 @@ TEST(FillTables, ScanPrintsEachKeyFrameUpToTheOneThatStopsIt) {
 // A count is bounded by the bytes that could hold it; one the file can
 // hold is kept (the "stsz constant" row above).
 TEST(FillTables, HugeConstantSizeCountInASmallFileIsGivenUpAtOnce) {
-    Bytes image = BuildMiniMp4({With(Audio(Samples(2, 1)), "stsz", StszConstant(1, 100000000))});
+    Bytes image = BuildMiniMp4({With(AudioTrack(1, NumberedSamples(2, 1)), "stsz", StszConstant(1, 100000000))});
     ASSERT_LT(image.size(), 1024u);
     auto start = std::chrono::steady_clock::now();
     OpenedFile opened(image);

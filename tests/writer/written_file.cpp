@@ -9,11 +9,6 @@ namespace writer_test {
 
 namespace {
 
-uint32_t Be32(const Bytes &b, size_t at) {
-    return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) |
-           b[at + 3];
-}
-
 // Where the children of a container begin, from its first byte.
 size_t ChildOffset(const std::string &name) {
     if (name == "stsd" || name == "dref" || name == "mp4s") return 16;
@@ -43,7 +38,7 @@ long AtomOffset(const Bytes &file, const std::string &path) {
         found = -1;
         int seen = 0;
         for (size_t at = begin; at + 8 <= end;) {
-            const uint32_t size = Be32(file, at);
+            const uint32_t size = Be32At(file, at);
             if (size < 8 || at + size > end) break;
             if (std::memcmp(&file[at + 4], part.data(), 4) == 0 && ++seen == wanted) {
                 found = long(at);
@@ -63,13 +58,13 @@ long AtomOffset(const Bytes &file, const std::string &path) {
 Bytes FindAtom(const Bytes &file, const std::string &path) {
     const long at = AtomOffset(file, path);
     if (at < 0) return {};
-    const uint32_t size = Be32(file, size_t(at));
+    const uint32_t size = Be32At(file, size_t(at));
     return Bytes(file.begin() + at, file.begin() + at + size);
 }
 
 std::vector<uint32_t> TableWords(const Bytes &atom) {
     std::vector<uint32_t> words;
-    for (size_t at = 12; at + 4 <= atom.size(); at += 4) words.push_back(Be32(atom, at));
+    for (size_t at = 12; at + 4 <= atom.size(); at += 4) words.push_back(Be32At(atom, at));
     return words;
 }
 
