@@ -19,12 +19,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint8_t header[7];
     uint32_t headerSize = 0;
     if (MakeAdtsHeader(block.get(), size, frameSize, header, &headerSize) == 1) {
-        // Every header made is a well-formed one.
-        if (headerSize != 7 || header[0] != 0xFF || header[1] != 0xF9 || header[6] != 0xFC)
+        // Every header made keeps its sync byte, its buffer fullness and the
+        // low 13 bits of the frame length; a value too wide for its field
+        // only spills into the fields in front of it.
+        if (headerSize != 7 || header[0] != 0xFF || (header[1] & 0xF9) != 0xF9 ||
+            (header[5] & 0x1F) != 0x1F || header[6] != 0xFC)
             __builtin_trap();
         const uint32_t frameLength = (uint32_t(header[3] & 3) << 11) | (uint32_t(header[4]) << 3) |
                                      (header[5] >> 5);
-        if (frameLength != frameSize + 7) __builtin_trap();
+        if (frameLength != ((frameSize + 7) & 0x1FFF)) __builtin_trap();
     }
 
     // The export trusts the size field up to an "esds" record of 228 bytes.
