@@ -15,7 +15,7 @@ namespace {
 // A word that names an option rather than an operand ("-" alone is an operand).
 bool LooksLikeOption(const char *word) { return word[0] == '-' && word[1] != '\0'; }
 
-const OptionSpec *FindOption(const CommandSpec &command, const char *name) {
+const OptionRow *FindOption(const CommandRow &command, const char *name) {
     for (size_t i = 0; i < command.optionCount; ++i) {
         if (std::strcmp(command.options[i].name, name) == 0) return &command.options[i];
     }
@@ -23,13 +23,13 @@ const OptionSpec *FindOption(const CommandSpec &command, const char *name) {
 }
 
 // "--track ID", or "--od" for a flag.
-std::string OptionWithValue(const OptionSpec &option) {
+std::string OptionWithValue(const OptionRow &option) {
     std::string text = option.name;
     if (option.value != nullptr) text += std::string(" ") + option.value;
     return text;
 }
 
-void PrintHelp(const CommandSpec &command) {
+void PrintHelp(const CommandRow &command) {
     PrintUsageLine(command, stdout);
     std::printf("\n%s\n", command.summary);
     if (command.details != nullptr) std::printf("%s", command.details);
@@ -48,7 +48,7 @@ void PrintHelp(const CommandSpec &command) {
     }
     std::printf("\noptions:\n");
     for (size_t i = 0; i < command.optionCount; ++i) {
-        const OptionSpec &option = command.options[i];
+        const OptionRow &option = command.options[i];
         std::printf("  %-*s%s%s\n", column, OptionWithValue(option).c_str(), option.help,
                     option.repeatable ? " (repeatable)" : "");
     }
@@ -56,7 +56,7 @@ void PrintHelp(const CommandSpec &command) {
 }
 
 // Fills `arguments`; on a usage error reports it and gives false.
-bool Parse(const CommandSpec &command, int argc, char **argv, Arguments *arguments) {
+bool Parse(const CommandRow &command, int argc, char **argv, Arguments *arguments) {
     for (int i = 0; i < argc; ++i) {
         const char *word = argv[i];
         if (!LooksLikeOption(word)) {
@@ -67,7 +67,7 @@ bool Parse(const CommandSpec &command, int argc, char **argv, Arguments *argumen
             arguments->operands.push_back(word);
             continue;
         }
-        const OptionSpec *option = FindOption(command, word);
+        const OptionRow *option = FindOption(command, word);
         if (option == nullptr) {
             UsageError(command, "unknown option '%s'", word);
             return false;
@@ -98,11 +98,11 @@ bool IsHelpWord(const char *word) {
     return std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0;
 }
 
-void PrintUsageLine(const CommandSpec &command, FILE *out) {
+void PrintUsageLine(const CommandRow &command, FILE *out) {
     std::string line = std::string("usage: mp4core ") + command.name;
     for (size_t i = 0; i < command.operandCount; ++i) line += std::string(" ") + command.operands[i].name;
     for (size_t i = 0; i < command.optionCount; ++i) {
-        const OptionSpec &option = command.options[i];
+        const OptionRow &option = command.options[i];
         const std::string text = OptionWithValue(option);
         line += option.required ? " " + text : " [" + text + "]";
         if (option.repeatable) line += "...";
@@ -110,7 +110,7 @@ void PrintUsageLine(const CommandSpec &command, FILE *out) {
     std::fprintf(out, "%s\n", line.c_str());
 }
 
-int UsageError(const CommandSpec &command, const char *format, ...) {
+int UsageError(const CommandRow &command, const char *format, ...) {
     std::fflush(stdout);
     std::fprintf(stderr, "mp4core %s: ", command.name);
     va_list list;
@@ -122,7 +122,7 @@ int UsageError(const CommandSpec &command, const char *format, ...) {
     return 2;
 }
 
-int RunCommand(const CommandSpec &command, int argc, char **argv) {
+int RunCommand(const CommandRow &command, int argc, char **argv) {
     for (int i = 0; i < argc; ++i) {
         if (IsHelpWord(argv[i])) {
             PrintHelp(command);
@@ -137,14 +137,14 @@ int RunCommand(const CommandSpec &command, int argc, char **argv) {
 const char *OptionValue(const Arguments &arguments, const char *name) {
     const char *value = nullptr;
     for (const GivenOption &given : arguments.options) {
-        if (std::strcmp(given.spec->name, name) == 0) value = given.value;
+        if (std::strcmp(given.option->name, name) == 0) value = given.value;
     }
     return value;
 }
 
 bool HasOption(const Arguments &arguments, const char *name) {
     for (const GivenOption &given : arguments.options) {
-        if (std::strcmp(given.spec->name, name) == 0) return true;
+        if (std::strcmp(given.option->name, name) == 0) return true;
     }
     return false;
 }

@@ -94,11 +94,11 @@ int RunDump(const Arguments &arguments) {
     return 0;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to read"}};
 
 }  // namespace
 
-extern const CommandSpec kDumpCommand = {
+extern const CommandRow kDumpCommand = {
     "dump",
     "the atom tree as read, with the open's diagnostics",
     kOperands, CountOf(kOperands), nullptr, 0,

@@ -176,16 +176,16 @@ int RunExtract(const Arguments &arguments) {
     return status;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to read"}};
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionRow kOptions[] = {
     {"--track", "ID", true, false, "the track to extract, by its \"tkhd\" track ID"},
     {"-o", "OUT", true, false, "the raw stream file to write"},
 };
 
 }  // namespace
 
-extern const CommandSpec kExtractCommand = {
+extern const CommandRow kExtractCommand = {
     "extract",
     "a track as a raw stream",
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),

@@ -98,11 +98,11 @@ int RunInfo(const Arguments &arguments) {
     return 0;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to describe"}};
+constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to describe"}};
 
 }  // namespace
 
-extern const CommandSpec kInfoCommand = {
+extern const CommandRow kInfoCommand = {
     "info",
     "file summary and the media information of each track",
     kOperands, CountOf(kOperands), nullptr, 0,

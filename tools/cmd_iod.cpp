@@ -39,11 +39,11 @@ int RunIod(const Arguments &arguments) {
     return status;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file whose descriptor is made"}};
+constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file whose descriptor is made"}};
 
 }  // namespace
 
-extern const CommandSpec kIodCommand = {
+extern const CommandRow kIodCommand = {
     "iod",
     "the initial object descriptor in hex, and what reads back",
     kOperands, CountOf(kOperands), nullptr, 0,

@@ -25,11 +25,11 @@ int RunM4vHeader(const Arguments &arguments) {
     return 0;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "a raw MPEG-4 visual stream (.m4v)"}};
+constexpr OperandRow kOperands[] = {{"FILE", "a raw MPEG-4 visual stream (.m4v)"}};
 
 }  // namespace
 
-extern const CommandSpec kM4vHeaderCommand = {
+extern const CommandRow kM4vHeaderCommand = {
     "m4vheader",
     "header size and picture size of a raw MPEG-4 video stream",
     kOperands, CountOf(kOperands), nullptr, 0,

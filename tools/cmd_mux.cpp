@@ -366,7 +366,7 @@ int RunMux(const Arguments &arguments) {
     return 0;
 }
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionRow kOptions[] = {
     {"-o", "OUT.mp4", true, false, "the MP4 file to write"},
     {"--video", "IN.m4v", false, false, "a raw MPEG-4 Part 2 video stream"},
     {"--audio", "IN.aac", false, false, "an ADTS AAC stream"},
@@ -377,7 +377,7 @@ constexpr OptionSpec kOptions[] = {
 
 }  // namespace
 
-extern const CommandSpec kMuxCommand = {
+extern const CommandRow kMuxCommand = {
     "mux",
     "raw MPEG-4 video and ADTS AAC streams into an MP4 file",
     nullptr, 0, kOptions, CountOf(kOptions),

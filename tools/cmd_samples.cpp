@@ -32,7 +32,7 @@ struct Options {
 bool ReadOptions(const Arguments &arguments, Options *options, int *status) {
     options->path = arguments.operands[0];
     for (const GivenOption &given : arguments.options) {
-        const std::string name = given.spec->name;
+        const std::string name = given.option->name;
         if (name == "--track") {
             if (!ParseU32(given.value, &options->track) || options->track == 0) {
                 *status = UsageError(kSamplesCommand, "--track takes a track ID above 0, not '%s'",
@@ -200,9 +200,9 @@ int RunSamples(const Arguments &arguments) {
     return ok ? 0 : 1;
 }
 
-constexpr OperandSpec kOperands[] = {{"FILE", "the MP4 file to read"}};
+constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to read"}};
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionRow kOptions[] = {
     {"--track", "ID", false, false, "only the track with this \"tkhd\" track ID"},
     {"--mode", "1|2|3", false, false, "the table mode of the open (default 2)"},
     {"--seek", "TIME", false, true, "SeekTrack to TIME, in ticks of the track's timescale"},
@@ -212,7 +212,7 @@ constexpr OptionSpec kOptions[] = {
 
 }  // namespace
 
-extern const CommandSpec kSamplesCommand = {
+extern const CommandRow kSamplesCommand = {
     "samples",
     "one line per sample of every video and audio track",
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),

@@ -9,14 +9,14 @@
 #include <vector>
 
 // One operand, in the order the command takes them.
-struct OperandSpec {
+struct OperandRow {
     const char *name;  // "FILE"
     const char *help;  // one line
 };
 
 // One option. Every option is given as a word of its own; one with a value
 // takes the next word.
-struct OptionSpec {
+struct OptionRow {
     const char *name;   // "--track", "-o"
     const char *value;  // name of the value in the help ("ID"), null for a flag
     bool required;
@@ -26,7 +26,7 @@ struct OptionSpec {
 
 // One option as given on the command line.
 struct GivenOption {
-    const OptionSpec *spec;
+    const OptionRow *option;
     const char *value;  // null for a flag
 };
 
@@ -37,45 +37,45 @@ struct Arguments {
     std::vector<GivenOption> options;
 };
 
-struct CommandSpec {
+struct CommandRow {
     const char *name;
     const char *summary;  // one line of `mp4core --help`
-    const OperandSpec *operands;
+    const OperandRow *operands;
     size_t operandCount;  // the command takes exactly these
-    const OptionSpec *options;
+    const OptionRow *options;
     size_t optionCount;
     const char *details;  // what the command prints and how; lines ending in \n
     int (*run)(const Arguments &arguments);
 };
 
 template <size_t N>
-constexpr size_t CountOf(const OperandSpec (&)[N]) { return N; }
+constexpr size_t CountOf(const OperandRow (&)[N]) { return N; }
 template <size_t N>
-constexpr size_t CountOf(const OptionSpec (&)[N]) { return N; }
+constexpr size_t CountOf(const OptionRow (&)[N]) { return N; }
 
-extern const CommandSpec kDumpCommand;
-extern const CommandSpec kSamplesCommand;
-extern const CommandSpec kM4vHeaderCommand;
-extern const CommandSpec kMuxCommand;
-extern const CommandSpec kInfoCommand;
-extern const CommandSpec kExtractCommand;
-extern const CommandSpec kIodCommand;
+extern const CommandRow kDumpCommand;
+extern const CommandRow kSamplesCommand;
+extern const CommandRow kM4vHeaderCommand;
+extern const CommandRow kMuxCommand;
+extern const CommandRow kInfoCommand;
+extern const CommandRow kExtractCommand;
+extern const CommandRow kIodCommand;
 
 // ---- Shared by the commands (cli.cpp) ---------------------------------------
 
 // Runs a command on the words behind its name: its help for -h or --help
 // (exit 0), a usage error (exit 2), or what the command returns.
-int RunCommand(const CommandSpec &command, int argc, char **argv);
+int RunCommand(const CommandRow &command, int argc, char **argv);
 
 // "-h" or "--help".
 bool IsHelpWord(const char *word);
 
 // "usage: mp4core NAME ..." with a line end.
-void PrintUsageLine(const CommandSpec &command, FILE *out);
+void PrintUsageLine(const CommandRow &command, FILE *out);
 
 // A usage error: "mp4core NAME: <message>", then the usage line, on
 // standard error. Returns the exit status 2.
-int UsageError(const CommandSpec &command, const char *format, ...)
+int UsageError(const CommandRow &command, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
 // The value of the last occurrence of an option, or null.

@@ -7,7 +7,7 @@
 namespace {
 
 // The subcommands, in the order `mp4core --help` lists them.
-const CommandSpec *const kCommands[] = {
+const CommandRow *const kCommands[] = {
     &kDumpCommand, &kSamplesCommand, &kM4vHeaderCommand, &kMuxCommand,
     &kInfoCommand, &kExtractCommand, &kIodCommand,
 };
@@ -17,7 +17,7 @@ void PrintOverview(FILE *out) {
                  "usage: mp4core COMMAND [ARGUMENTS]\n"
                  "       mp4core COMMAND --help\n"
                  "\ncommands:\n");
-    for (const CommandSpec *command : kCommands)
+    for (const CommandRow *command : kCommands)
         std::fprintf(out, "  %-11s%s\n", command->name, command->summary);
 }
 
@@ -32,7 +32,7 @@ int main(int argc, char **argv) {
         PrintOverview(stdout);
         return 0;
     }
-    for (const CommandSpec *command : kCommands) {
+    for (const CommandRow *command : kCommands) {
         if (std::strcmp(argv[1], command->name) == 0) return RunCommand(*command, argc - 2, argv + 2);
     }
     std::fprintf(stderr, "mp4core: unknown %s '%s'\n", argv[1][0] == '-' ? "option" : "command",
