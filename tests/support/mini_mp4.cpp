@@ -153,6 +153,23 @@ MiniTrack AudioTrack(uint32_t id, std::vector<Bytes> samples) {
     return track;
 }
 
+MiniTrack KeyedVideo(uint32_t count, const std::vector<uint32_t> &keys, uint32_t id) {
+    MiniTrack track = KeyedAudio(count, id);
+    track.handler = "vide";
+    track.withStss = true;
+    for (uint32_t key : keys) track.syncSamples.push_back(key + 1);
+    return track;
+}
+
+MiniTrack KeyedAudio(uint32_t count, uint32_t id) {
+    MiniTrack track;
+    track.handler = "soun";
+    track.trackId = id;
+    for (uint32_t i = 0; i < count; ++i)
+        track.samples.push_back({uint8_t(i), uint8_t(i >> 8), 0xA5, uint8_t(id)});
+    return track;
+}
+
 Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child) {
     return Atom("mp4v", {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000),
                          U32(0x480000), U32(0), U16(1), Zeros(32), U16(0x18), U16(0xFFFF),

@@ -47,6 +47,11 @@ std::vector<Bytes> NumberedSamples(size_t count, size_t size = 8);
 // A video track whose "stss" names `sync`, and an audio track.
 MiniTrack VideoTrack(uint32_t id, std::vector<Bytes> samples, std::vector<uint32_t> sync = {1});
 MiniTrack AudioTrack(uint32_t id, std::vector<Bytes> samples);
+// `count` samples every 10 ticks whose bytes name their number (low byte,
+// high byte), then 0xA5 and the track ID; a video track has its key frames
+// at the 0-based `keys` (through "stss").
+MiniTrack KeyedVideo(uint32_t count, const std::vector<uint32_t> &keys, uint32_t id = 1);
+MiniTrack KeyedAudio(uint32_t count, uint32_t id = 1);
 
 // Sample entries. `child` is the entry's first child (an "esds" atom).
 Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child = {});
