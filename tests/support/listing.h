@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "atoms/atoms.h"
-#include "frame/frame.h"
+#include "tracks/tracks.h"
 
 namespace testing_support {
 
