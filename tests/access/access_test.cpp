@@ -117,10 +117,11 @@ MiniTrack Emptied(MiniTrack track, size_t sample) {
 // Sample `index` (of 4 bytes) moved to the last 2 bytes of the file.
 MiniTrack CutAt(MiniTrack track, size_t index) {
     std::vector<uint32_t> offsets;
-    for (size_t i = 0; i < track.samples.size(); ++i) offsets.push_back(MiniSampleOffset({track}, 0, i));
+    for (size_t i = 0; i < track.samples.size(); ++i) offsets.push_back(MiniSampleOffset(track, i));
     offsets[index] = uint32_t(BuildMiniMp4({track}).size()) - 2;
     track.samplesPerChunk = 1;
-    track.replace["stco"] = Stco(offsets);
+    offsets.insert(offsets.begin(), uint32_t(offsets.size()));
+    track.replace["stco"] = Words("stco", offsets);
     return track;
 }
 
@@ -128,7 +129,7 @@ TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
     const MiniTrack keys0_4_7 = KeyedVideo(10, {0, 4, 7});
     const MiniTrack keys2_5 = KeyedVideo(8, {2, 5});
     MiniTrack farSample = KeyedAudio(2);
-    farSample.replace["stsz"] = StszTable({4, 0x7FFFFFF0});
+    farSample.replace["stsz"] = Words("stsz", {0, 2, 4, 0x7FFFFFF0});
     MiniTrack hint = KeyedAudio(2, 3);
     hint.handler = "hint";
     struct Case {

@@ -56,7 +56,7 @@ Bytes SmallFile() {
     for (uint8_t type : {0, 1, 1, 0, 2, 1}) scanned.samples.push_back(Vop(type, 3, 5));
     scanned.samplesPerChunk = 2;
     MiniTrack audio = KeyedAudio(5, 2);
-    audio.replace["stsc"] = Stsc({{1, 2}, {2, 1}});
+    audio.replace["stsc"] = Words("stsc", {2, 1, 2, 1, 2, 1, 1});
     return BuildMiniMp4MoovFirst({scanned, audio, KeyedVideo(4, {0, 2}, 3)});
 }
 

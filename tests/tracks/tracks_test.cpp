@@ -15,8 +15,8 @@ using namespace testing_support;
 
 namespace {
 
-MiniTrack Video(uint32_t id, size_t count) { return VideoTrack(id, NumberedSamples(count, 6)); }
-MiniTrack Audio(uint32_t id, size_t count) { return AudioTrack(id, NumberedSamples(count)); }
+MiniTrack Video(uint32_t id, uint32_t count) { return KeyedVideo(count, {0}, id); }
+MiniTrack Audio(uint32_t id, uint32_t count) { return KeyedAudio(count, id); }
 MiniTrack With(MiniTrack track, const char *name, const Bytes &atom) {
     track.replace[name] = atom;
     return track;
@@ -116,19 +116,19 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"esds of 20 bytes, the layer behind", {Entry(Video(1, 3), Mp4vEntry(100, 80, Cat({AtomWithSize(20, "esds", {Zeros(12)}), vol})))}, 2, {}},
         {"s263 entry", {Entry(Video(1, 3), S263Entry(128, 96))}, 2, {}},
         {"mp4a and unknown entries in video", {Entry(Video(1, 3), Mp4aEntry()), Entry(Video(2, 3), Atom("avc1", {Zeros(78)}))}, 2, {}},
-        {"stts (n-1, d)", {With(four, "stts", Stts({{3, 10}}))}, 2, {}},
-        {"stts (2,10),(2,20)", {With(four, "stts", Stts({{2, 10}, {2, 20}}))}, 2, {}},
-        {"stts entry of count 0", {With(four, "stts", Stts({{1, 10}, {0, 99}, {2, 20}}))}, 2, {}},
-        {"stts that runs out", {With(four, "stts", Stts({{1, 10}, {1, 10}}))}, 2, {}},
-        {"stsz constant 4", {With(three, "stsz", StszConstant(4, 3))}, 2, {}},
-        {"stsc (1,3) over 7 samples", {With(With(Audio(1, 7), "stsc", Stsc({{1, 3}})), "stco", Stco({100, 200, 300}))}, 2, {}},
-        {"stsc (1,2),(3,1)", {With(With(Audio(1, 6), "stsc", Stsc({{1, 2}, {3, 1}})), "stco", Stco({100, 200, 300, 400}))}, 2, {}},
-        {"stsc going backwards", {With(Audio(1, 6), "stsc", Stsc({{3, 2}, {2, 1}}))}, 2, {}},
-        {"stsc of 0 per chunk", {With(three, "stsc", Stsc({{1, 0}}))}, 2, {}},
-        {"stsc without entries", {With(three, "stsc", Stsc({}))}, 2, {}},
-        {"stco that runs out", {With(three, "stco", Stco({28, 36}))}, 2, {}},
-        {"co64 instead of stco", {With(Audio(1, 2), "stco", FullAtom("co64", 0, {U32(1), U32(0), U32(28)}))}, 2, {}},
-        {"huge constant size count in a small file", {With(AudioTrack(1, NumberedSamples(2, 1)), "stsz", StszConstant(1, 100000000))}, 2, {}},
+        {"stts (n-1, d)", {With(four, "stts", Words("stts", {1, 3, 10}))}, 2, {}},
+        {"stts (2,10),(2,20)", {With(four, "stts", Words("stts", {2, 2, 10, 2, 20}))}, 2, {}},
+        {"stts entry of count 0", {With(four, "stts", Words("stts", {3, 1, 10, 0, 99, 2, 20}))}, 2, {}},
+        {"stts that runs out", {With(four, "stts", Words("stts", {2, 1, 10, 1, 10}))}, 2, {}},
+        {"stsz constant 4", {With(three, "stsz", Words("stsz", {4, 3}))}, 2, {}},
+        {"stsc (1,3) over 7 samples", {With(With(Audio(1, 7), "stsc", Words("stsc", {1, 1, 3, 1})), "stco", Words("stco", {3, 100, 200, 300}))}, 2, {}},
+        {"stsc (1,2),(3,1)", {With(With(Audio(1, 6), "stsc", Words("stsc", {2, 1, 2, 1, 3, 1, 1})), "stco", Words("stco", {4, 100, 200, 300, 400}))}, 2, {}},
+        {"stsc going backwards", {With(Audio(1, 6), "stsc", Words("stsc", {2, 3, 2, 1, 2, 1, 1}))}, 2, {}},
+        {"stsc of 0 per chunk", {With(three, "stsc", Words("stsc", {1, 1, 0, 1}))}, 2, {}},
+        {"stsc without entries", {With(three, "stsc", Words("stsc", {0}))}, 2, {}},
+        {"stco that runs out", {With(three, "stco", Words("stco", {2, 28, 32}))}, 2, {}},
+        {"co64 instead of stco", {With(Audio(1, 2), "stco", Words("co64", {1, 0, 28}))}, 2, {}},
+        {"huge constant size count in a small file", {With(Audio(1, 2), "stsz", Words("stsz", {1, 100000000}))}, 2, {}},
         {"stss 1, 4 of 5", {Synced(Video(1, 5), {1, 4})}, 1, {}},
         {"stss of every sample", {Synced(Video(1, 4), {1, 2, 3, 4})}, 1, {}},
         {"stss naming sample 0", {Synced(Video(1, 4), {1, 0})}, 1, {}},
