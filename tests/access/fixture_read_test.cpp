@@ -1,15 +1,13 @@
 // Interop: the FFmpeg fixtures against the listing ffprobe gave when each
 // was made (tests/data/*.samples), in each table mode: every sample through
 // GetNextSample with the tracks read in turn, SeekTrack and SeekTrackPos to
-// times around every sample, NextKeyFrame and PrevKeyFrame from every
-// cursor. mp4core differs from ffprobe on purpose, each checked here:
+// times around every sample. mp4core differs from ffprobe on purpose, each checked here:
 // audio samples are never key frames; a video track of exactly one sample
 // yields no sample; a video track without "stss" takes its key frames from
 // the I-VOPs, and one with more intra planes than half its samples is
 // given up.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <sstream>
@@ -80,44 +78,19 @@ size_t Landing(const ExpectedTrack &track, int64_t time) {
     return index;
 }
 
-// Where a key frame step lands: a key frame under the cursor stays; Next
-// goes to the key frame after, round to sample 0; Prev to the key frame
-// before the nearest one behind, round to the last key frame. At the last
-// sample the table path gives the last key frame instead.
-size_t Step(const ExpectedTrack &track, size_t cursor, bool next, bool table) {
-    const size_t n = track.samples.size();
-    cursor = std::min(cursor, n - 1);
-    auto keyAtOrBefore = [&](long from) {
-        while (from >= 0 && !track.samples[size_t(from)].key) --from;
-        return from;
-    };
-    if (track.samples[cursor].key) return cursor;
-    if (table && cursor == n - 1) return size_t(keyAtOrBefore(long(n) - 1));
-    if (next) {
-        for (size_t i = cursor + 1; i < n; ++i)
-            if (track.samples[i].key) return i;
-        return 0;
-    }
-    const long nearest = keyAtOrBefore(long(cursor));
-    const long before = nearest > 0 ? keyAtOrBefore(nearest - 1) : -1;
-    return size_t(before >= 0 ? before : keyAtOrBefore(long(n) - 1));
-}
-
-// Seeks around every sample and far outside the track, then key frame
-// steps from every cursor; one transcript line per call on both sides.
-void SeekAndStepEverywhere(MP4_local_file *file, const ExpectedTrack &track, int32_t mode) {
+// Seeks around every sample and far outside the track, one transcript line
+// per call on both sides. Key frame steps are swept in access_test.cpp.
+void SeekEverywhere(MP4_local_file *file, const ExpectedTrack &track) {
     std::vector<int64_t> times = {INT32_MIN, -1, 0, INT32_MAX, track.samples.back().time + 100000};
     for (const ExpectedSample &s : track.samples) times.insert(times.end(), {int64_t(s.time) - 1, s.time, s.time + 1});
     std::string got, want;
-    auto wanted = [&](size_t i) {
-        const ExpectedSample &s = track.samples[i];
-        return Line(s.time, s.size, track.type == MP4_TRACK_VIDEO, s.crc);
-    };
     for (int64_t time : times) {
+        const ExpectedSample &s = track.samples[Landing(track, time)];
+        const bool video = track.type == MP4_TRACK_VIDEO;
+        want += "seek " + std::to_string(time) + " " + Line(s.time, s.size, video, s.crc) + "pos " +
+                std::to_string(s.time) + "\n" + Line(s.time, s.size, video && s.key, s.crc);
         MP4Sample *sample = nullptr;
         uint32_t position = 0;
-        const size_t index = Landing(track, time);
-        want += "seek " + std::to_string(time) + " " + wanted(index) + "pos " + std::to_string(track.samples[index].time) + "\n" + Line(track.samples[index].time, track.samples[index].size, KeyOf(track, index), track.samples[index].crc);
         got += "seek " + std::to_string(time) + " ";
         if (SeekTrack(file, track.id, track.type, int32_t(time), &sample) == 1) got += Line(sample);
         SampleDataFree(&sample);
@@ -125,20 +98,6 @@ void SeekAndStepEverywhere(MP4_local_file *file, const ExpectedTrack &track, int
             got += "pos " + std::to_string(position) + "\n";
         if (GetNextSample(file, track.id, track.type, &sample) == 1) got += Line(sample);
         SampleDataFree(&sample);
-    }
-    VideoTrackNode *video = file->read.VideoFirst;
-    while (track.type == MP4_TRACK_VIDEO && video->TrackId != track.id) video = video->NextTrack;
-    for (size_t cursor = 0; track.type == MP4_TRACK_VIDEO && cursor <= track.samples.size() + 2; ++cursor) {
-        for (bool next : {true, false}) {
-            const size_t index = Step(track, cursor, next, mode == MP4_TABLE_KEYFRAMES);
-            want += "step " + std::to_string(cursor) + " " + wanted(index) + "cursor " + std::to_string(index + 1) + "\n";
-            got += "step " + std::to_string(cursor) + " ";
-            video->SampleCursor = int32_t(cursor);
-            MP4Sample *sample = nullptr;
-            if ((next ? NextKeyFrame : PrevKeyFrame)(file, track.id, MP4_TRACK_VIDEO, &sample) == 1) got += Line(sample);
-            SampleDataFree(&sample);
-            got += "cursor " + std::to_string(video->SampleCursor) + "\n";
-        }
     }
     EXPECT_EQ(got, want) << "track " << track.id;
 }
@@ -169,7 +128,7 @@ TEST_P(Fixture, SamplesSeeksAndKeyFrameStepsMatchTheListing) {
             EXPECT_EQ(sample, nullptr);
         }
         ReadInTurnAndCompare(opened.handle, readable);
-        for (const ExpectedTrack *track : readable) SeekAndStepEverywhere(opened.handle, *track, mode);
+        for (const ExpectedTrack *track : readable) SeekEverywhere(opened.handle, *track);
     }
 }
 

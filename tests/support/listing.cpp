@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -20,19 +21,6 @@ std::string Format(const char *format, ...) {
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
     return text;
-}
-
-// "ID video|audio CODEC timescale N samples COUNT keys stss|vop|none"
-bool ParseTrackLine(std::istringstream &in, ExpectedTrack &track, size_t &count) {
-    std::string kind, word1, word2, word3, keys;
-    if (!(in >> track.id >> kind >> track.codec >> word1 >> track.timescale >> word2 >> count >>
-          word3 >> keys) ||
-        word1 != "timescale" || word2 != "samples" || word3 != "keys")
-        return false;
-    track.type = kind == "video" ? 1 : kind == "audio" ? 2 : 0;
-    track.keys = keys == "stss" ? KeySource::Stss : keys == "vop" ? KeySource::PlaneScan
-                                                                  : KeySource::None;
-    return track.type != 0 && (keys == "stss" || keys == "vop" || keys == "none");
 }
 
 std::string ListTrackNode(const TrackNode *node) {
@@ -74,33 +62,35 @@ Listing LoadListing(const std::string &path) {
     std::ifstream file(path);
     if (!file) listing.error = "cannot open " + path;
     std::string line;
-    std::vector<size_t> declared;  // sample count of each track line
+    std::vector<unsigned> declared;  // sample count of each track line
     for (int number = 1; listing.error.empty() && std::getline(file, line); ++number) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream in(line);
-        const std::string where = path + ":" + std::to_string(number);
-        std::string word;
-        size_t count = 0;
+        char kind[8], codec[32], keys[8];
         ExpectedTrack track;
         ExpectedSample sample;
-        int key = 0;
-        if (line.compare(0, 6, "track ") == 0) {
-            in >> word;
-            if (!ParseTrackLine(in, track, count)) listing.error = where + ": bad track line";
-            listing.tracks.push_back(std::move(track));
+        unsigned count = 0, key = 0;
+        if (line.empty() || line[0] == '#') continue;
+        if (std::sscanf(line.c_str(), "track %u %7s %31s timescale %u samples %u keys %7s", &track.id,
+                        kind, codec, &track.timescale, &count, keys) == 6) {
+            const std::string k = kind, source = keys;
+            track.type = k == "video" ? 1 : k == "audio" ? 2 : 0;
+            track.codec = codec;
+            track.keys = source == "stss" ? KeySource::Stss : source == "vop" ? KeySource::PlaneScan : KeySource::None;
+            if (track.type == 0 || (source != "stss" && source != "vop" && source != "none"))
+                listing.error = path + ":" + std::to_string(number) + ": bad track line";
+            listing.tracks.push_back(track);
             declared.push_back(count);
-        } else if (listing.tracks.empty() ||
-                   !(in >> sample.time >> sample.size >> key >> std::hex >> sample.crc)) {
-            listing.error = where + ": bad sample line";
-        } else {
+        } else if (!listing.tracks.empty() && std::sscanf(line.c_str(), "%u %u %u %x", &sample.time,
+                                                          &sample.size, &key, &sample.crc) == 4) {
             sample.key = key != 0;
             listing.tracks.back().samples.push_back(sample);
+        } else {
+            listing.error = path + ":" + std::to_string(number) + ": bad line";
         }
     }
     for (size_t t = 0; listing.error.empty() && t < listing.tracks.size(); ++t) {
         if (listing.tracks[t].samples.size() != declared[t])
-            listing.error = path + ": track " + std::to_string(listing.tracks[t].id) +
-                            " declares " + std::to_string(declared[t]) + " samples";
+            listing.error = path + ": track " + std::to_string(listing.tracks[t].id) + " declares " +
+                            std::to_string(declared[t]) + " samples";
     }
     return listing;
 }
