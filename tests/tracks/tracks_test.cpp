@@ -35,9 +35,9 @@ MiniTrack Synced(MiniTrack track, std::vector<uint32_t> numbers) {
     return track;
 }
 // Video without "stss": key frames come from the planes.
-MiniTrack Scanned(const std::vector<uint8_t> &codingTypes, size_t lead = 0) {
+MiniTrack Scanned(const std::vector<uint8_t> &codingTypes, size_t lead = 0, size_t first = 6) {
     MiniTrack track;
-    for (uint8_t type : codingTypes) track.samples.push_back(Vop(type, lead));
+    for (uint8_t type : codingTypes) track.samples.push_back(Vop(type, lead, track.samples.empty() ? first : 6));
     return track;
 }
 // The image with the `nth` (from 1) occurrence of the name `from` renamed.
@@ -142,6 +142,7 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"scan: two of six intra", {Scanned({0, 1, 0, 1, 1, 1})}, 1, {}},
         {"scan: half intra, mode 3", {Scanned({0, 1, 0, 1})}, 3, {}},
         {"scan: s263 has no plane start code", {s263}, 2, {}},
+        {"scan: a plane start code across the end of the read window", {Scanned({0, 1, 0, 1}, 0, 65523)}, 1, {}},
         {"audio stss only counts", {Synced(Audio(1, 6), {1, 2, 3, 4, 5})}, 1, {}},
     };
     std::string text;
