@@ -104,7 +104,7 @@ void SeekEverywhere(MP4_local_file *file, const ExpectedTrack &track) {
 
 class Fixture : public ::testing::TestWithParam<const char *> {};
 
-TEST_P(Fixture, SamplesSeeksAndKeyFrameStepsMatchTheListing) {
+TEST_P(Fixture, SamplesAndSeeksMatchTheListing) {
     const std::string name = GetParam();
     const Listing listing = LoadListing(FixturePath(name + ".samples"));
     ASSERT_EQ(listing.error, "");
