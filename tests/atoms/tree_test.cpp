@@ -124,8 +124,8 @@ TEST(AtomTree, CatalogueRowsMatchTheGolden) {
         if (found == 1) {
             text += " children@" + std::to_string(schema.ChildOffset) + " record " +
                     std::to_string(schema.RecordSize) + " head " +
-                    std::to_string(RecordHeadLength(schema)) + " alloc-head " +
-                    std::to_string(RecordAllocSize(schema) - RecordHeadLength(schema)) +
+                    std::to_string(RecordHeadLength(schema)) +
+                    (RecordAllocSize(schema) == RecordHeadLength(schema) + sizeof(void *) ? " +pointer" : "") +
                     " table " + std::to_string(schema.HasTable) + " string " +
                     std::to_string(schema.HasString) + " entry " + std::to_string(schema.EntrySize);
         }
