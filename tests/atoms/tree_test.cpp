@@ -79,6 +79,7 @@ TEST(AtomTree, ScansRecordsAndMessagesMatchTheGolden) {
         {"stsz of no samples, stco, stsc, co64", Atom("stbl", {FullAtom("stsz", 0, {U32(0), U32(0)}), FullAtom("stco", 0, {U32(3), U32(1), U32(2), U32(3)}), FullAtom("stsc", 0, {U32(1), U32(1), U32(2), U32(1)}), FullAtom("co64", 0, {U32(1), U32(0), U32(8)})})},
         {"table longer than the file", Atom("stbl", {AtomWithSize(16 + 0x80000000u, "stts", {U32(0), U32(0x10000000), Zeros(8)})})},
         {"table cut by the end of the file", cutStts},
+        {"table cut, as long as the whole file", Atom("stbl", {AtomWithSize(48, "stts", {U32(0), U32(4), Zeros(8)})})},
         {"url strings", FullAtom("dref", 0, {U32(1), FullAtom("url ", 1), FullAtom("url ", 0, {Text("abcdefgh")}), AtomWithSize(10, "url ", {Zeros(2)}), Zeros(6)})},
         {"urn and sdp strings", Cat({FullAtom("dref", 0, {U32(1), FullAtom("urn ", 0, {Text("n"), U8(0), Text("loc")})}), Atom("udta", {Atom("hnti", {Atom("sdp ", {Text("v=0")})})})})},
         {"esds head reads on behind a short atom", Atom("moov", {Atom("mp4a", {Zeros(28), FullAtom("esds", 0, {Zeros(28)})}), kMvhd, kMvhd, kMvhd})},
