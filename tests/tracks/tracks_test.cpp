@@ -114,6 +114,7 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"esds without a layer", {Entry(Video(1, 3), Mp4vEntry(100, 80, esdsWithout))}, 2, {}},
         {"esds with the layer", {Entry(Video(1, 3), Mp4vEntry(100, 80, esdsWithVol))}, 2, {}},
         {"esds of 20 bytes, the layer behind", {Entry(Video(1, 3), Mp4vEntry(100, 80, Cat({AtomWithSize(20, "esds", {Zeros(12)}), vol})))}, 2, {}},
+        {"esds cut inside the layer", {Entry(Video(1, 3), Mp4vEntry(100, 80, Cat({AtomWithSize(22, "esds", {Zeros(4)}), vol})))}, 2, {}},
         {"s263 entry", {Entry(Video(1, 3), S263Entry(128, 96))}, 2, {}},
         {"mp4a and unknown entries in video", {Entry(Video(1, 3), Mp4aEntry()), Entry(Video(2, 3), Atom("avc1", {Zeros(78)}))}, 2, {}},
         {"stts (n-1, d)", {With(four, "stts", Words("stts", {1, 3, 10}))}, 2, {}},
@@ -143,6 +144,7 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"scan: half intra, mode 3", {Scanned({0, 1, 0, 1})}, 3, {}},
         {"scan: s263 has no plane start code", {s263}, 2, {}},
         {"scan: a plane start code across the end of the read window", {Scanned({0, 1, 0, 1}, 0, 65523)}, 1, {}},
+        {"scan: a plane start code behind the read window", {Scanned({0, 1, 0, 1}, 0, 70000)}, 1, {}},
         {"audio stss only counts", {Synced(Audio(1, 6), {1, 2, 3, 4, 5})}, 1, {}},
     };
     std::string text;
