@@ -75,3 +75,35 @@ TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
 }
 
 }  // namespace
+
+namespace {
+
+// Helpers no reading path calls today, kept for the writers: byte swaps,
+// the child scan from a given offset, the check of a leaf given children.
+TEST(FileOpen, HelpersOutsideTheReadingPath) {
+    EXPECT_EQ(SwapBytes32(0x11223344u), 0x44332211u);
+    EXPECT_EQ(SwapBytes16(0x1122), 0x2211);
+    std::string results;
+    for (const Bytes &file : {Atom("moov", {Atom("mvhd", {Zeros(100)}), Atom("trak")}), Atom("moov", {Atom("zzzz")}),
+                              AtomWithSize(200, "moov", {Atom("trak")})}) {
+        TempFile temp(file);
+        FILE *stream = std::fopen(temp.c_str(), "rb");
+        AtomNode parent{};
+        parent.AtomSize = ReadBE32(file.data());
+        CaptureStream out(stdout);
+        results += std::to_string(ReadChildAtoms(stream, &parent, 8)) + " ";
+        results += OneLine(out.Text()) + ListAtoms(parent.FirstChild);
+        ReleaseChildAtoms(&parent);
+        std::fclose(stream);
+    }
+    EXPECT_EQ(results, "1 [mvhd] @8 size 108\n[trak] @116 size 8\n-1 -99 Read data from file error!/[trak] @8 size 8\n");
+    AtomNode child{}, mdat{};
+    CopyAtomName(child.AtomName, "mvhd");
+    CopyAtomName(mdat.AtomName, "mdat");
+    mdat.FirstChild = &child;
+    CaptureStream out(stdout);
+    EXPECT_FALSE(CheckAtom(&mdat));
+    EXPECT_EQ(out.Text(), "\n This Atom[mdat] is not a container atom \n");
+}
+
+}  // namespace
