@@ -110,6 +110,10 @@ MiniTrack Without(MiniTrack track, const char *child) {
     track.replace[child] = {};
     return track;
 }
+MiniTrack Ticks(MiniTrack track, uint32_t delta) {
+    track.delta = delta;
+    return track;
+}
 MiniTrack Emptied(MiniTrack track, size_t sample) {
     track.samples[sample].clear();
     return track;
@@ -146,6 +150,7 @@ TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
         {"steps: every sample a key frame", {KeyedVideo(5, {0, 1, 2, 3, 4})}, {1, 2}, "b b b b b b b"},
         {"sample 0 no key frame: key frames 2, 5 of 8", {keys2_5}, {1, 2, 3},
          "c6 s10 c6 p19 s20 s49 s55 p1000 c0 k c1 b c3 b c6 b c6 s0 c6 p-1 c0 b c7 k c6 k"},
+        {"back from time 1: ticks of 1, key frames 0, 3 of 6", {Ticks(KeyedVideo(6, {0, 3}), 1)}, {1, 2}, "c1 b c2 b c4 b"},
         {"no key frames", {KeyedVideo(6, {})}, {1, 2, 3}, "c4 s0 c4 s35 c4 p1000 c4 p-3 c0 k c3 k c5 k c9 b c2 b c0 b"},
         {"one-sample video", {KeyedVideo(1, {0})}, {1, 2, 3}, "s0 s5 p1000 c3 k c3 b n g0"},
         {"audio seeks as GetSample", {KeyedAudio(12)}, {2},

@@ -143,6 +143,7 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"scan: two of six intra", {Scanned({0, 1, 0, 1, 1, 1})}, 1, {}},
         {"scan: half intra, mode 3", {Scanned({0, 1, 0, 1})}, 3, {}},
         {"scan: s263 has no plane start code", {s263}, 2, {}},
+        {"scan: four of twelve intra grow the table past its need", {Scanned({0, 1, 0, 1, 0, 1, 0, 1, 1, 1, 1, 1})}, 1, {}},
         {"scan: a plane start code across the end of the read window", {Scanned({0, 1, 0, 1}, 0, 65523)}, 1, {}},
         {"scan: a plane start code behind the read window", {Scanned({0, 1, 0, 1}, 0, 70000)}, 1, {}},
         {"audio stss only counts", {Synced(Audio(1, 6), {1, 2, 3, 4, 5})}, 1, {}},
