@@ -74,10 +74,6 @@ TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
     ExpectGolden("open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
 }
 
-}  // namespace
-
-namespace {
-
 // Helpers no reading path calls today, kept for the writers: byte swaps,
 // the child scan from a given offset, the check of a leaf given children.
 TEST(FileOpen, HelpersOutsideTheReadingPath) {
