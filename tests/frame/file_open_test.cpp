@@ -74,11 +74,16 @@ TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
     ExpectGolden("open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
 }
 
-// Helpers no reading path calls today, kept for the writers: byte swaps,
+// Helpers no reading path calls today, kept for the writers: the
+// diagnostics to standard error, byte swaps,
 // the child scan from a given offset, the check of a leaf given children.
 TEST(FileOpen, HelpersOutsideTheReadingPath) {
     EXPECT_EQ(SwapBytes32(0x11223344u), 0x44332211u);
     EXPECT_EQ(SwapBytes16(0x1122), 0x2211);
+    CaptureStream errors(stderr);
+    OutputDebugStringA("to standard error\n");
+    OutputDebugStringA(nullptr);
+    EXPECT_EQ(errors.Text(), "to standard error\n");
     std::string results;
     for (const Bytes &file : {Atom("moov", {Atom("mvhd", {Zeros(100)}), Atom("trak")}), Atom("moov", {Atom("zzzz")}),
                               AtomWithSize(200, "moov", {Atom("trak")})}) {
