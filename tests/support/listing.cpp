@@ -1,53 +1,57 @@
 #include "support/listing.h"
 
+#include <gtest/gtest.h>
+
 #include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
-namespace testing_support {
+#include "tracks/tracks.h"
 
+namespace testing_support {
 namespace {
 
-std::array<uint32_t, 256> MakeCrcTable() {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t n = 0; n < 256; ++n) {
-        uint32_t c = n;
-        for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-        table[n] = c;
-    }
-    return table;
+std::string Format(const char *format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
 }
 
-bool ParseTrackLine(std::istringstream &in, ExpectedTrack &track, size_t &count) {
-    std::string kind, word1, word2, word3;
-    std::string keys;
-    if (!(in >> track.id >> kind >> track.codec >> word1 >> track.timescale >> word2 >> count >>
-          word3 >> keys))
-        return false;
-    if (word1 != "timescale" || word2 != "samples" || word3 != "keys") return false;
-    if (kind == "video") {
-        track.type = 1;
-    } else if (kind == "audio") {
-        track.type = 2;
-    } else {
-        return false;
+std::string ListTrackNode(const TrackNode *node) {
+    if (node == nullptr) return "  no tables\n";
+    std::string out = Format("  tables: %u samples, %u key frames, capacity %u, mode %u\n",
+                             node->SampleCount, node->KeyFrameCount, node->KeyFrameCapacity,
+                             node->TableMode);
+    for (uint32_t i = 0; node->SampleRecords != nullptr && i < node->SampleCount; ++i) {
+        const SampleRecord &r = node->SampleRecords[i];
+        out += Format("  %u: time %u offset %u size %u%s\n", i, r.Time, r.FileOffset, r.Size,
+                      r.IsKeyFrame ? " key" : "");
     }
-    if (keys == "stss") {
-        track.keys = KeySource::Stss;
-    } else if (keys == "none") {
-        track.keys = KeySource::None;
-    } else if (keys == "vop") {
-        track.keys = KeySource::PlaneScan;
-    } else {
-        return false;
-    }
-    return true;
+    // The table keeps a zeroed record behind its key frames.
+    for (uint32_t k = 0; node->KeyFrameRecords != nullptr && k <= node->KeyFrameCount; ++k)
+        out += Format("  key frame %u: sample %u time %u\n", k,
+                      node->KeyFrameRecords[k].SampleIndex, node->KeyFrameRecords[k].Time);
+    return out;
 }
 
 }  // namespace
 
 uint32_t Crc32(const uint8_t *data, size_t size) {
-    static const std::array<uint32_t, 256> table = MakeCrcTable();
+    static const std::array<uint32_t, 256> table = [] {
+        std::array<uint32_t, 256> t{};
+        for (uint32_t n = 0; n < 256; ++n) {
+            uint32_t c = n;
+            for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+            t[n] = c;
+        }
+        return t;
+    }();
     uint32_t crc = 0xFFFFFFFFu;
     for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
     return crc ^ 0xFFFFFFFFu;
@@ -56,50 +60,106 @@ uint32_t Crc32(const uint8_t *data, size_t size) {
 Listing LoadListing(const std::string &path) {
     Listing listing;
     std::ifstream file(path);
-    if (!file) {
-        listing.error = "cannot open " + path;
-        return listing;
-    }
+    if (!file) listing.error = "cannot open " + path;
     std::string line;
-    int number = 0;
-    std::vector<size_t> declared;  // sample count of each track line
-    while (std::getline(file, line)) {
-        ++number;
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream in(line);
-        const std::string where = path + ":" + std::to_string(number);
-        if (line.compare(0, 6, "track ") == 0) {
-            std::string word;
-            in >> word;
-            ExpectedTrack track;
-            size_t count = 0;
-            if (!ParseTrackLine(in, track, count)) {
-                listing.error = where + ": bad track line";
-                return listing;
-            }
-            listing.tracks.push_back(std::move(track));
-            declared.push_back(count);
-            continue;
-        }
+    std::vector<unsigned> declared;  // sample count of each track line
+    for (int number = 1; listing.error.empty() && std::getline(file, line); ++number) {
+        char kind[8], codec[32], keys[8];
+        ExpectedTrack track;
         ExpectedSample sample;
-        int key = 0;
-        if (listing.tracks.empty() ||
-            !(in >> sample.time >> sample.size >> key >> std::hex >> sample.crc)) {
-            listing.error = where + ": bad sample line";
-            return listing;
+        unsigned count = 0, key = 0;
+        if (line.empty() || line[0] == '#') continue;
+        if (std::sscanf(line.c_str(), "track %u %7s %31s timescale %u samples %u keys %7s", &track.id,
+                        kind, codec, &track.timescale, &count, keys) == 6) {
+            const std::string k = kind, source = keys;
+            track.type = k == "video" ? 1 : k == "audio" ? 2 : 0;
+            track.codec = codec;
+            track.keys = source == "stss" ? KeySource::Stss : source == "vop" ? KeySource::PlaneScan : KeySource::None;
+            if (track.type == 0 || (source != "stss" && source != "vop" && source != "none"))
+                listing.error = path + ":" + std::to_string(number) + ": bad track line";
+            listing.tracks.push_back(track);
+            declared.push_back(count);
+        } else if (!listing.tracks.empty() && std::sscanf(line.c_str(), "%u %u %u %x", &sample.time,
+                                                          &sample.size, &key, &sample.crc) == 4) {
+            sample.key = key != 0;
+            listing.tracks.back().samples.push_back(sample);
+        } else {
+            listing.error = path + ":" + std::to_string(number) + ": bad line";
         }
-        sample.key = key != 0;
-        listing.tracks.back().samples.push_back(sample);
     }
-    for (size_t t = 0; t < listing.tracks.size(); ++t) {
-        if (listing.tracks[t].samples.size() != declared[t]) {
-            listing.error = path + ": track " + std::to_string(listing.tracks[t].id) +
-                            " declares " + std::to_string(declared[t]) + " samples and lists " +
-                            std::to_string(listing.tracks[t].samples.size());
-            break;
-        }
+    for (size_t t = 0; listing.error.empty() && t < listing.tracks.size(); ++t) {
+        if (listing.tracks[t].samples.size() != declared[t])
+            listing.error = path + ": track " + std::to_string(listing.tracks[t].id) + " declares " +
+                            std::to_string(declared[t]) + " samples";
     }
     return listing;
+}
+
+void ExpectGolden(const std::string &name, const std::string &text) {
+    const std::string path = std::string(MP4CORE_TEST_DATA_DIR) + "/read/" + name;
+    const char *update = std::getenv("MP4CORE_UPDATE_GOLDEN");
+    if (update != nullptr && std::string(update) == "1") {
+        std::ofstream(path, std::ios::binary) << text;
+        return;
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream golden;
+    golden << file.rdbuf();
+    EXPECT_EQ(golden.str(), text) << "golden " << path
+                                  << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
+}
+
+std::string OneLine(std::string text) {
+    for (char &c : text) c = c == '\n' ? '/' : (c < ' ' || c > '~') ? '.' : c;
+    return text;
+}
+
+std::string HexText(const uint8_t *bytes, size_t count, size_t limit) {
+    std::string out;
+    for (size_t i = 0; i < count && i < limit; ++i) out += Format("%02x", bytes[i]);
+    return count > limit ? out + Format("+%zu", count - limit) : out;
+}
+
+std::string ListAtoms(const AtomNode *first, int depth) {
+    std::string out;
+    for (const AtomNode *node = first; node != nullptr; node = node->NextSibling) {
+        const uint32_t head = NodeHeadLength(node);
+        out += std::string(size_t(depth) * 2, ' ') +
+               Format("[%s] @%u size %u", node->AtomName, node->AtomOffset, node->AtomSize);
+        if (node->realStructure != nullptr) {
+            out += " head " + HexText(node->realStructure, head);
+            const uint8_t *behind = static_cast<const uint8_t *>(GetRecordPointer(node));
+            if (behind != nullptr)
+                out += " | " + HexText(behind, node->AtomSize > head ? node->AtomSize - head : 0);
+        }
+        out += "\n" + ListAtoms(node->FirstChild, depth + 1);
+    }
+    return out;
+}
+
+std::string ListTracks(const MP4_local_file *file) {
+    std::string out;
+    const ReadForm &form = file->read;
+    for (const VideoTrackNode *v = form.VideoFirst; v != nullptr; v = v->NextTrack) {
+        out += Format("video %u%s: %ux%u, %u samples, timescale %u, duration %u, cursor %d/%d\n",
+                      v->TrackId, v == form.VideoCurrent ? " (current)" : "", v->TrackWidth,
+                      v->TrackHeight, v->SampleCount, v->Timescale, v->TrackDuration,
+                      v->SampleCursor, v->KeyFrameCursor);
+        out += ListTrackNode(v->Track);
+    }
+    for (const AudioTrackNode *a = form.AudioFirst; a != nullptr; a = a->NextTrack) {
+        out += Format("audio %u%s: %u samples, timescale %u, duration %u, constant size %u\n",
+                      a->TrackId, a == form.AudioCurrent ? " (current)" : "", a->SampleCount,
+                      a->Timescale, a->TrackDuration, a->ConstantSampleSize);
+        out += ListTrackNode(a->Track);
+    }
+    for (const OtherTrackNode *o = form.OtherFirst; o != nullptr; o = o->NextTrack)
+        out += Format("other %u: type %u%s\n", o->TrackId, o->TrackType,
+                      o->Track != nullptr && o->Track->SampleRecords == nullptr ? ", no records"
+                                                                                 : "");
+    if (form.VideoLast != nullptr) out += Format("last video %u\n", form.VideoLast->TrackId);
+    if (form.AudioLast != nullptr) out += Format("last audio %u\n", form.AudioLast->TrackId);
+    return out;
 }
 
 }  // namespace testing_support

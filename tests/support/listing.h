@@ -1,6 +1,7 @@
-// The expected sample listings of the FFmpeg fixtures (tests/data/*.samples,
-// written by make_fixtures.sh from ffprobe), and the CRC-32 they hash
-// sample bytes with.
+// Listings: the expected samples of the FFmpeg fixtures (tests/data/*.samples,
+// written by make_fixtures.sh from ffprobe) with the CRC-32 they hash sample
+// bytes with, and the text listings of what the reader made of a file,
+// compared as a whole against golden files in tests/data/read/.
 #pragma once
 
 #include <cstddef>
@@ -8,21 +9,21 @@
 #include <string>
 #include <vector>
 
+#include "tracks/tracks.h"
+
 namespace testing_support {
 
 struct ExpectedSample {
     uint32_t time = 0;  // decoding time less the first, in track ticks
     uint32_t size = 0;
-    bool key = false;   // ffprobe's key flag (see KeySource)
+    bool key = false;   // ffprobe's key flag
     uint32_t crc = 0;   // Crc32 of the sample's bytes
 };
 
-// Where a video track's key frames come from.
-enum class KeySource {
-    Stss,     // the file's "stss"
-    None,     // no "stss" (FFmpeg leaves it out when every sample is a key frame)
-    PlaneScan // "stss" removed after encoding; key marks are the I-VOPs
-};
+// Where a video track's key frames come from: the file's "stss"; none
+// (FFmpeg leaves "stss" out when every sample is a key frame); or the
+// I-VOPs, "stss" having been removed after encoding.
+enum class KeySource { Stss, None, PlaneScan };
 
 struct ExpectedTrack {
     uint32_t id = 0;         // "tkhd" track ID
@@ -44,5 +45,23 @@ Listing LoadListing(const std::string &path);
 // The IEEE CRC-32 (reflected 0xEDB88320, initial and final value all ones),
 // the one zlib's crc32 and ffprobe's "CRC32" data hash compute.
 uint32_t Crc32(const uint8_t *data, size_t size);
+
+// Compares `text` with tests/data/read/NAME in one assertion (with a diff);
+// with MP4CORE_UPDATE_GOLDEN=1 in the environment it writes the file instead.
+void ExpectGolden(const std::string &name, const std::string &text);
+
+// The text on one line: newlines as '/', other unprintable bytes as '.'.
+std::string OneLine(std::string text);
+
+// The bytes as hex pairs, at most `limit` of them, then "+N" for the rest.
+std::string HexText(const uint8_t *bytes, size_t count, size_t limit = 48);
+
+// One line per atom, children indented: name, offset, size, the record's
+// head as copied, and the table or string loaded behind it.
+std::string ListAtoms(const AtomNode *first, int depth = 0);
+
+// The track records of a read handle: every video, audio and other track
+// with its cursor and sizes, then its sample and key frame records.
+std::string ListTracks(const MP4_local_file *file);
 
 }  // namespace testing_support

@@ -14,10 +14,6 @@
 
 namespace testing_support {
 
-// File offset of the first sample byte: behind "ftyp" (20 bytes) and the
-// "mdat" head (8 bytes).
-constexpr uint32_t kMiniDataStart = 28;
-
 struct MiniTrack {
     std::string handler = "vide";
     uint32_t trackId = 1;
@@ -31,22 +27,20 @@ struct MiniTrack {
     // Whole atoms that stand for the generated child of that name; an
     // empty value drops the child.
     std::map<std::string, Bytes> replace;
-    std::vector<Bytes> extraStbl;     // further children of "stbl"
 };
 
 Bytes BuildMiniMp4(const std::vector<MiniTrack> &tracks);
 // The same with "moov" in front of "mdat", so that a cut anywhere in the
 // file leaves the index whole or cuts it.
 Bytes BuildMiniMp4MoovFirst(const std::vector<MiniTrack> &tracks);
+// The file offset of sample `index` of the first track in a built file.
+uint32_t MiniSampleOffset(const MiniTrack &track, size_t index);
 
-// The file offset of sample `index` of track `track` in a built file.
-uint32_t MiniSampleOffset(const std::vector<MiniTrack> &tracks, size_t track, size_t index);
-
-// `count` samples of `size` bytes, each filled with its number from 1.
-std::vector<Bytes> NumberedSamples(size_t count, size_t size = 8);
-// A video track whose "stss" names `sync`, and an audio track.
-MiniTrack VideoTrack(uint32_t id, std::vector<Bytes> samples, std::vector<uint32_t> sync = {1});
-MiniTrack AudioTrack(uint32_t id, std::vector<Bytes> samples);
+// `count` samples every 10 ticks whose bytes name their number (low byte,
+// high byte), then 0xA5 and the track ID; a video track has its key frames
+// at the 0-based `keys` (through "stss").
+MiniTrack KeyedVideo(uint32_t count, const std::vector<uint32_t> &keys, uint32_t id = 1);
+MiniTrack KeyedAudio(uint32_t count, uint32_t id = 1);
 
 // Sample entries. `child` is the entry's first child (an "esds" atom).
 Bytes Mp4vEntry(uint16_t width, uint16_t height, const Bytes &child = {});
@@ -58,14 +52,9 @@ Bytes Mp4aEntry();
 // then `payload` bytes.
 Bytes Vop(uint8_t codingType, size_t lead = 0, size_t payload = 6);
 
-// "stts" from (count, delta) pairs, "stsc" from (first chunk, samples per
-// chunk) pairs, "stco", "stss" and "stsz" tables.
-Bytes Stts(const std::vector<std::pair<uint32_t, uint32_t>> &entries);
-Bytes Stsc(const std::vector<std::pair<uint32_t, uint32_t>> &entries);
-Bytes Stco(const std::vector<uint32_t> &offsets);
-Bytes Stss(const std::vector<uint32_t> &numbers);
-Bytes StszTable(const std::vector<uint32_t> &sizes);
-Bytes StszConstant(uint32_t size, uint32_t count);
+// A full atom whose body is big-endian words: the sample tables, e.g.
+// Words("stts", {1, 3, 10}) for one entry of 3 samples of 10 ticks.
+Bytes Words(const char *name, const std::vector<uint32_t> &words);
 
 // A file image written to a temp file and opened with MP4FileOpen, with
 // what the open printed on standard output; closed when the object goes.
@@ -79,18 +68,5 @@ struct OpenedFile {
     int32_t result = 0;
     std::string output;
 };
-
-// A sample as a test compares it.
-struct ReadSample {
-    uint32_t time;
-    uint32_t size;
-    uint8_t key;
-    Bytes data;
-};
-
-// GetNextSample until it gives anything but 1 (at most `limit` samples);
-// `last` receives that result.
-std::vector<ReadSample> ReadAllSamples(MP4_local_file *handle, uint32_t trackId, int32_t type,
-                                       int32_t *last = nullptr, size_t limit = 100000);
 
 }  // namespace testing_support
