@@ -92,7 +92,7 @@ void DumpAtoms(const Bytes &b, size_t at, size_t end, const std::string &indent,
         at += size;
     }
     if (at < end) out += indent + "trailing " + std::to_string(end - at) + "\n";
-    if (at < end) HexLines(b, at, end, indent + "  ", out);
+    HexLines(b, at, end, indent + "  ", out);
 }
 
 // The handle's tracks, their intake counters and every block of a chain.
@@ -101,11 +101,7 @@ std::string State(const MP4_local_file *file) {
     std::string text = Format("  next track id %u, top level:", w.NextTrackId);
     for (const AtomNode *atom = file->RootAtom->FirstAtom; atom != nullptr; atom = atom->NextSibling)
         text += std::string(" ") + atom->AtomName + (atom->realStructure != nullptr ? "" : "(no record)");
-    const struct {
-        const char *name;
-        const TrackNode *track;
-        const IntakeState *intake;
-    } kTracks[] = {{"video", w.VideoTrack, &w.VideoIntake}, {"audio", w.AudioTrack, &w.AudioIntake},
+    const struct { const char *name; const TrackNode *track; const IntakeState *intake; } kTracks[] = {{"video", w.VideoTrack, &w.VideoIntake}, {"audio", w.AudioTrack, &w.AudioIntake},
                    {"od", w.OdTrack, nullptr}, {"scene", w.SceneTrack, nullptr}};
     for (const auto &t : kTracks) {
         if (t.track == nullptr) continue;
@@ -245,7 +241,6 @@ std::string Transcript(const std::string &script) {
         std::string command, word;
         words >> command;
         if (command == "case") {
-            current.reset();  // the last case's handle is flushed first
             current = std::make_unique<Case>();
             out += "\n== " + line.substr(5) + "\n";
             continue;
@@ -280,6 +275,15 @@ TEST_P(Golden, TranscriptMatches) {
         WriteWholeFile(base + ".golden", Bytes(transcript.begin(), transcript.end()));
     const Bytes golden = ReadWholeFile(base + ".golden");
     EXPECT_EQ(transcript, std::string(golden.begin(), golden.end()));
+}
+
+// Unreachable through the API, whose blocks have fixed sizes.
+TEST(AddTrackBlock, RefusesNoSlotsAndNoBlock) {
+    TrackNode head{}, *holder = &head, *none = nullptr;
+    EXPECT_EQ(AddTrackBlock(&holder, 0), -97);
+    EXPECT_EQ(AddTrackBlock(&none, 1), -98);
+    EXPECT_EQ(AddTrackBlock(nullptr, 1), -98);
+    EXPECT_EQ(head.SampleCapacity, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Written, Golden, ::testing::Values("new_file", "headers", "layout", "tables", "intake"),
