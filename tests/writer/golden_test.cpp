@@ -101,8 +101,9 @@ std::string State(const MP4_local_file *file) {
     std::string text = Format("  next track id %u, top level:", w.NextTrackId);
     for (const AtomNode *atom = file->RootAtom->FirstAtom; atom != nullptr; atom = atom->NextSibling)
         text += std::string(" ") + atom->AtomName + (atom->realStructure != nullptr ? "" : "(no record)");
-    const struct { const char *name; const TrackNode *track; const IntakeState *intake; } kTracks[] = {{"video", w.VideoTrack, &w.VideoIntake}, {"audio", w.AudioTrack, &w.AudioIntake},
-                   {"od", w.OdTrack, nullptr}, {"scene", w.SceneTrack, nullptr}};
+    const struct { const char *name; const TrackNode *track; const IntakeState *intake; } kTracks[] = {
+        {"video", w.VideoTrack, &w.VideoIntake}, {"audio", w.AudioTrack, &w.AudioIntake},
+        {"od", w.OdTrack, nullptr}, {"scene", w.SceneTrack, nullptr}};
     for (const auto &t : kTracks) {
         if (t.track == nullptr) continue;
         const TrackNode &k = *t.track;
