@@ -1,48 +1,21 @@
 // ADTS headers from an "esds" atom, and the walk through its descriptors
-// to the decoder configuration under them, over atoms that each vary one
-// thing and every prefix of each: one listing, tests/data/media/adts.txt.
-#include <gtest/gtest.h>
-
+// to the decoder configuration, over atoms that each vary one thing and
+// over every prefix of each: one listing, tests/data/media/adts.txt.
 #include <cstring>
 #include <memory>
 #include <sstream>
 
-#include "media/bit_writer.h"
-#include "media/golden.h"
 #include "media/media.h"
+#include "media/media_support.h"
 #include "mp4core.h"
 
 using namespace testing_support;
+using namespace media_support;
 
 namespace {
 
-// Which descriptor lengths take the form 80 80 80 nn.
-struct Forms {
-    bool es = false, decoder = false, specific = false;
-};
-Bytes Length(size_t value, bool longForm) {
-    return longForm ? Cat({Hex("80 80 80"), U8(uint8_t(value))}) : U8(uint8_t(value));
-}
-
-// ES descriptor, decoder configuration of `objectType` with bit rates
-// 128000/96000, and `config` as its decoder specific info.
-Bytes Esds(const Bytes &config, Forms forms = {}, uint8_t objectType = 0x40) {
-    const Bytes specific = Cat({U8(5), Length(config.size(), forms.specific), config});
-    const Bytes decoder = Cat({U8(4), Length(13 + specific.size(), forms.decoder), U8(objectType), U8(0x15),
-                               Hex("00 18 00"), U32(128000), U32(96000), specific});
-    return FullAtom("esds", 0, {U8(3), Length(6 + decoder.size(), forms.es), U16(1), U8(0), decoder, Hex("06 01 02")});
-}
-Bytes Patch(Bytes bytes, size_t at, const Bytes &with) {
-    std::copy(with.begin(), with.end(), bytes.begin() + at);
-    return bytes;
-}
-
-Bytes AudioConfig(uint32_t objectType, uint32_t frequencyIndex, uint32_t channels) {
-    return BitWriter().Put(objectType, 5).Put(frequencyIndex, 4).Put(channels, 4).Put(0, 3).bytes;
-}
-
-// Channel configuration 0 and a program configuration element; each
-// element a channel pair (true) or not.
+// Channel configuration 0 and a program configuration element whose
+// elements are each a channel pair (true) or not.
 struct Pce {
     std::vector<bool> front, side, back;
     uint32_t lfe;
@@ -50,58 +23,51 @@ struct Pce {
 };
 Bytes PceConfig(const Pce &p) {
     BitWriter w;
-    w.Put(2, 5).Put(4, 4).Put(0, 4).Put(0, 3).Put(0x5, 4).Put(1, 2).Put(4, 4);
-    w.Put(p.front.size(), 4).Put(p.side.size(), 4).Put(p.back.size(), 4).Put(p.lfe, 2).Put(0, 3).Put(0, 4);
-    w.Put(p.mono, 1).Put(p.mono ? 0x9 : 0, p.mono ? 4 : 0);
-    w.Put(p.stereo, 1).Put(p.stereo ? 0x6 : 0, p.stereo ? 4 : 0);
-    w.Put(p.matrix, 1).Put(p.matrix ? 0x5 : 0, p.matrix ? 3 : 0);
-    for (const auto *list : {&p.front, &p.side, &p.back})
-        for (bool pair : *list) w.Put(pair, 1).Put(0xA, 4);
+    w.Put(2, 5).Put(4, 4).Put(0, 7).Put(0x5, 4).Put(1, 2).Put(4, 4);  // ends with tag, object type, frequency
+    w.Put(p.front.size(), 4).Put(p.side.size(), 4).Put(p.back.size(), 4).Put(p.lfe, 2).Put(0, 7);
+    w.Put(p.mono, 1).Put(0x9, p.mono ? 4 : 0).Put(p.stereo, 1).Put(0x6, p.stereo ? 4 : 0).Put(p.matrix, 1).Put(0x5, p.matrix ? 3 : 0);
+    for (const auto *elements : {&p.front, &p.side, &p.back})
+        for (bool pair : *elements) w.Put(pair, 1).Put(0xA, 4);
     return w.Put(0xF, 4 * p.lfe).Put(0, 8).bytes;
 }
+Bytes Patch(Bytes bytes, size_t at, const Bytes &with) {
+    return std::copy(with.begin(), with.end(), bytes.begin() + at), bytes;
+}
 
-// The bytes in a block of exactly their size, so that the sanitizers see
-// a read behind them.
+// The bytes in a block of exactly their size, so that the sanitizers see a read behind them.
 std::unique_ptr<uint8_t[]> Block(const Bytes &bytes, size_t length) {
     std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
     memcpy(block.get(), bytes.data(), length);
     return block;
 }
 
-std::string Header(int32_t result, const uint8_t *header) {
-    return std::to_string(result) + (result == 1 ? HexBytes(header, 7) : "");
-}
-
 void Describe(std::ostream &out, const std::string &name, const Bytes &esds, uint32_t frameSize = 100) {
     uint8_t header[7];
     uint32_t size = 0;
     auto block = Block(esds, esds.size());
-    out << "== " << name << "\n  header " << Header(MakeAdtsHeader(block.get(), esds.size(), frameSize, header, &size), header);
-    out << "; from the size field " << Header(AAC_EsdsToAdtsHead(block.get(), frameSize, header, &size), header);
+    auto text = [&](int32_t result) { return std::to_string(result) + (result == 1 ? HexBytes(header, 7) : ""); };
+    out << "== " << name << "\n  header " << text(MakeAdtsHeader(block.get(), esds.size(), frameSize, header, &size));
+    out << "; by the size field " << text(AAC_EsdsToAdtsHead(block.get(), frameSize, header, &size));
     AacConfig c{};
     out << "\n  config " << ReadAacConfig(block.get(), esds.size(), &c) << ": " << c.ObjectTypeIndication << " "
         << c.MaxBitRate << " " << c.AvgBitRate << " " << c.AudioObjectType << " " << c.FrequencyIndex << " "
         << c.ChannelConfiguration;
     size_t offset = 0, bytes = 0;
-    out << "; specific info " << FindDecoderSpecificInfo(block.get(), esds.size(), &offset, &bytes) << ": " << offset
-        << " " << bytes << "\n  prefixes ";
+    out << "; specific info " << FindDecoderSpecificInfo(block.get(), esds.size(), &offset, &bytes) << ": "
+        << offset << " " << bytes << "\n  prefixes ";
     for (size_t length = 0; length <= esds.size(); ++length) {
         auto cut = Block(esds, length);
-        int digit = (MakeAdtsHeader(cut.get(), length, 10, header, &size) == 1) +
-                    2 * (ReadAacConfig(cut.get(), length, &c) == 1);
-        if (length >= 4) {
-            memcpy(cut.get(), U32(uint32_t(length)).data(), 4);
-            digit += 4 * (AAC_EsdsToAdtsHead(cut.get(), 10, header, &size) == 1);
-        }
-        out << digit;
+        int digit = (MakeAdtsHeader(cut.get(), length, 10, header, &size) == 1) + 2 * (ReadAacConfig(cut.get(), length, &c) == 1);
+        if (length >= 4) memcpy(cut.get(), U32(uint32_t(length)).data(), 4);
+        out << digit + 4 * (length >= 4 && AAC_EsdsToAdtsHead(cut.get(), 10, header, &size) == 1);
     }
     out << "\n";
 }
 
 TEST(AdtsHeader, ListingOfEsdsAtomsAndTheirPrefixes) {
     const Bytes lc = Esds(AudioConfig(2, 4, 2));
-    Bytes unbounded = lc;  // states 4 GiB; the export reads no more than a record's 228 bytes
-    unbounded.resize(228, 0);
+    Bytes big = lc;  // states 4 GiB; the export reads no more than a record's 228 bytes
+    big.resize(228, 0);
     const struct Case {
         const char *name;
         Bytes esds;
@@ -126,25 +92,21 @@ TEST(AdtsHeader, ListingOfEsdsAtomsAndTheirPrefixes) {
         {"PCE: every mixdown", Esds(PceConfig({{true, false}, {true}, {false}, 2, true, true, true})), 100},
         {"PCE: side and back elements", Esds(PceConfig({{}, {true, true}, {false, true, false}, 3, false, false, false})), 100},
         {"PCE of 8 channels", Esds(PceConfig({{true, true, true, true}, {}, {}, 0, false, false, false})), 100},
+        {"PCE behind long lengths", Esds(PceConfig({{true, false, true}, {}, {}, 1, false, false, false}), {1, 1, 1}), 100},
         {"ES length 80 80 05 80 is one byte", Patch(lc, 13, Hex("80 80 05 80")), 100},
         {"ES length 80 05 80 is one byte", Patch(lc, 13, Hex("80 05 80")), 100},
         {"ES length 05 80 80 is one byte", Patch(lc, 13, Hex("05 80 80")), 100},
-        {"size field of 4 GiB", Patch(unbounded, 0, Hex("FF FF FF FF")), 100},
+        {"size field of 4 GiB", Patch(big, 0, Hex("FF FF FF FF")), 100},
     };
     std::ostringstream out;
-    out << "header: result and bytes; config: object type indication, bit rates, audio object type,\n"
-           "frequency index, channels; prefixes: per length 1 header, 2 config, 4 header by size field\n";
     for (const Case &c : cases) Describe(out, c.name, c.esds, c.frameSize);
-    for (int mask = 0; mask < 8; ++mask) {
-        const Forms forms{(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0};
-        Describe(out, "long lengths in ES " + std::to_string(forms.es) + ", decoder " + std::to_string(forms.decoder) +
-                          ", specific " + std::to_string(forms.specific), Esds(AudioConfig(2, 7, 1), forms));
-    }
-    Describe(out, "long lengths, PCE", Esds(PceConfig({{true, false, true}, {}, {}, 1, false, false, false}), {1, 1, 1}));
+    for (int forms = 0; forms < 8; ++forms)
+        Describe(out, "long lengths (ES, decoder, specific): " + std::to_string(forms & 1) + std::to_string(forms >> 1 & 1) +
+                          std::to_string(forms >> 2), Esds(AudioConfig(2, 7, 1), {(forms & 1) != 0, (forms & 2) != 0, forms >= 4}));
     ExpectGolden("media/adts.txt", out.str());
 }
 
-TEST(AdtsHeader, MissingArguments) {
+TEST(AdtsHeader, MissingArgumentsAndTheirMessage) {
     uint8_t header[7] = {};
     uint32_t size = 0;
     CaptureStream out(stdout);
@@ -161,10 +123,8 @@ TEST(BitField, ReadsAtAnyPositionAndRefusesFieldsPastTheEnd) {
         uint32_t count, position;
         int32_t result;
         uint32_t value;
-    } cases[] = {
-        {0, 0, 1, 0},    {1, 0, 1, 1},     {4, 0, 1, 0xA},  {8, 4, 1, 0x50},  {12, 4, 1, 0x50F},     {32, 0, 1, 0xA50FF081},
-        {1, 31, 1, 1},   {0, 32, 1, 0},    {1, 32, -1, 0},  {2, 31, -1, 0},   {33, 0, -1, 0},        {16, 0xFFFFFFF8u, -1, 0},
-    };
+    } cases[] = {{0, 0, 1, 0},  {1, 0, 1, 1},   {4, 0, 1, 0xA},  {8, 4, 1, 0x50},  {12, 4, 1, 0x50F}, {32, 0, 1, 0xA50FF081},
+                 {1, 31, 1, 1}, {0, 32, 1, 0},  {1, 32, -1, 0},  {2, 31, -1, 0},   {33, 0, -1, 0},    {16, 0xFFFFFFF8u, -1, 0}};
     for (const Case &c : cases) {
         uint32_t value = 0xDEAD;
         EXPECT_EQ(GetBitField(buffer.data(), buffer.size(), &value, c.count, c.position), c.result) << c.count << "@" << c.position;
