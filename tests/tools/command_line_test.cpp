@@ -10,36 +10,8 @@ using namespace media_support;
 
 namespace {
 
-std::string Replace(std::string text, const std::string &from, const std::string &to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) text.replace(at, from.size(), to);
-    return text;
-}
-
-// tests/data/tools/command_line.txt is a transcript: each "$ " line is run
-// by the shell in a fresh folder ("mp4core" standing for the tool, {data}
-// for tests/data), followed by its standard output, its standard error and
-// its exit status. The commands come from the file itself: a new case is a
-// new "$ " line and a regeneration.
-TEST(ToolCommandLine, TranscriptOfHelpUsageErrorsAndFailedCalls) {
-    char folder[] = "/tmp/mp4core-tool-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string data = MP4CORE_TEST_DATA_DIR, run = std::string(folder) + "/.";
-    std::istringstream golden(ReadText(FixturePath("tools/command_line.txt")));
-    std::string transcript;
-    auto section = [](const std::string &head, const std::string &text) {  // marked where no line end closes it
-        return text.empty() ? text : head + text + (text.back() == '\n' ? "" : "\n[no line end]\n");
-    };
-    for (std::string line; std::getline(golden, line);) {
-        if (line.rfind("$ ", 0) != 0) continue;
-        std::string command = Replace(line.substr(2), "{data}", data) + " ";
-        if (command.rfind("mp4core ", 0) == 0) command = "'" MP4CORE_TOOL "'" + command.substr(7);
-        const std::string status = RunCommand("cd " + std::string(folder) + " && { " + command + "; } >.out 2>.err </dev/null; echo $?");
-        transcript += line + "\n" + Replace(section("", ReadText(run + "out")) + section("[stderr]\n", ReadText(run + "err")),
-                                             data, "{data}") + "[exit " + status.substr(0, status.size() - 1) + "]\n\n";
-    }
-    RunCommand("rm -rf " + std::string(folder));
-    ExpectGolden("tools/command_line.txt", transcript);
-}
+// tests/data/tools/command_line.txt: the commands and what each printed and returned.
+TEST(ToolCommandLine, TranscriptOfHelpUsageErrorsAndFailedCalls) { ExpectTranscript("tools/command_line.txt"); }
 
 // On a terminal (a pseudo terminal from script(1)) the progress line is
 // drawn from 0%, ends on the last step, and is blanked at the end with the
