@@ -42,8 +42,8 @@ inline std::string Replace(std::string text, const std::string &from, const std:
 // A transcript under tests/data: each "$ " line is run by the shell in a
 // fresh folder ("mp4core" standing for the tool, {data} for tests/data) and
 // followed by its standard output, standard error and exit status; "#"
-// lines outside those are notes. The commands come from the file itself, so a new case is
-// a new "$ " line and a regeneration.
+// lines outside those are notes. The commands come from the file itself:
+// a new case is a new "$ " line and a regeneration.
 inline void ExpectTranscript(const std::string &name) {
     using testing_support::RunCommand;
     char folder[] = "/tmp/mp4core-transcript-XXXXXX";
@@ -60,8 +60,7 @@ inline void ExpectTranscript(const std::string &name) {
         if (!output && line.rfind("#", 0) == 0) transcript += line + "\n";
         if (line.rfind("$ ", 0) != 0) continue;
         output = true;
-        std::string command = Replace(line.substr(2), "{data}", data) + " ";
-        if (command.rfind("mp4core ", 0) == 0) command = "'" MP4CORE_TOOL "'" + command.substr(7);
+        const std::string command = Replace(Replace(line.substr(2) + " ", "mp4core ", "'" MP4CORE_TOOL "' "), "{data}", data);
         const std::string status = RunCommand("cd " + std::string(folder) + " && { " + command + "; } >.out 2>.err </dev/null; echo $?");
         transcript += line + "\n" + Replace(section("", ReadText(run + "out")) + section("[stderr]\n", ReadText(run + "err")),
                                              data, "{data}") + "[exit " + status.substr(0, status.size() - 1) + "]\n\n";
