@@ -1,8 +1,6 @@
 // ADTS headers from an "esds" atom, and the walk through its descriptors
 // to the decoder configuration, over atoms that each vary one thing and
 // over every prefix of each: one listing, tests/data/media/adts.txt.
-#include <cstring>
-#include <memory>
 #include <sstream>
 
 #include "media/media.h"
@@ -32,13 +30,6 @@ Bytes PceConfig(const Pce &p) {
 }
 Bytes Patch(Bytes bytes, size_t at, const Bytes &with) {
     return std::copy(with.begin(), with.end(), bytes.begin() + at), bytes;
-}
-
-// The bytes in a block of exactly their size, so that the sanitizers see a read behind them.
-std::unique_ptr<uint8_t[]> Block(const Bytes &bytes, size_t length) {
-    std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
-    memcpy(block.get(), bytes.data(), length);
-    return block;
 }
 
 void Describe(std::ostream &out, const std::string &name, const Bytes &esds, uint32_t frameSize = 100) {
@@ -84,7 +75,7 @@ TEST(AdtsHeader, ListingOfEsdsAtomsAndTheirPrefixes) {
         {"object type 5: profile spills into the CRC bit", Esds(AudioConfig(5, 4, 2)), 100},
         {"escape object type", Esds(AudioConfig(31, 4, 2)), 100},
         {"channel configuration 8 sets the private bit", Esds(AudioConfig(2, 4, 8)), 100},
-        {"MPEG-2 audio object type indication", Esds(AudioConfig(2, 4, 2), {}, 0x67), 100},
+        {"MPEG-2 audio object type indication", Esds(AudioConfig(2, 4, 2), kShortForms, 0x67), 100},
         {"PCE: one front pair and an LFE", Esds(PceConfig({{true}, {}, {}, 1, false, false, false})), 100},
         {"PCE: mono mixdown", Esds(PceConfig({{true, false}, {}, {}, 0, true, false, false})), 100},
         {"PCE: stereo mixdown", Esds(PceConfig({{true}, {false}, {}, 0, false, true, false})), 100},
@@ -92,7 +83,7 @@ TEST(AdtsHeader, ListingOfEsdsAtomsAndTheirPrefixes) {
         {"PCE: every mixdown", Esds(PceConfig({{true, false}, {true}, {false}, 2, true, true, true})), 100},
         {"PCE: side and back elements", Esds(PceConfig({{}, {true, true}, {false, true, false}, 3, false, false, false})), 100},
         {"PCE of 8 channels", Esds(PceConfig({{true, true, true, true}, {}, {}, 0, false, false, false})), 100},
-        {"PCE behind long lengths", Esds(PceConfig({{true, false, true}, {}, {}, 1, false, false, false}), {1, 1, 1}), 100},
+        {"PCE behind long lengths", Esds(PceConfig({{true, false, true}, {}, {}, 1, false, false, false}), kLongEs | kLongDecoder | kLongSpecific), 100},
         {"ES length 80 80 05 80 is one byte", Patch(lc, 13, Hex("80 80 05 80")), 100},
         {"ES length 80 05 80 is one byte", Patch(lc, 13, Hex("80 05 80")), 100},
         {"ES length 05 80 80 is one byte", Patch(lc, 13, Hex("05 80 80")), 100},
@@ -100,9 +91,8 @@ TEST(AdtsHeader, ListingOfEsdsAtomsAndTheirPrefixes) {
     };
     std::ostringstream out;
     for (const Case &c : cases) Describe(out, c.name, c.esds, c.frameSize);
-    for (int forms = 0; forms < 8; ++forms)
-        Describe(out, "long lengths (ES, decoder, specific): " + std::to_string(forms & 1) + std::to_string(forms >> 1 & 1) +
-                          std::to_string(forms >> 2), Esds(AudioConfig(2, 7, 1), {(forms & 1) != 0, (forms & 2) != 0, forms >= 4}));
+    for (int forms = kShortForms; forms <= (kLongEs | kLongDecoder | kLongSpecific); ++forms)
+        Describe(out, "long lengths, 1 ES, 2 decoder, 4 specific: " + std::to_string(forms), Esds(AudioConfig(2, 7, 1), forms));
     ExpectGolden("media/adts.txt", out.str());
 }
 

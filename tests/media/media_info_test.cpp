@@ -50,7 +50,6 @@ TEST(MediaInfo, LookupsByTrackIdAndKind) {
     third->Track = tables;
     EXPECT_EQ(RetMp4MediaInfo(opened.handle, 1, 1, nullptr), -99);
     EXPECT_EQ(RetMp4MediaInfo(nullptr, 1, 1, &info), -99);
-    // Files without a track of the kind asked for.
     OpenedFile video(ReadWholeFile(FixturePath("media/s263.mp4"))), audio(ReadWholeFile(FixturePath("media/samr.mp4")));
     EXPECT_EQ(RetMp4MediaInfo(video.handle, 1, 2, &info), -95);
     EXPECT_EQ(RetMp4MediaInfo(audio.handle, 1, 1, &info), -98);

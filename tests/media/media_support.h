@@ -8,7 +8,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -90,23 +92,28 @@ struct BitWriter {
     }
 };
 
-// Which descriptor lengths of an "esds" take the form 80 80 80 nn.
-struct Forms {
-    bool es = false, decoder = false, specific = false;
-};
+// Descriptor lengths of an "esds" in the form 80 80 80 nn, by bit.
+enum LongForms { kShortForms = 0, kLongEs = 1, kLongDecoder = 2, kLongSpecific = 4 };
 
 // An "esds" atom: ES descriptor, decoder configuration of `objectType` with
 // bit rates 128000/96000, and `config` as its decoder specific info (none
 // when empty, as FFmpeg writes MPEG-1/2 audio).
-inline Bytes Esds(const Bytes &config, Forms forms = {}, uint8_t objectType = 0x40) {
+inline Bytes Esds(const Bytes &config, int forms = kShortForms, uint8_t objectType = 0x40) {
     using namespace testing_support;
     auto length = [](size_t value, bool longForm) {
         return longForm ? Cat({Hex("80 80 80"), U8(uint8_t(value))}) : U8(uint8_t(value));
     };
-    const Bytes specific = config.empty() ? Bytes{} : Cat({U8(5), length(config.size(), forms.specific), config});
-    const Bytes decoder = Cat({U8(4), length(13 + specific.size(), forms.decoder), U8(objectType), U8(0x15),
+    const Bytes specific = config.empty() ? Bytes{} : Cat({U8(5), length(config.size(), forms & kLongSpecific), config});
+    const Bytes decoder = Cat({U8(4), length(13 + specific.size(), forms & kLongDecoder), U8(objectType), U8(0x15),
                                Hex("00 18 00"), U32(128000), U32(96000), specific});
-    return FullAtom("esds", 0, {U8(3), length(6 + decoder.size(), forms.es), U16(1), U8(0), decoder, Hex("06 01 02")});
+    return FullAtom("esds", 0, {U8(3), length(6 + decoder.size(), forms & kLongEs), U16(1), U8(0), decoder, Hex("06 01 02")});
+}
+
+// The bytes in a block of exactly their size, so that the sanitizers see a read behind them.
+inline std::unique_ptr<uint8_t[]> Block(const Bytes &bytes, size_t length) {
+    std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
+    memcpy(block.get(), bytes.data(), length);
+    return block;
 }
 
 inline Bytes AudioConfig(uint32_t objectType, uint32_t frequencyIndex, uint32_t channels) {

@@ -1,7 +1,5 @@
 // The video object layer parser and the header size of raw MPEG-4 video
 // files.
-#include <cstring>
-#include <memory>
 #include <sstream>
 
 #include "media/media.h"
@@ -69,9 +67,7 @@ void Describe(std::ostream &out, const std::string &name, const Bytes &bytes) {
     out << "; file " << int32_t(GetM4vHeaderSize(file.c_str(), &width, &height)) << ": " << text(width, 0xAAAA) << "x"
         << text(height, 0xAAAA) << "\n  prefixes ";
     for (size_t length = 0; length < bytes.size() && length < 200; ++length) {
-        std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
-        memcpy(block.get(), bytes.data(), length);
-        const int32_t result = ParseVolHeader(block.get(), length, &width, &height, &size);
+        const int32_t result = ParseVolHeader(Block(bytes, length).get(), length, &width, &height, &size);
         out << (result == 1 ? '+' : char('0' - result));
     }
     out << "\n";
