@@ -1,18 +1,22 @@
 // Shared by the media, descriptor and tool tests: expected outputs kept as
 // text files under tests/data and compared in one assertion, which shows
 // the diff (MP4CORE_UPDATE_GOLDEN=1 rewrites the file instead: read the
-// diff before committing it); bit strings; "esds" atoms.
+// diff before committing it); transcripts of commands; inputs in blocks of
+// their exact size.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/test_support.h"
 
@@ -71,6 +75,15 @@ inline void ExpectTranscript(const std::string &name) {
     ExpectGolden(name, transcript);
 }
 
+// The files of a folder under tests/data, by name.
+inline std::vector<std::string> DataFiles(const std::string &folder) {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(testing_support::FixturePath(folder)))
+        names.push_back(folder + "/" + entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 // " 0A 1B ...": each byte in hex after a space.
 inline std::string HexBytes(const uint8_t *bytes, size_t size) {
     std::string text;
@@ -79,45 +92,11 @@ inline std::string HexBytes(const uint8_t *bytes, size_t size) {
     return text;
 }
 
-// Bits most significant first; `count` may pass 64, the bits above the value being zeros.
-struct BitWriter {
-    Bytes bytes;
-    size_t bits = 0;
-    BitWriter &Put(uint64_t value, uint32_t count) {
-        for (uint32_t i = count; i-- > 0; ++bits) {
-            if (bits % 8 == 0) bytes.push_back(0);
-            if (i < 64 && ((value >> i) & 1)) bytes.back() |= uint8_t(0x80 >> (bits % 8));
-        }
-        return *this;
-    }
-};
-
-// Descriptor lengths of an "esds" in the form 80 80 80 nn, by bit.
-enum LongForms { kShortForms = 0, kLongEs = 1, kLongDecoder = 2, kLongSpecific = 4 };
-
-// An "esds" atom: ES descriptor, decoder configuration of `objectType` with
-// bit rates 128000/96000, and `config` as its decoder specific info (none
-// when empty, as FFmpeg writes MPEG-1/2 audio).
-inline Bytes Esds(const Bytes &config, int forms = kShortForms, uint8_t objectType = 0x40) {
-    using namespace testing_support;
-    auto length = [](size_t value, bool longForm) {
-        return longForm ? Cat({Hex("80 80 80"), U8(uint8_t(value))}) : U8(uint8_t(value));
-    };
-    const Bytes specific = config.empty() ? Bytes{} : Cat({U8(5), length(config.size(), forms & kLongSpecific), config});
-    const Bytes decoder = Cat({U8(4), length(13 + specific.size(), forms & kLongDecoder), U8(objectType), U8(0x15),
-                               Hex("00 18 00"), U32(128000), U32(96000), specific});
-    return FullAtom("esds", 0, {U8(3), length(6 + decoder.size(), forms & kLongEs), U16(1), U8(0), decoder, Hex("06 01 02")});
-}
-
 // The bytes in a block of exactly their size, so that the sanitizers see a read behind them.
 inline std::unique_ptr<uint8_t[]> Block(const Bytes &bytes, size_t length) {
     std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
     memcpy(block.get(), bytes.data(), length);
     return block;
-}
-
-inline Bytes AudioConfig(uint32_t objectType, uint32_t frequencyIndex, uint32_t channels) {
-    return BitWriter().Put(objectType, 5).Put(frequencyIndex, 4).Put(channels, 4).Put(0, 3).bytes;
 }
 
 }  // namespace media_support
