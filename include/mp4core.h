@@ -248,8 +248,9 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  *       the sample).
  *  -87  video: the sample's size is 0 (the cursor stays on the sample).
  *  -86, -85, -84, -83  audio: as -90, -89, -88, -87.
- *  -82  the file holds fewer bytes than the sample needs; the cursor
- *       moves on past it. */
+ *  -82  the file holds fewer bytes than the sample needs (a file that
+ *       has grown since the open is measured again, so bytes appended
+ *       by another process are read); the cursor moves on past it. */
 MP4CORE_API int32_t GetNextSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                   MP4Sample **sample);
 MP4CORE_API int32_t GetSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
