@@ -248,8 +248,9 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  *       the sample).
  *  -87  video: the sample's size is 0 (the cursor stays on the sample).
  *  -86, -85, -84, -83  audio: as -90, -89, -88, -87.
- *  -82  the file holds fewer bytes than the sample needs; the cursor
- *       moves on past it. */
+ *  -82  the file holds fewer bytes than the sample needs (a file that
+ *       has grown since the open is measured again, so bytes appended
+ *       by another process are read); the cursor moves on past it. */
 MP4CORE_API int32_t GetNextSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                   MP4Sample **sample);
 MP4CORE_API int32_t GetSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
@@ -361,7 +362,9 @@ MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_
  *                     config: read from the config's video object layer.
  *   timeResolution    video: time increment resolution, written into the
  *                     header the library builds when there is no config.
- *   timescale         ticks per second of the track's times; not 0.
+ *   timescale         ticks per second of the track's times; not 0 for
+ *                     video and audio (an object descriptor or scene track
+ *                     takes 0 and writes it as it is).
  *   profileLevel      video: profile and level indication.
  *   audioProfile      audio: audio object type less 1; with audioChannels
  *   audioChannels     and audioSampleRate it makes the decoder
@@ -376,11 +379,12 @@ MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_
  *                     the output's.
  *   compositionTimes  video: non-zero writes composition offsets ("ctts").
  * Results: 1 done; -99 for every failure, with a diagnostic on standard
- * error ("unsupport track type" on standard output): file null, a bad
- * trackType, a second track of a type, a media track after an object
- * descriptor or scene track, timescale 0, config too long or missing, no
- * temp file name or one already in use, video above 8191 wide or high
- * without config, the temp file can't be created, no memory. Refusals use
+ * error ("unsupport track type" on standard output): a bad trackType
+ * (checked first, so also with a null file), file null, a second track of a
+ * type, a media track after an object descriptor or scene track, timescale
+ * 0 for video or audio, config too long or missing, no temp file name or
+ * one already in use, video above 8191 wide or high without config, the
+ * temp file can't be created, no memory. Refusals use
  * no ID; a failure after the ID was given (no memory, temp file) uses it
  * up and leaves the slot empty.
  * Threads: the handle's thread. */

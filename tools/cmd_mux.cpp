@@ -2,13 +2,14 @@
 // MP4 file through the public write API alone.
 //
 // Video: the configuration is every byte before the first plane (VOP start
-// code 00 00 01 B6); each frame runs from a plane, or from the headers in
-// front of it, to the next one; a plane coded as I is a key frame. Time
-// stamps step by the stream's fixed VOP increment in ticks of its time
-// increment resolution, or by --fps.
+// code 00 00 01 B6) but user data; each frame runs from a plane, or from
+// the headers in front of it, to the next one; a plane coded as I is a key
+// frame. Time stamps step by the stream's fixed VOP increment in ticks of
+// its time increment resolution, or by --fps.
 // Audio: each ADTS frame gives one raw AAC frame, its header (and CRC)
 // stripped; the first header gives the configuration; time stamps step by
 // 1024 samples in ticks of the sampling rate.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 constexpr uint8_t kVopCode = 0xB6;
+constexpr uint8_t kUserDataCode = 0xB2;
+constexpr size_t kMaxConfigBytes = 52;  // what CreateTrack takes
 constexpr uint32_t kDefaultFps = 25;
 constexpr uint32_t kAacFrameSamples = 1024;
 constexpr uint32_t kAdtsHeader = 7;
@@ -121,8 +124,9 @@ bool ParseVolTiming(const Bytes &s, size_t start, VideoTiming *timing) {
     return !r.overrun && timing->resolution != 0;
 }
 
-// Splits the stream into the configuration and frames.
-bool SplitVideo(const Bytes &s, size_t *configSize, std::vector<Frame> *frames,
+// Finds the first plane, in front of which the configuration lies, and
+// splits the stream into frames.
+bool SplitVideo(const Bytes &s, size_t *firstVopAt, std::vector<Frame> *frames,
                 VideoTiming *timing, uint8_t *profile) {
     size_t firstVop = s.size();
     for (size_t at = NextStartCode(s, 0); at < s.size(); at = NextStartCode(s, at + 3)) {
@@ -135,7 +139,7 @@ bool SplitVideo(const Bytes &s, size_t *configSize, std::vector<Frame> *frames,
         }
     }
     if (firstVop == s.size() || timing->resolution == 0) return false;
-    *configSize = firstVop;
+    *firstVopAt = firstVop;
 
     // A frame begins at its plane, or at the first header in front of it
     // after the previous plane.
@@ -160,6 +164,22 @@ bool SplitVideo(const Bytes &s, size_t *configSize, std::vector<Frame> *frames,
     }
     if (haveVop) frames->push_back({frameStart, s.size() - frameStart, key});
     return true;
+}
+
+// The configuration handed to CreateTrack: the bytes in front of the first
+// plane without their user data (00 00 01 B2 up to the next start code).
+// Encoders name themselves there (FFmpeg writes "Lavc..."), which takes a
+// header past the 52 bytes that CreateTrack keeps; no decoder needs it.
+Bytes VideoConfig(const Bytes &s, size_t firstVop) {
+    size_t at = std::min(NextStartCode(s, 0), firstVop);
+    Bytes config(s.begin(), s.begin() + at);
+    while (at < firstVop) {
+        const size_t next = std::min(NextStartCode(s, at + 3), firstVop);
+        if (s[at + 3] != kUserDataCode)
+            config.insert(config.end(), s.begin() + at, s.begin() + next);
+        at = next;
+    }
+    return config;
 }
 
 struct AdtsFrame {
@@ -243,8 +263,8 @@ struct TempNames {
 // The write run on a new handle; false once a call was refused. The
 // handle stays open either way, for the flush to release.
 bool WriteTracks(MP4_local_file *file, const Options &o, const TempNames &temp, const Bytes &video,
-                 size_t configSize,
-                 const std::vector<Frame> &videoFrames, const VideoTiming &timing, uint8_t profile,
+                 const Bytes &config, const std::vector<Frame> &videoFrames,
+                 const VideoTiming &timing, uint8_t profile,
                  const Bytes &audio, const std::vector<AdtsFrame> &audioFrames,
                  const uint8_t adts[kAdtsHeader], Progress *progress) {
     int32_t result = 1;
@@ -257,8 +277,8 @@ bool WriteTracks(MP4_local_file *file, const Options &o, const TempNames &temp, 
         uint32_t width = 0, height = 0;
         if (GetM4vHeaderSize(o.video, &width, &height) == 0xFFFFFFFFu) width = height = 0;
         result = CreateTrack(file, MP4_TRACK_VIDEO, width, height, uint16_t(timing.resolution),
-                             timescale, profile, 0, 0, 0, uint32_t(configSize), video.data(),
-                             temp.video.c_str(), 0);
+                             timescale, profile, 0, 0, 0, uint32_t(config.size()),
+                             config.empty() ? nullptr : config.data(), temp.video.c_str(), 0);
         if (result != 1) return Refused(progress, "CreateTrack", result, "video track");
         for (size_t i = 0; i < videoFrames.size(); ++i) {
             UpdateProgress(progress, i);
@@ -326,17 +346,25 @@ int RunMux(const Arguments &arguments) {
     if (o.video != nullptr && !ReadFile(o.video, &video)) return Fail("can't read the video stream");
     if (o.audio != nullptr && !ReadFile(o.audio, &audio)) return Fail("can't read the audio stream");
 
-    size_t configSize = 0;
+    size_t firstVop = 0;
     std::vector<Frame> videoFrames;
     VideoTiming timing;
     uint8_t profile = 0x01;
-    if (o.video != nullptr && !SplitVideo(video, &configSize, &videoFrames, &timing, &profile))
+    if (o.video != nullptr && !SplitVideo(video, &firstVop, &videoFrames, &timing, &profile))
         return Fail("no MPEG-4 video object layer and plane in the video stream");
     std::vector<AdtsFrame> audioFrames;
     uint8_t adts[kAdtsHeader] = {};
     if (o.audio != nullptr && !SplitAudio(audio, &audioFrames, adts))
         return Fail("the audio stream is no ADTS stream");
-    if (configSize > 52) return Fail("the video headers are longer than 52 bytes");
+    const Bytes config = o.video != nullptr ? VideoConfig(video, firstVop) : Bytes();
+    if (config.size() > kMaxConfigBytes) {
+        char why[160];
+        std::snprintf(why, sizeof why,
+                      "the video headers in front of the first plane take %zu bytes without user "
+                      "data, and CreateTrack takes at most %zu",
+                      config.size(), kMaxConfigBytes);
+        return Fail(why);
+    }
 
     MP4_local_file *file = nullptr;
     const int32_t created = MP4FileNew(&file, o.output);
@@ -345,7 +373,7 @@ int RunMux(const Arguments &arguments) {
     const size_t frames = videoFrames.size() + audioFrames.size();
     Progress progress = StartProgress(kMuxCommand.name, "frames", frames);
     const TempNames temp{std::string(o.output) + ".video.tmp", std::string(o.output) + ".audio.tmp"};
-    const bool ok = WriteTracks(file, o, temp, video, configSize, videoFrames, timing, profile, audio,
+    const bool ok = WriteTracks(file, o, temp, video, config, videoFrames, timing, profile, audio,
                                 audioFrames, adts, &progress);
     if (ok) NoteProgress(&progress, frames, "writing the file");
     // The flush is also what releases the handle, so it runs after a

@@ -25,9 +25,12 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     if (record.Size == 0) return codes.ZeroSize;
 
     // A sample that the file can't hold whole would only come back short:
-    // it is passed over without allocating its size.
+    // it is passed over without allocating its size. A sample past the size
+    // measured at the open asks the file again, since another process may
+    // still be appending to it.
     Root_atom *root = file->RootAtom;
-    if (uint64_t(record.FileOffset) + record.Size > root->FileSize) {
+    const uint64_t end = uint64_t(record.FileOffset) + record.Size;
+    if (end > root->FileSize && end > FileSizeNow(root->FileStream)) {
         SetCursor(track, cursor + 1);
         return codes.ShortRead;
     }

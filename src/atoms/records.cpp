@@ -1,8 +1,6 @@
 // Payload records: the head of each atom copied from the file as it
 // stands (big-endian), the tables and strings behind some heads, and
 // their release.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,20 +36,13 @@ const VariablePartRow *FindVariablePart(const AtomNode *node) {
     return nullptr;
 }
 
-// Size of the file behind the stream, or 0 if it can't be told.
-uint64_t StreamSize(FILE *stream) {
-    struct stat status;
-    if (fstat(fileno(stream), &status) != 0 || status.st_size < 0) return 0;
-    return uint64_t(status.st_size);
-}
-
 // Loads `length` bytes from behind the head of `node` into a new zeroed
 // block. The amount read is not checked: a file cut inside the block
 // leaves a zeroed tail. A block longer than the whole file can't be the
 // tail of a truncated atom, only a hostile size, and gets no memory.
 uint8_t *LoadBehindHead(const AtomSchema *schema, uint64_t length, const AtomNode *node,
                         FILE *stream) {
-    if (length > StreamSize(stream)) return nullptr;
+    if (length > FileSizeNow(stream)) return nullptr;
     uint8_t *block = static_cast<uint8_t *>(ZeroAlloc(size_t(length)));
     if (block == nullptr) return nullptr;
     const uint64_t start = uint64_t(node->AtomOffset) + RecordHeadLength(*schema);
@@ -93,7 +84,7 @@ void *LoadTable(const AtomSchema *schema, uint32_t count, AtomNode *node, FILE *
     // A table longer than the whole file is refused the same way.
     const uint64_t tableBytes = uint64_t(schema->EntrySize) * count;
     if (tableBytes + RecordHeadLength(*schema) != node->AtomSize ||
-        tableBytes > StreamSize(stream)) {
+        tableBytes > FileSizeNow(stream)) {
         char name[5];
         CopyAtomName(name, node->AtomName);
         std::printf("error to read atom[%s] data from file\n", name);

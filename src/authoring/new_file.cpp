@@ -43,6 +43,12 @@ auto TrackSlot(Form &form, uint32_t trackType) -> decltype(&form.VideoTrack) {
     }
 }
 
+// The types that CreateTrack makes are those with a slot in the handle.
+bool IsCreatable(uint32_t trackType) {
+    WriteForm none{};
+    return TrackSlot(none, trackType) != nullptr;
+}
+
 // The checks that the library adds in front of the track's creation. They
 // come before an ID is given, so a refused call uses none up. Gives the
 // message of the refusal, or null.
@@ -56,8 +62,10 @@ const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t w
     if (media && (form.OdTrack != nullptr || form.SceneTrack != nullptr))
         return "Media tracks must be created before the object descriptor and scene tracks in "
                "CreateTrack(...) \n";
-    if (timescale == 0) return "The timescale of a track must not be 0 in CreateTrack(...) \n";
     if (!media) return nullptr;
+    // Frames divide their time stamps by the timescale; the one generated
+    // sample of an object descriptor or scene track does not.
+    if (timescale == 0) return "The timescale of a track must not be 0 in CreateTrack(...) \n";
     if (configSize > kMaxConfigBytes || (config == nullptr && configSize != 0))
         return "The decoder configuration is too long or missing in CreateTrack(...) \n";
     if (tempFileName == nullptr) return "No temp file name in CreateTrack(...) \n";
@@ -202,12 +210,13 @@ int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, ui
                     uint32_t audioProfile, uint32_t audioChannels, uint32_t audioSampleRate,
                     uint32_t configSize, const uint8_t *config, const char *tempFileName,
                     uint8_t compositionTimes) {
-    if (file == nullptr) {
-        OutputDebugStringA("the input parameter for MP4_local_file is empty\n");
+    // The type comes first: a bad one is reported whatever the handle.
+    if (!IsCreatable(trackType)) {
+        std::printf("unsupport track type\n");
         return kFailed;
     }
-    if (TrackSlot(file->write, trackType) == nullptr) {
-        std::printf("unsupport track type\n");
+    if (file == nullptr) {
+        OutputDebugStringA("the input parameter for MP4_local_file is empty\n");
         return kFailed;
     }
     if (const char *refusal = RefusalOf(file, trackType, width, height, timescale, configSize,

@@ -82,6 +82,9 @@ bool AtomNameEquals(const char *a, const char *b);
 bool CopyAtomName(char *destination, const char *source);
 void *ZeroAlloc(size_t size);
 void FreeIfSet(void *pointer);
+// The size of an open stream's file as it is now (fstat): it may have grown
+// since it was first measured. 0 if it can't be told.
+uint64_t FileSizeNow(FILE *stream);
 
 // Big-endian fields of a record, read and written at byte offsets so that
 // no access is unaligned.

@@ -1,4 +1,7 @@
-// Big-endian fields, four-character names and zeroed memory.
+// Big-endian fields, four-character names, zeroed memory and the size of
+// an open file.
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -30,4 +33,10 @@ void FreeIfSet(void *pointer) {
 
 extern "C" void OutputDebugStringA(const char *text) {
     if (text != nullptr) std::fputs(text, stderr);
+}
+
+uint64_t FileSizeNow(FILE *stream) {
+    struct stat status;
+    if (stream == nullptr || fstat(fileno(stream), &status) != 0 || status.st_size < 0) return 0;
+    return uint64_t(status.st_size);
 }

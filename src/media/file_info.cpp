@@ -88,21 +88,33 @@ int32_t GetVideoEsds(MP4_local_file *file, uint8_t *buffer, size_t bufferBytes, 
     return 1;
 }
 
-// Bit rates and profile of a video "esds" atom of `length` bytes. The
-// profile is the byte behind a visual object sequence start code when the
-// decoder specific info opens with one.
+// A byte of the zeroed buffer of GetVideoEsds; one at or past its end
+// reads 0, as the bytes behind what was copied do.
+uint8_t EsdsByte(const uint8_t *esds, size_t length, size_t at) {
+    return at < length ? esds[at] : 0;
+}
+
+// Bit rates and profile of a video "esds" atom, read from the zeroed buffer
+// of `length` bytes that GetVideoEsds filled, each field at its position
+// whatever the atom's own size says. The profile is the byte behind a
+// visual object sequence start code when the decoder specific info opens
+// with one.
 int32_t ReadEsdsBitRates(const uint8_t *esds, size_t length, uint32_t *maxBitRate,
                          uint32_t *avgBitRate, uint32_t *profile) {
-    if (length <= field::kEsdsDescriptors || esds[field::kEsdsDescriptors] != 3) return -1;
+    if (EsdsByte(esds, length, field::kEsdsDescriptors) != 3) return -1;
     size_t p = field::kEsdsDescriptors + 1;
-    while (p < length && esds[p] == 0x80) ++p;
-    if (p + 4 >= length || esds[p + 4] != 4) return -1;
+    while (EsdsByte(esds, length, p) == 0x80) ++p;
+    if (EsdsByte(esds, length, p + 4) != 4) return -1;
     size_t q = p + 5;
-    while (q < length && esds[q] == 0x80) ++q;
-    if (q + 23 >= length) return -1;
-    *maxBitRate = GetBE32(esds, q + 6);
-    *avgBitRate = GetBE32(esds, q + 10);
-    *profile = esds[q + 23];
+    while (EsdsByte(esds, length, q) == 0x80) ++q;
+    const auto be32 = [&](size_t at) {
+        uint32_t value = 0;
+        for (size_t i = 0; i < 4; ++i) value = (value << 8) | EsdsByte(esds, length, at + i);
+        return value;
+    };
+    *maxBitRate = be32(q + 6);
+    *avgBitRate = be32(q + 10);
+    *profile = EsdsByte(esds, length, q + 23);
     return 1;
 }
 
@@ -155,8 +167,7 @@ void DescribeVideo(MP4_local_file *file, FileInfo *info) {
     uint8_t esds[kVideoEsdsBytes] = {};
     uint32_t esdsSize = 0;
     if (GetVideoEsds(file, esds, sizeof esds, &esdsSize) > 0) {
-        const size_t length = esdsSize < sizeof esds ? esdsSize : sizeof esds;
-        ReadEsdsBitRates(esds, length, &info->VideoMaxBitRate, &info->VideoAvgBitRate,
+        ReadEsdsBitRates(esds, sizeof esds, &info->VideoMaxBitRate, &info->VideoAvgBitRate,
                          &info->VideoProfile);
     } else {
         const uint32_t bits = SampleBits(last->Track, last->SampleCount);
@@ -201,7 +212,7 @@ void DescribeAudio(MP4_local_file *file, FileInfo *info) {
         info->AudioMaxBitRate = fields.MaxBitRate;
         info->AudioAvgBitRate = fields.AvgBitRate;
         info->AudioChannels = info->AudioChannels2 = fields.Channels;
-        info->AudioProfile = fields.ObjectType ? fields.ObjectType - 1 : 0;
+        info->AudioProfile = fields.ObjectType - 1;  // object type 0 gives all ones
         info->AudioObjectType = fields.ObjectType;
         info->AudioHasConfig = 1;
         if (kind == -1) {

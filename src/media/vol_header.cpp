@@ -139,13 +139,15 @@ uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *heigh
     if (fileName == nullptr) return kHeaderSizeFailed;
     FILE *stream = fopen(fileName, "rb");
     if (stream == nullptr) return kHeaderSizeFailed;
-    uint8_t *buffer = static_cast<uint8_t *>(malloc(kHeaderBufferBytes));
+    // One spare zeroed byte behind the buffer: the start code search looks
+    // one byte past the last byte read, which counts as 0.
+    uint8_t *buffer = static_cast<uint8_t *>(malloc(kHeaderBufferBytes + 1));
     if (buffer == nullptr) {
         printf("Unable to new memory [bitstream]\n");
         fclose(stream);
         return kHeaderSizeNoMemory;
     }
-    memset(buffer, 0, kHeaderBufferBytes);
+    memset(buffer, 0, kHeaderBufferBytes + 1);
     const size_t bytesRead = fread(buffer, 1, kHeaderBufferBytes, stream);
     fclose(stream);
 
@@ -157,7 +159,9 @@ uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *heigh
     }
     size_t offset = 0;
     if (visualObjectSequence) {
-        for (size_t i = 0; i + 3 < bytesRead; ++i) {
+        // Up to the bytes read less 3: a 00 00 01 that ends the bytes read
+        // is followed by a 0, a video object start code.
+        for (size_t i = 0; i + 3 <= bytesRead; ++i) {
             if (IsStartCodePrefix(buffer + i) && buffer[i + 3] < 0x20) {
                 offset = i;
                 break;

@@ -15,9 +15,8 @@ constexpr int32_t kFillMissingAtom = -95;
 constexpr int32_t kFillStssOutOfRangeKeyTable = -94;
 constexpr int32_t kFillStssOutOfRangeMarks = -93;
 // A table runs out before the samples do, or cannot describe them: "stts"
-// or "stco" entries used up, "stsc" without entries, with FirstChunk not
-// rising or with 0 samples per chunk, "stsz" counting more samples than
-// the track's table has room for.
+// or "stco" entries used up, "stsc" without entries or with 0 samples per
+// chunk, "stsz" counting more samples than the track's table has room for.
 constexpr int32_t kFillTableRunsOut = -92;
 // No memory to grow the key frame table.
 constexpr int32_t kFillNoMemoryForKeyFrames = -91;

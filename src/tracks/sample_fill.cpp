@@ -99,12 +99,15 @@ int32_t FillTimesAndSizes(TrackNode *node, const SampleAtoms &atoms) {
 }
 
 // A run of chunks is what one "stsc" entry covers: from its FirstChunk to
-// the next entry's. The last entry's run reaches to the end of the track.
+// the next entry's, (FirstChunk[r + 1] - FirstChunk[r]) x SamplesPerChunk
+// samples in 32-bit arithmetic, so that a FirstChunk that does not rise
+// gives a run that wraps around to a length no track reaches. The last
+// entry's run reaches to the end of the track.
 struct ChunkRun {
     uint32_t Entry;
     uint32_t SamplesPerChunk;
     uint64_t Start;  // first sample of the run
-    uint64_t End;    // first sample behind it
+    uint64_t End;    // first sample behind it, held in 64 bits
 };
 
 int32_t EnterRun(const TableView &chunks, uint32_t entry, uint64_t start, ChunkRun *run) {
@@ -116,16 +119,18 @@ int32_t EnterRun(const TableView &chunks, uint32_t entry, uint64_t start, ChunkR
         run->End = UINT64_MAX;
         return 1;
     }
-    uint32_t first = Entry(chunks, entry, kStscEntryBytes);
-    uint32_t following = Entry(chunks, entry + 1, kStscEntryBytes);
-    if (following <= first) return kFillTableRunsOut;
-    run->End = start + uint64_t(following - first) * run->SamplesPerChunk;
+    const uint32_t first = Entry(chunks, entry, kStscEntryBytes);
+    const uint32_t following = Entry(chunks, entry + 1, kStscEntryBytes);
+    const uint32_t length = (following - first) * run->SamplesPerChunk;
+    run->End = start + length;
     return 1;
 }
 
 // Stage 4. Samples and chunks are walked together; the walk starts at the
 // first "stco" entry whatever the first FirstChunk says, and within a
-// chunk the samples lie back to back.
+// chunk the samples lie back to back. The walk goes to the next "stsc"
+// entry when the sample number equals the run's end, so a run of length 0
+// is never left; the "stco" bound keeps every walk inside the tables.
 int32_t FillFileOffsets(TrackNode *node, const SampleAtoms &atoms) {
     if (node->SampleCount == 0) return 1;
     if (atoms.Chunks.Count == 0) return kFillTableRunsOut;
@@ -135,7 +140,7 @@ int32_t FillFileOffsets(TrackNode *node, const SampleAtoms &atoms) {
     uint32_t chunk = 0;
     for (uint32_t i = 0; i < node->SampleCount; ++i) {
         SampleRecord &record = node->SampleRecords[i];
-        if (i != 0 && i >= run.End) {
+        if (i != 0 && i == run.End) {
             result = EnterRun(atoms.Chunks, run.Entry + 1, run.End, &run);
             if (result != 1) return result;
             ++chunk;

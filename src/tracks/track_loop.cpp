@@ -89,12 +89,13 @@ bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize) {
     const AtomNode *stsz = WalkPath(trakAtom, path, 4, nullptr);
     if (stsz == nullptr || stsz->realStructure == nullptr) return false;
     uint64_t count = GetBE32(stsz->realStructure, field::kStszSampleCount);
-    uint32_t constantSize = GetBE32(stsz->realStructure, field::kStszSampleSize);
-    if (constantSize == 0) {
+    if (GetBE32(stsz->realStructure, field::kStszSampleSize) == 0) {
         // The sizes are a table in the file, four bytes a sample.
         return GetRecordPointer(stsz) != nullptr && count * kStszEntryBytes <= fileSize;
     }
-    return count * constantSize <= fileSize;
+    // Every sample takes at least one byte. A constant size is not held
+    // against the file: a cut file keeps the samples it still holds whole.
+    return count <= fileSize;
 }
 
 int32_t RunTrackLoop(MP4_local_file **file) {

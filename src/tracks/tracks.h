@@ -147,6 +147,7 @@ void ReleaseReadAhead(ReadAhead **window);
 // ---- Track loop (track_loop.cpp) -----------------------------------------
 
 // Whether the "stsz" of a track can describe its samples within a file of
-// `fileSize` bytes: every sample lies in the file, so a constant size times
-// the count must fit it, and a table of sizes must have been loaded.
+// `fileSize` bytes, so that a small file can't make the open allocate for a
+// huge count: every sample takes at least one byte of the file, and a table
+// of sizes must have been loaded and lie in the file.
 bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize);
