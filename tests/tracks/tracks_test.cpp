@@ -125,6 +125,8 @@ TEST(Tracks, RecordsTablesAndMessagesMatchTheGolden) {
         {"stsc (1,3) over 7 samples", {With(With(Audio(1, 7), "stsc", Words("stsc", {1, 1, 3, 1})), "stco", Words("stco", {3, 100, 200, 300}))}, 2, {}},
         {"stsc (1,2),(3,1)", {With(With(Audio(1, 6), "stsc", Words("stsc", {2, 1, 2, 1, 3, 1, 1})), "stco", Words("stco", {4, 100, 200, 300, 400}))}, 2, {}},
         {"stsc going backwards", {With(Audio(1, 6), "stsc", Words("stsc", {2, 3, 2, 1, 2, 1, 1}))}, 2, {}},
+        {"StscEntryGoingBackIsNotReached: (1,10),(0,5)", {With(Audio(1, 10), "stsc", Words("stsc", {2, 1, 10, 1, 0, 5, 1}))}, 2, {}},
+        {"StscRunOfLength0IsNeverLeft: (1,2),(1,3),(2,1)", {With(With(Audio(1, 6), "stsc", Words("stsc", {3, 1, 2, 1, 1, 3, 1, 2, 1, 1})), "stco", Words("stco", {3, 100, 200, 300}))}, 2, {}},
         {"stsc of 0 per chunk", {With(three, "stsc", Words("stsc", {1, 1, 0, 1}))}, 2, {}},
         {"stsc without entries", {With(three, "stsc", Words("stsc", {0}))}, 2, {}},
         {"stco that runs out", {With(three, "stco", Words("stco", {2, 28, 32}))}, 2, {}},
