@@ -39,6 +39,7 @@ AudioTrackNode *FindAudio(MP4_local_file *file, uint32_t id) {
 //   c4                 put the video track's cursor on 4
 //   x                  forget the video track last used
 //   R                  take the track's sample records away (again: put back)
+//   A2                 append 2 bytes to the file, as a writer still at work does
 // A sample is shown by the number its bytes hold, its time, size and key
 // mark, then where the track's cursor stands.
 std::string RunScript(MP4_local_file *file, const std::string &script) {
@@ -63,6 +64,13 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
             if (op == 'c') video->SampleCursor = int32_t(arg);
             if (op == 'x') file->read.VideoCurrent = nullptr;
             if (op == 'R') std::swap((video ? video->Track : audio->Track)->SampleRecords, taken);
+            prefix += token + " ";
+            continue;
+        }
+        if (op == 'A') {
+            std::FILE *grow = std::fopen(("/proc/self/fd/" + std::to_string(fileno(file->RootAtom->FileStream))).c_str(), "ab");
+            std::fputs(std::string(size_t(arg), '\xEE').c_str(), grow);
+            std::fclose(grow);
             prefix += token + " ";
             continue;
         }
@@ -134,6 +142,8 @@ TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
     const MiniTrack keys2_5 = KeyedVideo(8, {2, 5});
     MiniTrack farSample = KeyedAudio(2);
     farSample.replace["stsz"] = Words("stsz", {0, 2, 4, 0x7FFFFFF0});
+    MiniTrack constantSize = KeyedAudio(10);  // 10 x 100 bytes claimed, more than the file holds
+    constantSize.replace["stsz"] = Words("stsz", {100, 10});
     MiniTrack hint = KeyedAudio(2, 3);
     hint.handler = "hint";
     struct Case {
@@ -175,6 +185,8 @@ TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
         {"video sample cut by the end of the file", {CutAt(KeyedVideo(4, {0}), 2)}, {2}, "n n n n g25 n"},
         {"audio sample cut by the end of the file", {CutAt(KeyedAudio(4), 2)}, {2}, "a1 n n n n g25 n"},
         {"audio sample far past the end is not allocated", {farSample}, {2}, "a1 n n n"},
+        {"ReadSeesBytesAppendedAfterOpen", {CutAt(KeyedAudio(4), 2)}, {2}, "a1 n n n n A2 g20 n"},
+        {"TruncatedConstantSizeTrackKeepsItsSamples", {CutAt(constantSize, 3)}, {2}, "a1 n n n n n n n n n n n"},
         {"key frame 4 empty", {Emptied(keys0_4_7, 4)}, {1, 2}, "c2 k c4 b"},
         {"key frame 4 cut", {CutAt(keys0_4_7, 4)}, {1, 2}, "c2 k c4 b"},
     };
