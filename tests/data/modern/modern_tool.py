@@ -279,7 +279,7 @@ def matched_tracks(path, data, streams):
     return mine
 
 
-def samples(path, name=None):
+def samples_lines(path, name=None):
     data = open(path, "rb").read()
     streams = ffprobe(path, ["-show_streams"])["streams"]
     packets = ffprobe(path, ["-show_packets", "-show_data_hash", "CRC32"])["packets"]
@@ -323,7 +323,7 @@ def samples(path, name=None):
                     "ctts %d); CTS_OFFSET is the file's" % ((len(differs),) + differs[0]))
             note(path, "track %d: %s" % (t.id, text))
             lines.insert(head, "# " + text)
-    print("\n".join(lines))
+    return lines
 
 
 def extradata(stream):
@@ -338,7 +338,7 @@ def extradata(stream):
     return bytes(out)
 
 
-def streams(path, name=None):
+def streams_lines(path, name=None):
     data = open(path, "rb").read()
     info = ffprobe(path, ["-show_streams", "-show_data"])["streams"]
     mine = matched_tracks(path, data, info)
@@ -373,7 +373,7 @@ def streams(path, name=None):
                          extra.hex() if compared and extra else "-",
                          t.config.hex() if t.config else "-",
                          t.edit_media_time, t.edit_delay))
-    print("\n".join(lines))
+    return lines
 
 
 def describe(path):
@@ -394,7 +394,8 @@ def describe(path):
 def main(argv):
     if len(argv) >= 2 and argv[0] in ("samples", "streams"):
         name = argv[argv.index("--name") + 1] if "--name" in argv else None
-        (samples if argv[0] == "samples" else streams)(argv[1], name)
+        make = samples_lines if argv[0] == "samples" else streams_lines
+        print("\n".join(make(argv[1], name)))
     elif len(argv) == 2 and argv[0] == "describe":
         describe(argv[1])
     elif len(argv) == 2 and argv[0] == "atoms":
