@@ -27,8 +27,8 @@ audio() { echo -f lavfi -i "sine=frequency=440:beep_factor=4:sample_rate=$1:dura
 # placement, so that "ctts" is there whatever the content.
 x264=(-c:v libx264 -pix_fmt yuv420p -preset medium -crf 30 -g 12 -bf 2
       -x264-params b-adapt=0:b-pyramid=none)
-x265=(-c:v libx265 -pix_fmt yuv420p -preset medium -crf 32 -g 12
-      -x265-params pools=none:frame-threads=1:info=0:log-level=error:bframes=2:b-adapt=0)
+x265=(-c:v libx265 -pix_fmt yuv420p -preset medium -crf 32 -g 12)
+x265p=pools=none:frame-threads=1:info=0:log-level=error:bframes=2:b-adapt=0
 
 # finish FILE: describe the file and write FILE.samples and FILE.streams
 finish() {
@@ -45,11 +45,13 @@ ff $(video 160x120 25 1) $(audio 44100 1) "${x264[@]}" -c:a aac -b:a 32k -ac 2 \
    "${exact[@]}" -movflags +faststart h264_aac_faststart.mp4
 finish h264_aac_faststart.mp4
 
-# HEVC, parameter sets in the samples ("hev1") and only in "hvcC" ("hvc1"
-# by name: FFmpeg writes the same samples either way).
-ff $(video 160x120 25 1) "${x265[@]}" -tag:v hev1 "${exact[@]}" hevc_hev1.mp4
+# HEVC as "hev1", with the parameter sets also in each key frame (x265's
+# repeat-headers), and as "hvc1", with them only in "hvcC".
+ff $(video 160x120 25 1) "${x265[@]}" -x265-params "$x265p:repeat-headers=1" -tag:v hev1 \
+   "${exact[@]}" hevc_hev1.mp4
 finish hevc_hev1.mp4
-ff $(video 160x120 25 1) "${x265[@]}" -tag:v hvc1 "${exact[@]}" hevc_hvc1.mp4
+ff $(video 160x120 25 1) "${x265[@]}" -x265-params "$x265p" -tag:v hvc1 "${exact[@]}" \
+   hevc_hvc1.mp4
 finish hevc_hvc1.mp4
 
 # AV1 (libaom) and VP9 (libvpx), single-threaded.
