@@ -103,6 +103,12 @@ class Track:
         self.front = {}              # "trak"/"mdia"/"minf"/"stbl": atoms put first
         self.__dict__.update(kw)
 
+    @property
+    def format(self):
+        """The sample entry's format, or for a protected one the original ("frma")."""
+        at = self.entry.find(b"frma")
+        return (self.entry[at + 4:at + 8] if at > 0 else self.entry[4:8]).decode("latin-1")
+
     def media_duration(self):
         return sum(self.durations)
 
@@ -267,7 +273,8 @@ LISTING_HEAD = [
     "# DTS SIZE POS KEY CTS_OFFSET CRC32   (DTS less the first; CTS_OFFSET from ctts)",
 ]
 STREAMS_HEAD = ("# stream ID video|audio|other TAG width W height H rate R channels C "
-                "duration D frames N extradata HEX|- config HEX|- edit MEDIA_TIME DELAY")
+                "duration D frames N extradata HEX|- config HEX|- edit MEDIA_TIME DELAY "
+                "rotation DEGREES sar H:V language LLL scheme SCHM|-")
 
 
 def expected(movie, where, name, origin):
@@ -290,10 +297,12 @@ def expected(movie, where, name, origin):
                 break
         st = t.stream
         streams.append("stream 0x%x %s %s width %s height %s rate %s channels %s duration %d "
-                       "frames %d extradata %s config %s edit %d %d" % (
-                           t.id, t.kind, t.entry[4:8].decode("latin-1"), st["width"],
+                       "frames %d extradata %s config %s edit %d %d rotation 0 sar 1:1 "
+                       "language und scheme %s" % (
+                           t.id, t.kind, t.format, st["width"],
                            st["height"], st["rate"], st["channels"], t.media_duration(),
-                           len(t.samples), st["extradata"], st["config"], media_time, delay))
+                           len(t.samples), st["extradata"], st["config"], media_time, delay,
+                           st.get("scheme", "-")))
     return samples, streams
 
 
@@ -335,6 +344,30 @@ def make(directory, name, movie, notes=(), stream_notes=(), check=True):
     modern_tool.describe(path)
 
 
+def protect(entry, name, scheme):
+    """The sample entry renamed to name, with a "sinf" that keeps its format."""
+    tenc = full("tenc", 0, 0, bytes(2), bytes([1, 8]), bytes(range(16)))
+    sinf = box("sinf", box("frma", entry[4:8]), full("schm", 0, 0, scheme.encode(),
+                                                      struct.pack(">I", 0x10000)),
+               box("schi", tenc))
+    body = entry[8:] + sinf
+    return struct.pack(">I4s", 8 + len(body), name.encode()) + body
+
+
+def claim(path, table, at, count):
+    """Overwrites the count at offset at of the table's payload."""
+    data = bytearray(open(path, "rb").read())
+    node = next(a for a in walk(modern_tool.atoms(bytes(data))) if a.name == table.encode())
+    struct.pack_into(">I", data, node.pos + node.head + at, count)
+    open(path, "wb").write(bytes(data))
+
+
+def walk(nodes):
+    for n in nodes:
+        yield n
+        yield from walk(n.children)
+
+
 def silence_donor():
     """AAC frames of silence (4 bytes each), made by FFmpeg in a scratch folder."""
     scratch = tempfile.mkdtemp()
@@ -369,6 +402,7 @@ def main(directory):
     video = Donor(os.path.join(directory, "h264_aac.mp4"), 1)
     audio = Donor(os.path.join(directory, "h264_aac.mp4"), 2)
     opus = Donor(os.path.join(directory, "opus.mp4"), 1)
+    tiny = Donor(os.path.join(directory, "timescale_1ghz.mp4"), 1)
     silence = silence_donor()
 
     def av(**kw):
@@ -451,6 +485,28 @@ def main(directory):
 
     # "co64" chunk offsets and a 64-bit "mdat" size (size field 1) in a small file.
     make(directory, "co64_large_mdat.mp4", Movie(av(co64=True), mdat="large"))
+
+    # Protected sample entries ("encv", "enca") with "sinf": "frma" names the
+    # original format, "schm" the scheme ("cenc"), "schi" holds a "tenc".
+    # The samples are stored as they are (this file's bytes are not
+    # encrypted, and it has no "senc"): a reader gives them unchanged.
+    tracks = av()
+    for t, protected in zip(tracks, ("encv", "enca")):
+        t.entry = protect(t.entry, protected, "cenc")
+        t.stream["scheme"] = "cenc"
+    make(directory, "encrypted_cenc.mp4", Movie(tracks))
+
+    # Files of about 1 KB whose tables claim 10^9 entries: a reader must
+    # fail them with a code in milliseconds, allocating nothing for the
+    # claim. No listings.
+    for table, at in (("stz2", 8), ("co64", 4), ("ctts", 4)):
+        name = "claims_%s_count.mp4" % table
+        t = Track(1, tiny, count=3, sizes=16 if table == "stz2" else "stsz",
+                  co64=table == "co64")
+        path = os.path.join(directory, name)
+        Movie([t]).write(path)
+        claim(path, table, at, 10 ** 9)
+        print("%s: %d bytes, \"%s\" claims 10^9 entries" % (name, os.path.getsize(path), table))
 
 
 if __name__ == "__main__":

@@ -82,6 +82,17 @@ ff $(video 64x48 10 1) $(audio 8000 1) "${x264[@]}" -c:a pcm_s16le -ac 1 \
    "${exact[@]}" pcm_h264.mov
 finish pcm_h264.mov
 
+# Track facts: the "tkhd" matrix of a picture turned 90 degrees clockwise
+# (a phone held upright: a, b, c, d = 0, 1, -1, 0; FFmpeg 5.1's "rotate" tag,
+# taken only when the stream is copied, counts the other way, hence 270),
+# a pixel aspect of 4:3 ("pasp") and languages in "mdhd".
+ff $(video 64x48 10 1) $(audio 22050 1) "${x264[@]}" -vf setsar=4/3 -c:a aac -b:a 24k -ac 1 \
+   "${exact[@]}" rotated.tmp.mp4
+ff -i rotated.tmp.mp4 -c copy -metadata:s:v:0 rotate=270 -metadata:s:v:0 language=deu \
+   -metadata:s:a:0 language=fra "${exact[@]}" h264_rot90_sar_lang.mp4
+rm rotated.tmp.mp4
+finish h264_rot90_sar_lang.mp4
+
 # A 1 GHz video timescale over 6 s: "mdhd" is version 1 and decoding
 # times pass 32 bits (5e8 ticks a picture); tiny pictures, 2 a second.
 ff $(video 16x16 2 6) "${x264[@]}" -g 4 -video_track_timescale 1000000000 \

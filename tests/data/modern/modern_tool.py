@@ -180,10 +180,38 @@ class Track:
             self.timescale, self.mdhd_duration = struct.unpack(">IQ", mdhd[20:32])
         else:
             self.timescale, self.mdhd_duration = struct.unpack(">II", mdhd[12:20])
+        code = struct.unpack(">H", mdhd[-4:-2])[0]
+        # Packed ISO 639-2 letters; QuickTime's 0x7FFF means unspecified.
+        self.language = "und" if code == 0x7FFF else \
+            "".join(chr(0x60 + ((code >> s) & 31)) for s in (10, 5, 0))
+        # Rotation in degrees clockwise on the screen, from the matrix's a, b,
+        # c, d (16.16): x' = a x + c y, y' = b x + d y with y downwards, so
+        # (0, 1, -1, 0) turns the picture's top to the right (a phone held
+        # upright). ffprobe prints the counter-clockwise angle (-90 there).
+        # Any other matrix counts as 0.
+        at = 40 if tkhd[0] == 0 else 52
+        a, b, _, c, d = struct.unpack(">5i", tkhd[at:at + 20])
+        one = 0x10000
+        self.rotation = {(one, 0, 0, one): 0, (0, one, -one, 0): 90, (-one, 0, 0, -one): 180,
+                         (0, -one, one, 0): 270}.get((a, b, c, d), 0)
         self.handler = trak.find("mdia", "hdlr").body(data)[8:12]
+        self.pasp = (1, 1)
         stbl = trak.find("mdia", "minf", "stbl")
         entry = stbl.find("stsd").children[0] if stbl.find("stsd").children else None
         self.format = entry.name if entry else b"\0\0\0\0"
+        # A protected entry ("encv", "enca", ...): the original format is in
+        # "sinf/frma", the scheme in "sinf/schm".
+        self.scheme = None
+        sinf = next((c for c in entry.children if c.name == b"sinf"), None) if entry else None
+        if sinf is not None:
+            frma, schm = sinf.find("frma"), sinf.find("schm")
+            if frma is not None:
+                self.format = frma.body(data)[:4]
+            if schm is not None:
+                self.scheme = schm.body(data)[4:8].decode("latin-1")
+        pasp = next((c for c in entry.children if c.name == b"pasp"), None) if entry else None
+        if pasp is not None:
+            self.pasp = struct.unpack(">II", pasp.body(data)[:8])
         self.config = None
         self.config_atom = None
         if entry is not None:
@@ -345,7 +373,8 @@ def streams_lines(path, name=None):
     lines = ["# expected track facts of %s" % (name or path.split("/")[-1]),
              "# from ffprobe -ignore_editlist 1 -show_streams -show_data, and the file's atoms",
              "# stream ID video|audio|other TAG width W height H rate R channels C "
-             "duration D frames N extradata HEX|- config HEX|- edit MEDIA_TIME DELAY"]
+             "duration D frames N extradata HEX|- config HEX|- edit MEDIA_TIME DELAY "
+             "rotation DEGREES sar H:V language LLL scheme SCHM|-"]
     for s, t in zip(info, mine):
         tag = s["codec_tag_string"]
         if tag.encode() != t.format:
@@ -366,13 +395,27 @@ def streams_lines(path, name=None):
         frames = int(s.get("nb_frames", 0))
         if frames != t.count:
             note(path, "stream %s: nb_frames %d, samples %d" % (s["id"], frames, t.count))
+        rotation = next((int(x.get("rotation", 0)) for x in s.get("side_data_list", [])
+                         if x.get("side_data_type") == "Display Matrix"), 0)
+        if -rotation % 360 != t.rotation:
+            note(path, "stream %s: ffprobe's rotation %d, tkhd %d" % (s["id"], rotation, t.rotation))
+        sar = s.get("sample_aspect_ratio", "1:1")
+        if kind_of(s) == "video" and sar not in ("0:1", "%d:%d" % t.pasp):
+            note(path, "stream %s: ffprobe's sample aspect %s, pasp %d:%d" % ((s["id"], sar) +
+                                                                            t.pasp))
+        language = s.get("tags", {}).get("language", "und")
+        if language != t.language:
+            note(path, "stream %s: ffprobe's language %s, mdhd %s" % (s["id"], language,
+                                                                        t.language))
         lines.append("stream %s %s %s width %d height %d rate %s channels %d duration %d "
-                     "frames %d extradata %s config %s edit %d %d" % (
+                     "frames %d extradata %s config %s edit %d %d rotation %d sar %d:%d "
+                     "language %s scheme %s" % (
                          s["id"], kind_of(s), tag, s.get("width", 0), s.get("height", 0),
                          s.get("sample_rate", "0"), s.get("channels", 0), duration, frames,
                          extra.hex() if compared and extra else "-",
                          t.config.hex() if t.config else "-",
-                         t.edit_media_time, t.edit_delay))
+                         t.edit_media_time, t.edit_delay, t.rotation, t.pasp[0], t.pasp[1],
+                         t.language, t.scheme or "-"))
     return lines
 
 
