@@ -13,12 +13,14 @@ between the two is printed, and written into the listing as a '#' note
 when it is one of FFmpeg's known departures (see README.md).
 """
 import os
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
 import zlib
 
+sys.dont_write_bytecode = True  # nothing written beside the sources
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import modern_tool  # noqa: E402
 
@@ -378,7 +380,9 @@ def silence_donor():
                            "-map_metadata", "-1", "-threads", "1", path])
     open(path + ".samples", "w").write("\n".join(modern_tool.samples_lines(path)) + "\n")
     open(path + ".streams", "w").write("\n".join(modern_tool.streams_lines(path)) + "\n")
-    return Donor(path, 1)
+    donor = Donor(path, 1)
+    shutil.rmtree(scratch)
+    return donor
 
 
 def text_track(tid, texts):

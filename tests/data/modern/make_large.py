@@ -17,6 +17,7 @@ import os
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
+sys.dont_write_bytecode = True  # nothing written beside the sources
 sys.path.insert(0, here)
 import build_fixtures as b  # noqa: E402
 

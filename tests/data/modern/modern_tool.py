@@ -8,6 +8,7 @@ fixtures and the checks made on them at generation time.
                                  ffprobe -ignore_editlist 1 -show_streams
                                  -show_data, with the decoder configuration
                                  and edit list read from the file's atoms
+  modern_tool.py describe FILE   one line: top-level atoms, each track's headers
   modern_tool.py atoms FILE      the atom tree, one line per atom (for eyes)
 
 Both listings are checked against the file's own atoms as they are made:
