@@ -82,6 +82,36 @@ static const LayoutRow kRows[] = {
     ROW(DecoreFrame, Result),
     ROW(DecoreFrame, Word2),
     ROW(DecoreFrame, Word3),
+    RECORD(MP4TrackInfo),
+    ROW(MP4TrackInfo, TrackId),
+    ROW(MP4TrackInfo, TrackType),
+    ROW(MP4TrackInfo, Handler),
+    ROW(MP4TrackInfo, Format),
+    ROW(MP4TrackInfo, SampleCount),
+    ROW(MP4TrackInfo, Timescale),
+    ROW(MP4TrackInfo, Duration),
+    ROW(MP4TrackInfo, Width),
+    ROW(MP4TrackInfo, Height),
+    ROW(MP4TrackInfo, Rotation),
+    ROW(MP4TrackInfo, PixelAspectH),
+    ROW(MP4TrackInfo, PixelAspectV),
+    ROW(MP4TrackInfo, SampleRate),
+    ROW(MP4TrackInfo, Channels),
+    ROW(MP4TrackInfo, Language),
+    ROW(MP4TrackInfo, Encrypted),
+    ROW(MP4TrackInfo, Pad),
+    ROW(MP4TrackInfo, Scheme),
+    ROW(MP4TrackInfo, EditMediaTime),
+    ROW(MP4TrackInfo, EditDelay),
+    ROW(MP4TrackInfo, Reserved),
+
+    RECORD(MP4SampleInfo),
+    ROW(MP4SampleInfo, FileOffset),
+    ROW(MP4SampleInfo, DecodeTime),
+    ROW(MP4SampleInfo, CompositionOffset),
+    ROW(MP4SampleInfo, Size),
+    ROW(MP4SampleInfo, IsKeyFrame),
+    ROW(MP4SampleInfo, Pad),
 };
 
 static const ConstantRow kConstants[] = {
@@ -100,6 +130,8 @@ static const ConstantRow kConstants[] = {
     {"MP4_AUDIO_AMR_WB", MP4_AUDIO_AMR_WB},
     {"MP4_DECORE_CONTEXT_SLOT", MP4_DECORE_CONTEXT_SLOT},
     {"MP4_DECORE_DECODE", MP4_DECORE_DECODE},
+    {"MP4_OPEN_MODERN", MP4_OPEN_MODERN},
+    {"MP4_FIND_KEY", MP4_FIND_KEY},
 };
 
 const LayoutRow *CLayoutRows(size_t *count) {
