@@ -1,0 +1,237 @@
+// The modern reader against FFmpeg's view of every file in tests/data/modern
+// (and of the sparse file above 4 GiB made at test time): each video, audio
+// and other track read sample for sample as its .samples listing says, the
+// track facts and decoder configurations as its .streams says. And
+// MP4FileOpenEx(..., 0) is MP4FileOpen on every fixture.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cinttypes>
+#include <sstream>
+
+#include "mp4core.h"
+#include "support/listing.h"
+#include "support/test_support.h"
+
+namespace {
+
+using namespace testing_support;
+
+// A read handle from MP4FileOpenEx with `flags`, or from MP4FileOpen.
+constexpr int64_t kPlainOpen = -1;
+struct Handle {
+    MP4_local_file *file = nullptr;
+    int32_t result = 0;
+    Handle(const std::string &path, int64_t flags)
+        : result(flags == kPlainOpen
+                     ? MP4FileOpen(&file, path.c_str(), MP4_TABLE_KEYFRAMES)
+                     : MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_KEYFRAMES, uint32_t(flags))) {}
+    ~Handle() { MP4FileClose(&file); }
+};
+
+std::vector<std::string> Listed(const std::string &dir, const std::string &suffix) {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (dirent *e = readdir(d)) {
+            std::string name = e->d_name;
+            if (name.size() > suffix.size() && name.rfind(suffix) == name.size() - suffix.size())
+                names.push_back(dir + "/" + name);
+        }
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::vector<std::string>> Rows(const std::string &path) {
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream text(std::string(reinterpret_cast<const char *>(ReadWholeFile(path).data()),
+                                        ReadWholeFile(path).size()));
+    for (std::string line; std::getline(text, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream words(line);
+        rows.emplace_back();
+        for (std::string w; words >> w;) rows.back().push_back(w);
+    }
+    return rows;
+}
+
+std::string Join(const std::vector<std::vector<std::string>> &rows) {
+    std::string out;
+    for (const auto &row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) out += (i ? " " : "") + row[i];
+        out += "\n";
+    }
+    return out;
+}
+
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char *format, ...) {
+    char buffer[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    return buffer;
+}
+
+bool InfoOf(MP4_local_file *file, uint32_t id, MP4TrackInfo *info) {
+    uint32_t count = 0;
+    MP4GetTrackCount(file, &count);
+    for (uint32_t i = 0; i < count; ++i)
+        if (MP4GetTrackInfo(file, i, info) == 1 && info->TrackId == id) return true;
+    return false;
+}
+
+const char *Kind(int32_t type) { return type == 1 ? "video" : type == 2 ? "audio" : "other"; }
+
+std::string Hex(const uint8_t *data, uint32_t size) {
+    std::string out;
+    for (uint32_t i = 0; i < size; ++i) out += Format("%02x", data[i]);
+    return out.empty() ? "-" : out;
+}
+
+// The reader's listing in the format of `expected`, from which it takes
+// only the order of the tracks, their codec names and which are PCM.
+std::string ReadListing(MP4_local_file *file, const std::vector<std::vector<std::string>> &expected) {
+    std::vector<std::vector<std::string>> rows;
+    for (size_t r = 0; r < expected.size(); ++r) {
+        if (expected[r][0] != "track") continue;
+        MP4TrackInfo info{};
+        if (!InfoOf(file, uint32_t(std::stoul(expected[r][1])), &info)) continue;
+        rows.push_back({"track", std::to_string(info.TrackId), Kind(info.TrackType), expected[r][3],
+                        "timescale", std::to_string(info.Timescale), "samples",
+                        std::to_string(info.SampleCount)});
+        const bool pcm = r + 1 < expected.size() && expected[r + 1][0] == "pcm";
+        Bytes all;
+        for (uint32_t n = 0; n < info.SampleCount; ++n) {
+            MP4SampleInfo s{};
+            MP4Sample *sample = nullptr;
+            if (MP4GetSampleInfo(file, info.TrackId, info.TrackType, n, &s) != 1 ||
+                MP4ReadSample(file, info.TrackId, info.TrackType, n, &sample) != 1) {
+                rows.push_back({"unreadable", std::to_string(n)});
+                break;
+            }
+            if (pcm) {
+                all.insert(all.end(), sample->Data, sample->Data + sample->Size);
+            } else {
+                rows.push_back({std::to_string(s.DecodeTime), std::to_string(s.Size),
+                                std::to_string(s.FileOffset), std::to_string(s.IsKeyFrame),
+                                std::to_string(s.CompositionOffset),
+                                Format("%08x", Crc32(sample->Data, sample->Size))});
+            }
+            SampleDataFree(&sample);
+        }
+        if (pcm) {
+            MP4SampleInfo first{};
+            MP4GetSampleInfo(file, info.TrackId, info.TrackType, 0, &first);
+            rows.push_back({"pcm", std::to_string(first.Size), std::to_string(all.size()),
+                            Format("%08x", Crc32(all.data(), all.size()))});
+        }
+    }
+    return Join(rows);
+}
+
+// The track facts in the format of the .streams files; ffprobe's extradata
+// is compared with the decoder configuration where the file gives it.
+std::string ReadStreams(MP4_local_file *file, const std::vector<std::vector<std::string>> &expected) {
+    std::vector<std::vector<std::string>> rows;
+    for (const auto &row : expected) {
+        MP4TrackInfo i{};
+        if (!InfoOf(file, uint32_t(std::stoul(row[1], nullptr, 16)), &i)) continue;
+        uint8_t *config = nullptr;
+        uint32_t size = 0;
+        std::string hex = "-";
+        if (MP4GetDecoderConfig(file, i.TrackId, i.TrackType, &config, &size) == 1)
+            hex = Hex(config, size);
+        MP4freeData(reinterpret_cast<void **>(&config));
+        rows.push_back({"stream", Format("0x%x", i.TrackId), Kind(i.TrackType),
+                        std::string(i.Format, 4), "width", std::to_string(i.Width), "height",
+                        std::to_string(i.Height), "rate", std::to_string(i.SampleRate),
+                        "channels", std::to_string(i.Channels), "duration",
+                        std::to_string(i.Duration), "frames", std::to_string(i.SampleCount),
+                        "extradata", row[17] == "-" ? "-" : hex, "config", hex, "edit",
+                        std::to_string(i.EditMediaTime), std::to_string(i.EditDelay),
+                        "rotation", std::to_string(i.Rotation), "sar",
+                        Format("%u:%u", i.PixelAspectH, i.PixelAspectV), "language",
+                        i.Language, "scheme", i.Encrypted ? std::string(i.Scheme, 4) : "-"});
+    }
+    return Join(rows);
+}
+
+void CheckAgainstListings(const std::string &path) {
+    SCOPED_TRACE(path);
+    Handle modern(path, MP4_OPEN_MODERN);
+    ASSERT_EQ(modern.result, 1);
+    const auto samples = Rows(path + ".samples");
+    EXPECT_EQ(ReadListing(modern.file, samples), Join(samples));
+    if (FileExists(path + ".streams")) {
+        const auto streams = Rows(path + ".streams");
+        EXPECT_EQ(ReadStreams(modern.file, streams), Join(streams));
+    }
+}
+
+std::string ModernDir() { return FixturePath("modern"); }
+
+TEST(ModernFixtures, EveryTrackReadsAsFfprobeListsIt) {
+    const auto files = Listed(ModernDir(), ".samples");
+    ASSERT_GE(files.size(), 20u);
+    for (const std::string &listing : files) CheckAgainstListings(listing.substr(0, listing.size() - 8));
+}
+
+TEST(ModernFixtures, SparseFileAbove4GiBReadsThroughCo64) {
+    TempFile marker;
+    const std::string dir = marker.path() + ".d";
+    RunCommand("python3 '" + ModernDir() + "/make_large.py' '" + dir + "' 2>&1");
+    const std::string path = dir + "/large_co64.mp4";
+    if (!FileExists(path)) GTEST_SKIP() << "make_large.py made no file (no python3?)";
+    CheckAgainstListings(path);
+    RunCommand("rm -rf '" + dir + "'");
+}
+
+// What the classic calls give on a handle: every video and audio sample
+// through GetNextSample, with its result, time, size, mark and bytes.
+std::string ClassicView(const std::string &path, int64_t flags) {
+    Handle h(path, flags);
+    std::string out = Format("open %d\n", h.result);
+    uint32_t count = 0;
+    MP4GetTrackCount(h.file, &count);
+    for (uint32_t i = 0; i < count; ++i) {
+        MP4TrackInfo info{};
+        MP4GetTrackInfo(h.file, i, &info);
+        out += Format("track %u type %d samples %u\n", info.TrackId, info.TrackType, info.SampleCount);
+        if (info.TrackType != 1 && info.TrackType != 2) continue;
+        for (int32_t r = 1; r == 1 || r == -87 || r == -83 || r == -82;) {
+            MP4Sample *s = nullptr;
+            r = GetNextSample(h.file, info.TrackId, info.TrackType, &s);
+            out += Format("%d", r);
+            if (r == 1) out += Format(" %u %u %u %08x", s->Time, s->Size, s->IsKeyFrame, Crc32(s->Data, s->Size));
+            out += "\n";
+            SampleDataFree(&s);
+            if (r != 1) break;
+        }
+    }
+    return out;
+}
+
+TEST(ModernFixtures, OpenExWithoutFlagsIsTheClassicOpen) {
+    std::vector<std::string> files = Listed(ModernDir(), ".mp4");
+    for (const char *suffix : {".mp4", ".3gp", ".mov"})
+        for (const std::string &f : Listed(FixturePath(""), suffix)) files.push_back(f);
+    for (const std::string &f : Listed(ModernDir(), ".mov")) files.push_back(f);
+    for (const std::string &path : files) {
+        SCOPED_TRACE(path);
+        testing::internal::CaptureStdout();
+        const std::string plain = ClassicView(path, kPlainOpen);
+        const std::string plainMessages = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        const std::string ex = ClassicView(path, 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), plainMessages);
+        EXPECT_EQ(ex, plain);
+    }
+}
+
+}  // namespace
