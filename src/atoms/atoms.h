@@ -81,6 +81,13 @@ uint32_t RecordHeadLength(const AtomSchema &schema);
 size_t RecordAllocSize(const AtomSchema &schema);
 // Head length and allocation size for any node, schema or not.
 uint32_t NodeHeadLength(const AtomNode *node);
+// The version of a full atom as its record holds it: on the modern path
+// the byte behind the head, on the classic path always 0 (the data model
+// has no version 1 layouts, and its records have no room for them).
+uint8_t NodeVersion(const AtomNode *node);
+// Whether a node has a record of at least `bytes` bytes, so that fields up
+// to there can be read from it.
+bool RecordHolds(const AtomNode *node, size_t bytes);
 // Bytes a node's record takes: its schema's allocation, on the modern path
 // the larger of the version 0 and version 1 heads.
 size_t NodeAllocSize(const AtomNode *node);

@@ -305,6 +305,15 @@ size_t NodeAllocSize(const AtomNode *node) {
     return size + (schema.RecordSizeV1 - schema.RecordSize);
 }
 
+uint8_t NodeVersion(const AtomNode *node) {
+    if (node->Reader != kModernReader || !RecordHolds(node, field::kVersionFlags + 1)) return 0;
+    return node->realStructure[field::kVersionFlags];
+}
+
+bool RecordHolds(const AtomNode *node, size_t bytes) {
+    return node != nullptr && node->realStructure != nullptr && NodeAllocSize(node) >= bytes;
+}
+
 uint32_t NodeHeadLength(const AtomNode *node) {
     AtomSchema schema;
     if (GetAtomSchema(node, &schema) <= 0) return kBareHeadLength;

@@ -62,6 +62,7 @@ constexpr size_t kVisualColorTable = 84;
 
 // Audio sample entries "mp4a", "samr", "sawb"
 constexpr size_t kAudioDataReferenceIndex = 14;
+constexpr size_t kAudioVersion = 16;  // QuickTime sound description version
 constexpr size_t kAudioChannelCount = 24;
 constexpr size_t kAudioSampleBits = 26;
 constexpr size_t kAudioSampleRate = 32;

@@ -190,15 +190,16 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
     *rate = 0;
     *channels = 0;
     if (entry == nullptr || entry->realStructure == nullptr) return;
-    AtomSchema schema{};
-    if (GetAtomSchema(entry, &schema) > 0 && schema.ChildOffset != 0) {
+    // Only an entry of a sound layout has the sound fields in its record.
+    const bool laidOut = RecordHolds(entry, field::kAudioSampleRate + 4);
+    if (laidOut) {
         *channels = GetBE16(entry->realStructure, field::kAudioChannelCount);
         *rate = GetBE32(entry->realStructure, field::kAudioSampleRate) >> 16;
     }
     // QuickTime's sound description version 2 keeps rate (a double) and
     // channels behind the version 0 fields.
     uint8_t v2[16];
-    if (GetBE16(entry->realStructure, 16) == 2 &&
+    if (laidOut && GetBE16(entry->realStructure, field::kAudioVersion) == 2 &&
         ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + 40, v2, 12) == 12) {
         uint64_t bits = GetBE64(v2, 0);
         double value = 0;

@@ -71,15 +71,13 @@ void BuildModernTables(TrackNode **holder, uint64_t fileSize, int32_t mode) {
     ReleaseExpandedEntries((*holder)->TrakAtom);
 }
 
-const uint8_t *FirstEntryRecord(const AtomNode *trak) {
+const uint8_t *VisualEntryRecord(const AtomNode *trak) {
     const char *const path[] = {"mdia", "minf", "stbl", "stsd"};
     const AtomNode *stsd = WalkPath(trak, path, 4, nullptr);
     if (stsd == nullptr || stsd->FirstChild == nullptr) return nullptr;
     const AtomNode *entry = stsd->FirstChild;
-    // Only entries of a known layout have the fields behind the head.
-    AtomSchema schema{};
-    if (GetAtomSchema(entry, &schema) <= 0 || schema.ChildOffset == 0) return nullptr;
-    return entry->realStructure;
+    // Only entries of a visual layout have the picture size.
+    return RecordHolds(entry, field::kVisualHeight + 2) ? entry->realStructure : nullptr;
 }
 
 void ReadMediaHeader(const AtomNode *trak, uint32_t *timescale, uint32_t *duration) {
@@ -87,7 +85,7 @@ void ReadMediaHeader(const AtomNode *trak, uint32_t *timescale, uint32_t *durati
     const AtomNode *mdhd = WalkPath(trak, path, 2, nullptr);
     if (mdhd == nullptr || mdhd->realStructure == nullptr) return;
     const uint8_t *record = mdhd->realStructure;
-    const bool wide = record[field::kVersionFlags] == 1;
+    const bool wide = NodeVersion(mdhd) == 1;
     *timescale = GetBE32(record, wide ? field::kMdhdTimescaleV1 : field::kMdhdTimescale);
     *duration = wide ? uint32_t(GetBE64(record, field::kMdhdDurationV1))
                      : GetBE32(record, field::kMdhdDuration);
@@ -123,8 +121,7 @@ uint32_t ModernTrackId(const AtomNode *trak) {
     const AtomNode *tkhd = FindChild(trak, "tkhd");
     if (tkhd == nullptr || tkhd->realStructure == nullptr) return 0;
     const uint8_t *record = tkhd->realStructure;
-    return GetBE32(record, record[field::kVersionFlags] == 1 ? field::kTkhdTrackIdV1
-                                                             : field::kTkhdTrackId);
+    return GetBE32(record, NodeVersion(tkhd) == 1 ? field::kTkhdTrackIdV1 : field::kTkhdTrackId);
 }
 
 uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits) {
@@ -171,7 +168,7 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
             record->Track = node;
             Append(record, &form.VideoFirst, &form.VideoLast, &form.VideoCurrent);
             ReadMediaHeader(trak, &record->Timescale, &record->TrackDuration);
-            if (const uint8_t *entry = FirstEntryRecord(trak)) {
+            if (const uint8_t *entry = VisualEntryRecord(trak)) {
                 record->TrackWidth = GetBE16(entry, field::kVisualWidth);
                 record->TrackHeight = GetBE16(entry, field::kVisualHeight);
             }

@@ -49,7 +49,7 @@ const uint8_t *EntriesAt(const AtomNode *atom) {
     return atom != nullptr ? static_cast<const uint8_t *>(GetRecordPointer(atom)) : nullptr;
 }
 
-bool IsVersion1(const uint8_t *record) { return record[field::kVersionFlags] == 1; }
+bool IsVersion1(const AtomNode *atom) { return NodeVersion(atom) == 1; }
 
 // The rotation that the a, b, c, d of a "tkhd" matrix describe; 0 for a
 // matrix that is no quarter turn.
@@ -77,13 +77,15 @@ void LanguageOf(uint16_t packed, char language[4]) {
 }
 
 void FillHeaders(const AtomNode *trak, MP4TrackInfo *info) {
+    const AtomNode *tkhdAtom = NodeAt(trak, {"tkhd"});
     if (const uint8_t *tkhd = RecordAt(trak, {"tkhd"})) {
-        const bool wide = IsVersion1(tkhd);
+        const bool wide = IsVersion1(tkhdAtom);
         info->TrackId = GetBE32(tkhd, wide ? field::kTkhdTrackIdV1 : field::kTkhdTrackId);
         info->Rotation = RotationOf(tkhd + (wide ? field::kTkhdMatrixV1 : field::kTkhdMatrix));
     }
+    const AtomNode *mdhdAtom = NodeAt(trak, {"mdia", "mdhd"});
     if (const uint8_t *mdhd = RecordAt(trak, {"mdia", "mdhd"})) {
-        const bool wide = IsVersion1(mdhd);
+        const bool wide = IsVersion1(mdhdAtom);
         info->Timescale = GetBE32(mdhd, wide ? field::kMdhdTimescaleV1 : field::kMdhdTimescale);
         LanguageOf(GetBE16(mdhd, wide ? field::kMdhdLanguageV1 : field::kMdhdLanguage),
                    info->Language);
@@ -100,10 +102,11 @@ void FillEdits(const AtomNode *moov, const AtomNode *trak, MP4TrackInfo *info) {
     const uint8_t *entries = EntriesAt(elst);
     const uint8_t *mvhd = RecordAt(moov, {"mvhd"});
     if (entries == nullptr || mvhd == nullptr) return;
-    const bool wide = IsVersion1(elst->realStructure);
+    const bool wide = IsVersion1(elst);
     const uint32_t count = GetBE32(elst->realStructure, field::kTableEntryCount);
     const uint32_t movieScale =
-        GetBE32(mvhd, IsVersion1(mvhd) ? field::kMvhdTimescaleV1 : field::kMvhdTimescale);
+        GetBE32(mvhd, IsVersion1(NodeAt(moov, {"mvhd"})) ? field::kMvhdTimescaleV1
+                                                         : field::kMvhdTimescale);
     uint64_t empty = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const uint8_t *entry = entries + size_t(i) * (wide ? 20 : 12);
@@ -126,9 +129,7 @@ void FillEntry(const AtomNode *entry, MP4TrackInfo *info) {
     info->PixelAspectV = 1;
     if (entry == nullptr) return;
     std::memcpy(info->Format, entry->AtomName, 4);
-    AtomSchema schema{};
-    const bool laidOut = GetAtomSchema(entry, &schema) > 0 && schema.ChildOffset != 0;
-    if (laidOut && info->TrackType == MP4_TRACK_VIDEO && entry->realStructure != nullptr) {
+    if (info->TrackType == MP4_TRACK_VIDEO && RecordHolds(entry, field::kVisualHeight + 2)) {
         info->Width = GetBE16(entry->realStructure, field::kVisualWidth);
         info->Height = GetBE16(entry->realStructure, field::kVisualHeight);
     }
@@ -166,7 +167,7 @@ void FillCounts(const MP4_local_file *file, const AtomNode *trak, MP4TrackInfo *
             info->Duration +=
                 uint64_t(GetBE32(entries, size_t(i) * 8)) * GetBE32(entries, size_t(i) * 8 + 4);
     } else if (const uint8_t *mdhd = RecordAt(trak, {"mdia", "mdhd"})) {
-        info->Duration = IsVersion1(mdhd) ? GetBE64(mdhd, field::kMdhdDurationV1)
+        info->Duration = IsVersion1(NodeAt(trak, {"mdia", "mdhd"})) ? GetBE64(mdhd, field::kMdhdDurationV1)
                                           : GetBE32(mdhd, field::kMdhdDuration);
     }
 }
