@@ -41,6 +41,8 @@ int32_t ReadFirst(MP4_local_file *file) {
 TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
     MiniTrack zeroCount = VideoTrack(1, NumberedSamples(3));
     zeroCount.replace["stsz"] = StszConstant(1, 1000000000);
+    MiniTrack soundless = AudioTrack(1, NumberedSamples(3));
+    soundless.sampleEntry = Atom("mp4s", {Zeros(8)});
     struct Case {
         const char *name;
         Bytes file;
@@ -58,6 +60,7 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
          1, 0, 0},
         {"64-bit size below its head", Cat({U32(1), Text("mdat"), U32(0), U32(15)}), -96, 0, 0},
         {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1},
+        {"sound entry without sound fields", BuildMiniMp4({soundless}), 1, 1, 1},
         {"empty file", {}, -95, 0, 0},
     };
     for (const Case &c : cases) {
