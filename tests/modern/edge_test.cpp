@@ -2,7 +2,6 @@
 // modern handle, and the result codes of the calls by number.
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -164,43 +163,6 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(s.IsKeyFrame, 1);
     EXPECT_EQ(s.CompositionOffset, 0);
-}
-
-}  // namespace
-
-namespace {
-
-// Opens and reads every sample of every track of a file image; the results
-// don't matter, only that each call ends with a code.
-void OpenAndReadAll(const std::string &path) {
-    MP4_local_file *file = nullptr;
-    if (MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN) != 1) return;
-    uint32_t tracks = 0;
-    MP4GetTrackCount(file, &tracks);
-    for (uint32_t i = 0; i < tracks; ++i) {
-        MP4TrackInfo info{};
-        MP4GetTrackInfo(file, i, &info);
-        uint8_t *config = nullptr;
-        uint32_t size = 0;
-        if (MP4GetDecoderConfig(file, info.TrackId, info.TrackType, &config, &size) == 1)
-            MP4freeData(reinterpret_cast<void **>(&config));
-        for (uint32_t n = 0; n < info.SampleCount; ++n) {
-            MP4Sample *sample = nullptr;
-            MP4ReadSample(file, info.TrackId, info.TrackType, n, &sample);
-            SampleDataFree(&sample);
-        }
-    }
-    MP4FileClose(&file);
-}
-
-// The file is cut shorter byte by byte in place.
-TEST(ModernEdges, EveryPrefixOfAFixtureOpensAndReadsOrFails) {
-    const Bytes whole = Fixture("modern/h264_aac_faststart.mp4");
-    TempFile cut(whole);
-    for (size_t length = whole.size() + 1; length-- > 0;) {
-        ASSERT_EQ(truncate(cut.c_str(), off_t(length)), 0);
-        OpenAndReadAll(cut.path());
-    }
 }
 
 }  // namespace
