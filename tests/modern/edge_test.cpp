@@ -25,10 +25,12 @@ struct ModernFile {
     ~ModernFile() { MP4FileClose(&handle); }
 };
 
-// What the first sample of the track with ID 1 gives, through MP4ReadSample.
-int32_t ReadFirst(MP4_local_file *file) {
+// What the first sample of the first track gives, through MP4ReadSample,
+// and the track's sample count.
+int32_t ReadFirst(MP4_local_file *file, uint32_t *samples) {
     MP4TrackInfo info{};
     if (file == nullptr || MP4GetTrackInfo(file, 0, &info) != 1) return 0;
+    *samples = info.SampleCount;
     MP4Sample *sample = nullptr;
     const int32_t result = MP4ReadSample(file, info.TrackId, info.TrackType, 0, &sample);
     SampleDataFree(&sample);
@@ -40,6 +42,9 @@ int32_t ReadFirst(MP4_local_file *file) {
 TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
     MiniTrack zeroCount = VideoTrack(1, NumberedSamples(3));
     zeroCount.replace["stsz"] = StszConstant(1, 1000000000);
+    MiniTrack cut = VideoTrack(1, NumberedSamples(3));  // one chunk of two samples
+    cut.samplesPerChunk = 2;
+    cut.replace["stco"] = Stco({kMiniDataStart});
     MiniTrack soundless = AudioTrack(1, NumberedSamples(3));
     soundless.sampleEntry = Atom("mp4s", {Zeros(8)});
     struct Case {
@@ -48,18 +53,21 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         int32_t open;
         uint32_t tracks;
         int32_t first;  // MP4ReadSample of the first track's sample 0
+        uint32_t samples = 0;  // its sample count
     } cases[] = {
-        {"stz2 claims 10^9", Fixture("modern/claims_stz2_count.mp4"), 1, 1, -97},
-        {"co64 claims 10^9", Fixture("modern/claims_co64_count.mp4"), 1, 1, -97},
-        {"ctts claims 10^9", Fixture("modern/claims_ctts_count.mp4"), 1, 1, -97},
-        {"constant size times 10^9 passes the file", BuildMiniMp4({zeroCount}), 1, 1, -97},
+        {"stz2 claims 10^9", Fixture("modern/claims_stz2_count.mp4"), 1, 1, -97, 1000000000},
+        {"co64 claims 10^9", Fixture("modern/claims_co64_count.mp4"), 1, 1, -97, 3},
+        {"ctts claims 10^9", Fixture("modern/claims_ctts_count.mp4"), 1, 1, -97, 3},
+        {"constant size times 10^9 passes the file", BuildMiniMp4({zeroCount}), 1, 1, -97,
+         1000000000},
+        {"samples no chunk holds are cut off", BuildMiniMp4({cut}), 1, 1, 1, 2},
         {"top-level size below 8", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(3), Text("free")}),
          -96, 0, 0},
         {"size 0 at the top level", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(0), Text("mdat")}),
          1, 0, 0},
         {"64-bit size below its head", Cat({U32(1), Text("mdat"), U32(0), U32(15)}), -96, 0, 0},
-        {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1},
-        {"sound entry without sound fields", BuildMiniMp4({soundless}), 1, 1, 1},
+        {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1, 1},
+        {"sound entry without sound fields", BuildMiniMp4({soundless}), 1, 1, 1, 3},
         {"empty file", {}, -95, 0, 0},
     };
     for (const Case &c : cases) {
@@ -74,7 +82,9 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         MP4GetTrackCount(f.handle, &tracks);
         EXPECT_EQ(f.result, c.open);
         EXPECT_EQ(tracks, c.tracks);
-        EXPECT_EQ(ReadFirst(f.handle), c.first);
+        uint32_t samples = 0;
+        EXPECT_EQ(ReadFirst(f.handle, &samples), c.first);
+        EXPECT_EQ(samples, c.samples);
         EXPECT_LT(heap, 64u * 1024 + 2 * c.file.size());
         EXPECT_LT(took, std::chrono::milliseconds(50));
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
@@ -163,6 +173,12 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(s.IsKeyFrame, 1);
     EXPECT_EQ(s.CompositionOffset, 0);
+    Mp4MediaInfo *media = nullptr;  // the modern track record has its "mdhd" too
+    ASSERT_EQ(RetMp4MediaInfo(m, 1, MP4_TRACK_AUDIO, &media), 1);
+    EXPECT_EQ(media->Timescale, 44100u);
+    for (uint8_t **block : {&media->EsdsData, &media->D263Data, &media->DamrData})
+        MP4freeData(reinterpret_cast<void **>(block));
+    MP4freeData(reinterpret_cast<void **>(&media));
 }
 
 }  // namespace
