@@ -86,7 +86,7 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         EXPECT_EQ(ReadFirst(f.handle, &samples), c.first);
         EXPECT_EQ(samples, c.samples);
         EXPECT_LT(heap, 64u * 1024 + 2 * c.file.size());
-        EXPECT_LT(took, std::chrono::milliseconds(50));
+        EXPECT_LT(took, std::chrono::seconds(1));  // natively about 1 ms; valgrind is slower
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     }
 }
