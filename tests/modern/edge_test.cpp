@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 
+#include "atoms/atoms.h"
 #include "mp4core.h"
 #include "support/mini_mp4.h"
 #include "support/test_support.h"
@@ -179,6 +180,35 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     for (uint8_t **block : {&media->EsdsData, &media->D263Data, &media->DamrData})
         MP4freeData(reinterpret_cast<void **>(block));
     MP4freeData(reinterpret_cast<void **>(&media));
+}
+
+// Unknown atoms and leaves have no children; every "uuid" keeps its
+// 16-byte type; an "esds" with one-byte descriptor lengths gives its
+// AudioSpecificConfig.
+void CountUuids(const AtomNode *node, int *uuids) {
+    for (; node != nullptr; node = node->NextSibling) {
+        AtomSchema schema{};
+        const bool container = GetAtomSchema(node, &schema) > 0 && schema.ChildOffset > 0;
+        EXPECT_TRUE(container || node->FirstChild == nullptr) << node->AtomName;
+        if (AtomNameEquals(node->AtomName, "uuid") &&
+            Bytes(node->realStructure + 8, node->realStructure + 24) ==
+                Hex("be7acfcb 97a942e8 9c719994 91e3afac"))
+            ++*uuids;
+        CountUuids(node->FirstChild, uuids);
+    }
+}
+
+TEST(ModernEdges, OnlyContainersHaveChildrenAndUuidKeepsItsType) {
+    ModernFile f(Fixture("modern/uuid.mp4"));
+    int uuids = 0;
+    CountUuids(f.handle->RootAtom->FirstAtom, &uuids);
+    EXPECT_EQ(uuids, 7);
+    ModernFile audio(BuildMiniMp4({AudioTrack(1, NumberedSamples(3))}));
+    uint8_t *config = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(MP4GetDecoderConfig(audio.handle, 1, MP4_TRACK_AUDIO, &config, &size), 1);
+    EXPECT_EQ(Bytes(config, config + size), Hex("12 10"));
+    MP4freeData(reinterpret_cast<void **>(&config));
 }
 
 }  // namespace
