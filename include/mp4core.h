@@ -561,7 +561,8 @@ MP4CORE_API int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_
  * Results: 1 done; -99 file, data or size null, or trackId 0; -98 no
  * track of that ID and type; -97 the entry has no configuration (MP3,
  * PCM, an "esds" without DecoderSpecificInfo): nothing is allocated; -96
- * no memory; -95 the file holds fewer bytes than the atom claims.
+ * the file holds fewer bytes than the atom claims, or the atom claims more
+ * than 1 MiB; -95 no memory.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                         uint8_t **data, uint32_t *size);

@@ -13,8 +13,8 @@ namespace {
 constexpr int32_t kConfigBadArguments = -99;
 constexpr int32_t kConfigNoTrack = -98;
 constexpr int32_t kConfigNone = -97;
-constexpr int32_t kConfigNoMemory = -96;
-constexpr int32_t kConfigShortRead = -95;
+constexpr int32_t kConfigShortRead = -96;  // checked before the allocation, and after the read
+constexpr int32_t kConfigNoMemory = -95;
 
 // A configuration atom: its name, and whether version and flags stand in
 // front of the payload that a decoder takes.

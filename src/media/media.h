@@ -108,7 +108,7 @@ const AtomNode *FindTrakAtom(const Root_atom *root, uint32_t trackId, int32_t tr
 // The first sample entry of a "trak", or null.
 const AtomNode *FirstSampleEntry(const AtomNode *trak);
 // The decoder configuration of a sample entry (see MP4GetDecoderConfig):
-// 1 with a new block, -97 none, -96 no memory, -95 the file falls short.
+// 1 with a new block, -97 none, -96 the file falls short, -95 no memory.
 int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data,
                           uint32_t *size);
 // Sample rate and channels of an audio sample entry: from its decoder
