@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "atoms/atoms.h"
 #include "mp4core.h"
 #include "support/listing.h"
 #include "support/test_support.h"
@@ -166,22 +167,48 @@ TEST(ModernFixtures, EveryTrackReadsAsFfprobeListsIt) {
     for (const std::string &listing : files) CheckAgainstListings(listing.substr(0, listing.size() - 8));
 }
 
-// The file is cut shorter byte by byte in place; each cut opens and reads
-// every sample and configuration, or fails, with a code. Not under
-// valgrind, where the 12,000 opens would take minutes.
-TEST(ModernFixtures, EveryPrefixOfAFixtureOpensAndReadsOrFails) {
-    const char *preload = std::getenv("LD_PRELOAD");
-    if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) GTEST_SKIP();
-    const std::string path = ModernDir() + "/h264_aac_faststart.mp4";
+// Cuts of a fixture, each made in place on a copy: every one opens and
+// reads every sample and configuration, or fails, with a code.
+void ReadCuts(const std::string &path, const std::vector<uint64_t> &lengths) {
+    SCOPED_TRACE(path);
     const auto samples = Rows(path + ".samples");
     const auto streams = Rows(path + ".streams");
     TempFile cut(ReadWholeFile(path));
-    for (auto length = std::filesystem::file_size(path) + 1; length-- > 0;) {
+    for (uint64_t length : lengths) {
         std::filesystem::resize_file(cut.path(), length);
         Handle h(cut.path(), MP4_OPEN_MODERN);
         if (h.result != 1) continue;
         ReadListing(h.file, samples);
         ReadStreams(h.file, streams);
+    }
+}
+
+void AtomEnds(const AtomNode *node, int64_t size, std::vector<uint64_t> *lengths) {
+    for (; node != nullptr; node = node->NextSibling) {
+        for (int64_t end : {int64_t(node->AtomOffset), int64_t(node->AtomOffset + node->AtomSize)})
+            for (int64_t at : {end - 16, end - 1, end, end + 1, end + 16})
+                if (at >= 0 && at < size) lengths->push_back(uint64_t(at));
+        AtomEnds(node->FirstChild, size, lengths);
+    }
+}
+
+// Every prefix of one fixture, and cuts around every atom boundary of the
+// others. Not under valgrind, where the thousands of opens take minutes.
+TEST(ModernFixtures, EveryCutOpensAndReadsOrFails) {
+    const char *preload = std::getenv("LD_PRELOAD");
+    if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) GTEST_SKIP();
+    const std::string prefixed = ModernDir() + "/h264_aac_faststart.mp4";
+    std::vector<uint64_t> all(std::filesystem::file_size(prefixed));
+    for (size_t i = 0; i < all.size(); ++i) all[i] = all.size() - i;
+    ReadCuts(prefixed, all);
+    for (const std::string &listing : Listed(ModernDir(), ".samples")) {
+        const std::string path = listing.substr(0, listing.size() - 8);
+        Handle whole(path, MP4_OPEN_MODERN);
+        std::vector<uint64_t> lengths;
+        AtomEnds(whole.file->RootAtom->FirstAtom, int64_t(std::filesystem::file_size(path)),
+                 &lengths);
+        std::sort(lengths.rbegin(), lengths.rend());
+        ReadCuts(path, lengths);
     }
 }
 
