@@ -234,24 +234,24 @@ std::string ClassicView(const std::string &path, int64_t flags) {
         MP4GetTrackInfo(h.file, i, &info);
         out += Format("track %u type %d samples %u\n", info.TrackId, info.TrackType, info.SampleCount);
         if (info.TrackType != 1 && info.TrackType != 2) continue;
-        for (int32_t r = 1; r == 1 || r == -87 || r == -83 || r == -82;) {
+        for (int32_t r = 1; r == 1;) {
             MP4Sample *s = nullptr;
             r = GetNextSample(h.file, info.TrackId, info.TrackType, &s);
-            out += Format("%d", r);
-            if (r == 1) out += Format(" %u %u %u %08x", s->Time, s->Size, s->IsKeyFrame, Crc32(s->Data, s->Size));
-            out += "\n";
+            out += r != 1 ? Format("%d\n", r)
+                          : Format("%u %u %u %08x\n", s->Time, s->Size, s->IsKeyFrame,
+                                   Crc32(s->Data, s->Size));
             SampleDataFree(&s);
-            if (r != 1) break;
         }
     }
     return out;
 }
 
 TEST(ModernFixtures, OpenExWithoutFlagsIsTheClassicOpen) {
-    std::vector<std::string> files = Listed(ModernDir(), ".mp4");
-    for (const char *suffix : {".mp4", ".3gp", ".mov"})
-        for (const std::string &f : Listed(FixturePath(""), suffix)) files.push_back(f);
-    for (const std::string &f : Listed(ModernDir(), ".mov")) files.push_back(f);
+    std::vector<std::string> files;
+    for (const std::string &dir : {ModernDir(), FixturePath("")})
+        for (const char *extension : {".mp4", ".3gp", ".mov"})
+            for (const std::string &f : Listed(dir, extension)) files.push_back(f);
+    ASSERT_GE(files.size(), 40u);
     for (const std::string &path : files) {
         SCOPED_TRACE(path);
         testing::internal::CaptureStdout();
