@@ -1,7 +1,7 @@
-// MP4FileOpen and MP4FileClose on arbitrary input: the tree reader, the
-// validation, the records and the track loop, in every table mode and
-// with two bad ones. ExerciseHandle is where further calls on an open
-// handle go.
+// MP4FileOpen and MP4FileClose on arbitrary input, and MP4FileOpenEx with
+// the modern reader: the tree readers, the validation, the records and the
+// track loops, in every table mode and with two bad ones. ExerciseHandle is
+// where further calls on an open handle go.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,10 +19,20 @@ namespace {
 int g_fd = -1;
 std::string g_path;
 
-// Calls on a handle that opened with 1. Nothing yet beyond the open itself.
+// Calls on a handle that opened with 1: the track listing and the decoder
+// configurations, which read the tree (and the file) of either reader.
 void ExerciseHandle(MP4_local_file *file, int32_t tableMode) {
-    (void)file;
     (void)tableMode;
+    uint32_t count = 0;
+    MP4GetTrackCount(file, &count);
+    for (uint32_t i = 0; i < count; ++i) {
+        MP4TrackInfo info;
+        if (MP4GetTrackInfo(file, i, &info) != 1) __builtin_trap();
+        uint8_t *config = nullptr;
+        uint32_t size = 0;
+        if (MP4GetDecoderConfig(file, info.TrackId, info.TrackType, &config, &size) == 1)
+            MP4freeData(reinterpret_cast<void **>(&config));
+    }
 }
 
 }  // namespace
@@ -38,16 +48,20 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!WriteInput(g_fd, data, size)) return 0;
-    for (int32_t tableMode : {1, 2, 3, 0, 4}) {
-        MP4_local_file *file = nullptr;
-        const int32_t result = MP4FileOpen(&file, g_path.c_str(), tableMode);
-        if (result == 1) {
-            ExerciseHandle(file, tableMode);
-        } else if (file != nullptr) {
-            __builtin_trap();  // a failed open leaves no handle
+    for (uint32_t flags : {0u, uint32_t(MP4_OPEN_MODERN)}) {
+        for (int32_t tableMode : {1, 2, 3, 0, 4}) {
+            MP4_local_file *file = nullptr;
+            const int32_t result = flags == 0
+                                       ? MP4FileOpen(&file, g_path.c_str(), tableMode)
+                                       : MP4FileOpenEx(&file, g_path.c_str(), tableMode, flags);
+            if (result == 1) {
+                ExerciseHandle(file, tableMode);
+            } else if (file != nullptr) {
+                __builtin_trap();  // a failed open leaves no handle
+            }
+            MP4FileClose(&file);
+            if (file != nullptr) __builtin_trap();
         }
-        MP4FileClose(&file);
-        if (file != nullptr) __builtin_trap();
     }
     return 0;
 }

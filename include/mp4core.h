@@ -126,6 +126,54 @@ typedef struct IodConfigs {
     uint32_t AudioConfigSize;
 } IodConfigs;
 
+/* Flags of MP4FileOpenEx. */
+enum { MP4_OPEN_MODERN = 1 };
+
+/* Flags of MP4FindSample. */
+enum { MP4_FIND_KEY = 1 };
+
+/* A track as MP4GetTrackInfo describes it. Four-character fields have no
+ * terminator. 120 bytes; Reserved is zero and stays for later fields. */
+typedef struct MP4TrackInfo {
+    uint32_t TrackId;        /* "tkhd"; 0 for a "trak" without one */
+    int32_t TrackType;       /* 1 video, 2 audio, 3 hint, 4 object descriptor,
+                                5 scene description, 0 any other handler */
+    char Handler[4];         /* "hdlr" handler type, e.g. "vide" */
+    char Format[4];          /* first sample entry, e.g. "avc1"; of a protected
+                                entry ("encv", "enca") the original format */
+    uint32_t SampleCount;    /* samples the reader knows; a track without
+                                tables: what its "stsz" says, or 0 */
+    uint32_t Timescale;      /* "mdhd" ticks per second */
+    uint64_t Duration;       /* sum of the sample durations, in ticks */
+    uint32_t Width;          /* picture size of the sample entry; 0 for audio */
+    uint32_t Height;
+    uint32_t Rotation;       /* 0, 90, 180 or 270, from the "tkhd" matrix */
+    uint32_t PixelAspectH;   /* "pasp"; 1:1 without */
+    uint32_t PixelAspectV;
+    uint32_t SampleRate;     /* audio, from the decoder configuration where
+                                the entry has one; 0 for video */
+    uint32_t Channels;
+    char Language[4];        /* "mdhd" language, three letters and a 0 */
+    uint8_t Encrypted;       /* 1: a protected sample entry */
+    uint8_t Pad[3];
+    char Scheme[4];          /* "schm" scheme type; zeros without */
+    int64_t EditMediaTime;   /* media time of the first non-empty edit; -1
+                                without an edit list */
+    uint64_t EditDelay;      /* leading empty edits, in media ticks */
+    uint32_t Reserved[8];
+} MP4TrackInfo;
+
+/* One sample as MP4GetSampleInfo describes it, without its bytes. 32
+ * bytes. */
+typedef struct MP4SampleInfo {
+    uint64_t FileOffset;
+    uint64_t DecodeTime;        /* ticks from the track's first sample */
+    int32_t CompositionOffset;  /* presentation minus decoding time ("ctts") */
+    uint32_t Size;
+    uint8_t IsKeyFrame;         /* sync sample */
+    uint8_t Pad[7];
+} MP4SampleInfo;
+
 /* The frame record that Mp4VideoSeek hands to decore: four machine words.
  * Word 0 holds the address of the sample's bytes; word 1 comes back to the
  * caller; words 2 and 3 pass through unchanged. */
@@ -172,6 +220,32 @@ int32_t decore(uint32_t command, DecoreFrame *frame, void *context);
  * description track.
  * Threads: any; opens of different files may run at the same time. */
 MP4CORE_API int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode);
+
+/* MP4FileOpenEx opens a file for reading as MP4FileOpen does, with a
+ * choice of reader.
+ *   flags  0: exactly MP4FileOpen (same results, messages and tables).
+ *          MP4_OPEN_MODERN: the modern reader. It reads what today's
+ *          encoders write: atoms it doesn't know are passed over by their
+ *          size and never end their container's scan; 64-bit and
+ *          to-the-end atom sizes; version 1 headers; "co64", "stz2",
+ *          "ctts"; any sample entry (a "vide" track is video and a "soun"
+ *          track audio whatever their format; tracks of other handlers
+ *          are listed with type 0 and read by number); files of any
+ *          size. Without "stss" every sample is a sync sample. Edit lists
+ *          are not applied to the samples (MP4GetTrackInfo reports them).
+ *          It prints nothing.
+ * The handle is a read handle for MP4FileClose and every reading call.
+ * On a modern handle their 32-bit times are compared with the track's
+ * 64-bit times (so they reach the first 2^31 ticks; MP4FindSample reaches
+ * the rest), MP4Sample.Time carries the low 32 bits of the decoding time,
+ * a video track of one sample reads its sample, and a sample of size 0
+ * gives its size code (-87 video, -83 audio) and the cursor moves on.
+ * Results: -100 flags holds a bit other than MP4_OPEN_MODERN (checked
+ * first; *file is not written); otherwise those of MP4FileOpen, where the
+ * modern reader opens files of 2 GiB and more too.
+ * Threads: as MP4FileOpen. */
+MP4CORE_API int32_t MP4FileOpenEx(MP4_local_file **file, const char *path, int32_t tableMode,
+                                  uint32_t flags);
 
 /* MP4FileClose ends a read handle: releases its tracks, its atom tree, the
  * block of EncryptMp4Iod, and closes the file; then nulls *file. Samples
@@ -425,6 +499,77 @@ MP4CORE_API int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize,
  * Threads: the handle's thread. */
 MP4CORE_API int32_t AddAudioFrame(MP4_local_file *file, uint32_t frameSize,
                                   const uint8_t *frameData, uint32_t timeStamp);
+
+/* ---- Tracks and samples by number ------------------------------------- */
+
+/* The calls below work on classic and modern read handles. None of them
+ * moves the track in use; only MP4ReadSample moves a cursor. Their
+ * trackType is that of MP4TrackInfo: 1 video, 2 audio, and 0, 3, 4, 5 for
+ * the tracks of other handlers (a classic handle has tables for video and
+ * audio only). */
+
+/* MP4GetTrackCount gives the number of "trak" atoms of the file's "moov".
+ * Results: 1 done; -99 file or count null.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetTrackCount(MP4_local_file *file, uint32_t *count);
+
+/* MP4GetTrackInfo describes the track at index (from 0, in the order of the
+ * "trak" atoms; every "trak" is listed, also one without tables).
+ *   info  the caller's record; zeroed and filled on result 1.
+ * Results: 1 done; -99 file or info null; -98 index is not below the
+ * track count.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetTrackInfo(MP4_local_file *file, uint32_t index, MP4TrackInfo *info);
+
+/* MP4GetSampleInfo describes sample sampleNumber of a track without
+ * reading its bytes. On a classic handle IsKeyFrame is the classic mark
+ * and CompositionOffset 0.
+ * Results: 1 done; -99 file or info null, or trackId 0; -98 no track of
+ * that ID and type; -97 the track has no sample table; -96 sampleNumber is
+ * not below the track's sample count.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetSampleInfo(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                     uint32_t sampleNumber, MP4SampleInfo *info);
+
+/* MP4ReadSample reads sample sampleNumber of a track into a new MP4Sample
+ * (released with SampleDataFree). Afterwards the cursor of a video or
+ * audio track stands behind it, as after GetSample.
+ * Results: 1 done; -99 file or sample null, or trackId 0; -98 no track of
+ * that ID and type; -97 the track has no sample table; -96 sampleNumber is
+ * not below the sample count; -95 no memory for the record; -94 the
+ * sample's size is 0; -93 no memory for its bytes; -92 the file holds
+ * fewer bytes than the sample needs. The cursor moves on -94 to -92 too.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4ReadSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                  uint32_t sampleNumber, MP4Sample **sample);
+
+/* MP4FindSample gives the number of the last sample whose decoding time is
+ * at or before time (ticks, 64 bits); with MP4_FIND_KEY in flags the last
+ * sync sample at or before it.
+ * Results: 1 done; -99 file or sampleNumber null, or trackId 0; -98 flags
+ * holds an unknown bit; -97 no track of that ID and type; -96 the track
+ * has no sample table; -95 no such sample (no samples, or no sync sample
+ * at or before time).
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                  uint64_t time, uint32_t flags, uint32_t *sampleNumber);
+
+/* MP4GetDecoderConfig gives the decoder configuration of a track's first
+ * sample entry: the payload of its configuration atom behind the 8-byte
+ * head (and behind version and flags for "vpcC" and "dfLa"): "avcC",
+ * "hvcC", "av1C", "vpcC", "dOps", "dac3", "dec3", "dfLa", "alac", "d263",
+ * "damr"; for "esds" the DecoderSpecificInfo (the AudioSpecificConfig, the
+ * MPEG-4 video headers).
+ *   data  receives one new block (release with MP4freeData) on result 1.
+ *   size  receives its length on result 1.
+ * Results: 1 done; -99 file, data or size null, or trackId 0; -98 no
+ * track of that ID and type; -97 the entry has no configuration (MP3,
+ * PCM, an "esds" without DecoderSpecificInfo): nothing is allocated; -96
+ * the file holds fewer bytes than the atom claims, or the atom claims more
+ * than 1 MiB; -95 no memory.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                        uint8_t **data, uint32_t *size);
 
 /* ---- Description ------------------------------------------------------ */
 

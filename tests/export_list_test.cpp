@@ -20,6 +20,10 @@ const std::set<std::string> kApi = {
     "Mp4VideoSeek",  "CreateTrack",      "AddVideoFrame",      "AddAudioFrame",
     "RetMp4MediaInfo", "GetFileInfo",    "AAC_EsdsToAdtsHead", "GetM4vHeaderSize",
     "EncryptMp4Iod", "DecryptMp4Iod",
+    // Beside the 22: the modern reader and the calls by track and sample
+    // number.
+    "MP4FileOpenEx", "MP4GetTrackCount", "MP4GetTrackInfo", "MP4GetSampleInfo",
+    "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig",
 };
 
 TEST(ExportList, ExactlyTheApiAsFunctionsDecoreWeakAndTheSoname) {

@@ -61,8 +61,9 @@ void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSche
 }
 
 void PrintAtom(const MP4_local_file *file, const AtomNode *node, uint32_t depth) {
-    std::printf("%*s[%s] offset=%u size=%u depth=%u", int(depth * 2), "", node->AtomName,
-                node->AtomOffset, node->AtomSize, depth);
+    std::printf("%*s[%s] offset=%llu size=%llu depth=%u", int(depth * 2), "", node->AtomName,
+                static_cast<unsigned long long>(node->AtomOffset),
+                static_cast<unsigned long long>(node->AtomSize), depth);
     AtomSchema schema{};
     const int32_t known = GetAtomSchema(node, &schema);
     if (known > 0) {
@@ -88,7 +89,7 @@ int RunDump(const Arguments &arguments) {
     const int32_t result = MP4FileOpen(&file, arguments.operands[0], MP4_TABLE_KEYFRAMES);
     std::printf("\nMP4FileOpen: %d\n", result);
     if (result != 1) return ReportFailure(kDumpCommand.name, "MP4FileOpen", result);
-    std::printf("file size: %u\n", file->RootAtom->FileSize);
+    std::printf("file size: %llu\n", static_cast<unsigned long long>(file->RootAtom->FileSize));
     PrintTree(file, file->RootAtom->FirstAtom, 0);
     MP4FileClose(&file);
     return 0;

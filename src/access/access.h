@@ -55,10 +55,15 @@ int32_t CheckTrackTables(const AccessTrack &track, const TableCodes &codes, Trac
 // first entry, or no entries) to count - 1.
 int32_t SearchSampleTime(const SampleRecord *records, uint32_t count, int32_t time);
 int32_t SearchKeyFrameTime(const KeyFrameRecord *records, uint32_t count, int32_t time);
+// The same over a track's samples and its KeyFrameTable (`count` records
+// in use), by SampleTimeKey: on a classic handle exactly the searches
+// above, on a modern one over 64-bit times.
+int32_t SearchTrackTime(const TrackNode *node, int64_t time);
+int32_t SearchTrackKeyFrames(const TrackNode *node, uint32_t count, int64_t time);
 // The sample that GetSample chooses for `time`: 0 for a time at or below
-// 0, the last sample for a time at or above its Time, else the search.
+// 0, the last sample for a time at or above its time, else the search.
 // Needs SampleCount of at least 1.
-uint32_t ChooseSampleAtTime(const TrackNode *node, int32_t time);
+uint32_t ChooseSampleAtTime(const TrackNode *node, int64_t time);
 
 // ---- Reading the sample under the cursor (sample_read.cpp) -----------------
 
@@ -111,7 +116,7 @@ uint32_t UsedKeyFrames(const TrackNode *node);
 // `search` + 1 (`search` is the time search's answer). A track without key
 // frames, or a `chosen` outside the records in use, lands on sample 0.
 // Needs SampleCount of at least 1.
-void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int32_t time,
+void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int64_t time,
                           int32_t search, int32_t chosen);
 // The nearest sample at or before `from` marked IsKeyFrame, or -1.
 int32_t LastKeyMarkAtOrBefore(const TrackNode *node, int32_t from);

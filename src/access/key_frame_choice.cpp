@@ -14,11 +14,11 @@ uint32_t UsedKeyFrames(const TrackNode *node) {
     return std::min(node->KeyFrameCount, node->KeyFrameCapacity);
 }
 
-void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int32_t time,
+void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int64_t time,
                           int32_t search, int32_t chosen) {
     const KeyFrameRecord *keys = node->KeyFrameRecords;
     const int32_t count = int32_t(std::min<uint32_t>(UsedKeyFrames(node), INT32_MAX));
-    const int32_t last = int32_t(node->SampleRecords[node->SampleCount - 1].Time);
+    const int64_t last = SampleTimeKey(node, node->SampleCount - 1);
     // Without key frames, and before the first one, the track starts over
     // at sample 0, as the walk over the marks does.
     if (count == 0) {

@@ -17,10 +17,10 @@ constexpr ReadCodes kStepReadCodes{-88, -89, -87};
 // A cursor on a key frame lands on that key frame in both directions.
 void ChooseByTable(VideoTrackNode *record, const TrackNode *node, int32_t cursor,
                    Direction direction) {
-    const int32_t time = int32_t(node->SampleRecords[cursor].Time);
-    const int32_t last = int32_t(node->SampleRecords[node->SampleCount - 1].Time);
+    const int64_t time = SampleTimeKey(node, uint32_t(cursor));
+    const int64_t last = SampleTimeKey(node, node->SampleCount - 1);
     const int32_t count = int32_t(UsedKeyFrames(node));
-    const int32_t search = SearchKeyFrameTime(node->KeyFrameRecords, uint32_t(count), time);
+    const int32_t search = SearchTrackKeyFrames(node, uint32_t(count), time);
     const bool onKey = node->SampleRecords[cursor].IsKeyFrame == 1;
     if (onKey || direction == Direction::Next) {
         // Forward from a non-key sample: the key frame behind the one at or

@@ -22,14 +22,20 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     sample->Time = record.Time;
     sample->Size = record.Size;
     sample->IsKeyFrame = record.IsKeyFrame;
-    if (record.Size == 0) return codes.ZeroSize;
+    // On a modern handle an empty sample is passed over like one the file
+    // can't give, so that a reading loop moves on.
+    if (record.Size == 0) {
+        if (node->Modern) SetCursor(track, cursor + 1);
+        return codes.ZeroSize;
+    }
 
     // A sample that the file can't hold whole would only come back short:
     // it is passed over without allocating its size. A sample past the size
     // measured at the open asks the file again, since another process may
     // still be appending to it.
     Root_atom *root = file->RootAtom;
-    const uint64_t end = uint64_t(record.FileOffset) + record.Size;
+    const uint64_t offset = SampleFileOffset(record);
+    const uint64_t end = offset + record.Size;
     if (end > root->FileSize && end > FileSizeNow(root->FileStream)) {
         SetCursor(track, cursor + 1);
         return codes.ShortRead;
@@ -39,7 +45,7 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     SetCursor(track, cursor + 1);
     // Samples lie mostly in file order: the handle's read-ahead window serves
     // a run of them with one read of the file.
-    if (ReadAheadAt(&file->read.SampleWindow, root, record.FileOffset, sample->Data,
+    if (ReadAheadAt(&file->read.SampleWindow, root, offset, sample->Data,
                     record.Size) != record.Size)
         return codes.ShortRead;
     return 1;

@@ -18,7 +18,7 @@ void ChooseSeekSample(const AccessTrack &track, TrackNode *node, int32_t time) {
         return;
     }
     if (HasKeyFrameTable(node)) {
-        int32_t search = SearchKeyFrameTime(node->KeyFrameRecords, UsedKeyFrames(node), time);
+        int32_t search = SearchTrackKeyFrames(node, UsedKeyFrames(node), time);
         LandOnKeyFrameRecord(track.Video, node, time, search, search);
         return;
     }

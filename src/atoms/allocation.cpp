@@ -32,8 +32,7 @@ int32_t AllocAtomRecord(uint32_t size, const char *name, uint8_t **record) {
 // Atoms without a schema ("free", "root", names the catalogue doesn't
 // hold) get the 8-byte record of a bare head, as "skip" has.
 int32_t AllocNodeRecord(AtomNode *node) {
-    AtomSchema schema{};
-    size_t size = GetAtomSchema(node, &schema) > 0 ? RecordAllocSize(schema) : kBareHeadLength;
+    const size_t size = NodeAllocSize(node);
     uint8_t *record = nullptr;
     if (AllocAtomRecord(uint32_t(size), node->AtomName, &record) != 1) return -99;
     node->realStructure = record;

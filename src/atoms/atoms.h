@@ -10,10 +10,16 @@
 #include "atoms/fields.h"
 #include "frame/frame.h"
 
+// Which reader made a node, and so which rows of the catalogue describe it.
+// Zeroed nodes (templates, the classic reader's) are classic.
+enum AtomReader : uint8_t { kClassicReader = 0, kModernReader = 1 };
+
 struct AtomNode {
-    uint32_t AtomSize;      // whole atom, head included; 0 in a template node
+    uint64_t AtomSize;      // whole atom, head included; 0 in a template node
     char AtomName[5];       // four name bytes and a terminator
-    uint32_t AtomOffset;    // file offset of the size field; 0 in a template node
+    uint8_t Reader;         // AtomReader
+    uint8_t LargeHead;      // 8 when a 64-bit size follows the name, else 0
+    uint64_t AtomOffset;    // file offset of the size field; 0 in a template node
     AtomNode *NextSibling;
     AtomNode *ParentAtom;
     AtomNode *FirstChild;
@@ -28,6 +34,14 @@ struct ChildRule {
     char ChildName[4];
 };
 
+// How the modern reader finds where a container's children begin, beyond
+// the fixed ChildOffset.
+enum class ChildPlacement : uint8_t {
+    kFixed,          // ChildOffset
+    kSoundVersion,   // sound sample entry: 36, 52 or 72 by its version (u16 at 16)
+    kMetaProbe,      // "meta": 12 (a full atom), or 8 when "hdlr" follows at once
+};
+
 struct AtomSchema {
     uint32_t ChildOffset;  // bytes from the atom's start to its first child; 0: a leaf
     uint32_t RecordSize;   // as the catalogue states it, pointer field counted as 4
@@ -36,16 +50,25 @@ struct AtomSchema {
     uint32_t EntrySize;    // 0: no variable part; 1 for a string
     uint32_t RuleCount;
     ChildRule ChildRules[kMaxChildRules];  // rules 1..RuleCount at index 0..RuleCount-1
+    // Modern reader only: the layout of version 1 of the atom (0: as
+    // version 0), and where its children begin.
+    uint32_t RecordSizeV1;
+    uint32_t EntrySizeV1;
+    ChildPlacement Placement;
 };
 
 // ---- Catalogue (catalogue.cpp) ------------------------------------------
 
 // 1: known, schema filled; 0: "root", only the rules filled; -1: no entry
 // (unknown or "free"), schema untouched.
+// A node is looked up in the rows of the reader that made it; by name, in
+// the classic rows unless a reader is given.
 int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema);
-int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema);
-// 1 for every catalogue name and "free", 0 for "root", -1 otherwise.
-int32_t IsKnownAtomName(const char *name);
+int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema,
+                            AtomReader reader = kClassicReader);
+// 1 for every catalogue name of the reader and "free", 0 for "root", -1
+// otherwise.
+int32_t IsKnownAtomName(const char *name, AtomReader reader = kClassicReader);
 bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, const char *name,
                   AtomSchema *schema);
 
@@ -58,6 +81,20 @@ uint32_t RecordHeadLength(const AtomSchema &schema);
 size_t RecordAllocSize(const AtomSchema &schema);
 // Head length and allocation size for any node, schema or not.
 uint32_t NodeHeadLength(const AtomNode *node);
+// The version of a full atom as its record holds it: on the modern path
+// the byte behind the head, on the classic path always 0 (the data model
+// has no version 1 layouts, and its records have no room for them).
+uint8_t NodeVersion(const AtomNode *node);
+// Whether a node has a record of at least `bytes` bytes, so that fields up
+// to there can be read from it.
+bool RecordHolds(const AtomNode *node, size_t bytes);
+// Bytes a node's record takes: its schema's allocation, on the modern path
+// the larger of the version 0 and version 1 heads.
+size_t NodeAllocSize(const AtomNode *node);
+// Where the head of a modern node's version lies: its record length and
+// the size of a table entry.
+uint32_t VersionHeadLength(const AtomSchema &schema, uint8_t version);
+uint32_t VersionEntrySize(const AtomSchema &schema, uint8_t version);
 // The pointer field of a record; null when the atom has none.
 void *GetRecordPointer(const AtomNode *node);
 void SetRecordPointer(AtomNode *node, void *pointer);
@@ -68,8 +105,23 @@ void SetRecordPointer(AtomNode *node, void *pointer);
 // need 8 levels.
 constexpr uint32_t kMaxAtomDepth = 32;
 
-int32_t ReadAtomTree(Root_atom *root);
-int32_t ReadTopLevelAtoms(Root_atom *root);
+// What a reader makes of the heads it meets. The classic reader knows its
+// catalogue rows only: an unknown name ends its container's scan, sizes
+// are the 32-bit field alone. The modern reader keeps an unknown atom as an
+// opaque leaf and goes on, takes a size of 1 as a 64-bit size behind the
+// name and a size of 0 as "to the end of the parent (or of the file)", and
+// prints nothing.
+struct TreeRules {
+    AtomReader Reader;
+    bool UnknownEndsScan;
+    bool WideSizes;
+    bool Quiet;
+};
+constexpr TreeRules kClassicTreeRules{kClassicReader, true, false, false};
+constexpr TreeRules kModernTreeRules{kModernReader, false, true, true};
+
+int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules = kClassicTreeRules);
+int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules = kClassicTreeRules);
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset);
 
 // ---- Validation (validation.cpp) -----------------------------------------
@@ -87,6 +139,9 @@ int32_t AllocTreeRecords(Root_atom *root);
 // ---- Payload records (records.cpp) ---------------------------------------
 
 int32_t ExtractTreeRecords(Root_atom *root);
+// The modern path: heads by version and bounded by the atom, tables that
+// fit their atom, no messages.
+int32_t ExtractModernTreeRecords(Root_atom *root);
 int32_t ExtractChildRecords(AtomNode *node, FILE *stream);
 int32_t ReadRecordHead(uint32_t byteCount, AtomNode *node, FILE *stream, uint8_t *record);
 int32_t ExtractVariablePart(AtomNode *node, const AtomSchema *schema, FILE *stream);

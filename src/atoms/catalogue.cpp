@@ -17,6 +17,11 @@ struct Rule {
 
 constexpr size_t kRowRules = 12;  // the longest list ("hinf") has 12 rules
 
+// Which reader knows a row: the classic rows are the data model's and both
+// readers know them; the modern reader alone knows the atoms of today's
+// files (sample entries of newer codecs, "stz2", "meta", "uuid", ...).
+enum KnownBy : uint8_t { kBothReaders = 0, kModernOnly = 1 };
+
 struct CatalogueRow {
     char name[5];
     uint32_t childOffset;
@@ -25,10 +30,29 @@ struct CatalogueRow {
     uint8_t hasString;
     uint32_t entrySize;
     Rule rules[kRowRules];
+    KnownBy knownBy = kBothReaders;
+    // Modern reader: version 1 layout (0: as version 0) and child placement.
+    uint32_t recordSizeV1 = 0;
+    uint32_t entrySizeV1 = 0;
+    ChildPlacement placement = ChildPlacement::kFixed;
 };
+
+constexpr KnownBy kModern = kModernOnly;
+constexpr ChildPlacement kSound = ChildPlacement::kSoundVersion;
+constexpr ChildPlacement kFixed = ChildPlacement::kFixed;
 
 // Sorted by the four name bytes, so that a lookup can bisect.
 constexpr CatalogueRow kCatalogue[] = {
+    {".mp3", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"Opus", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"ac-3", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"alac", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"alaw", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"av01", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"avc1", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"avc2", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"avc3", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"avc4", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"co64", 0, 20, 1, 0, 8, {}},
     {"cprt", 0, 16, 0, 0, 0, {}},
     {"ctts", 0, 20, 1, 0, 8, {}},
@@ -41,11 +65,23 @@ constexpr CatalogueRow kCatalogue[] = {
     {"dpnd", 0, 12, 1, 0, 4, {}},
     {"dref", 16, 16, 0, 0, 0, {{"url ", kAny, 0}, {"urn ", kAny, 0}}},
     {"drep", 0, 16, 0, 0, 0, {}},
+    {"dvh1", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"dvhe", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"ec-3", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"edts", 8, 8, 0, 0, 0, {{"elst", 1, kReq}}},
-    {"elst", 0, 20, 1, 0, 12, {}},
+    {"elst", 0, 20, 1, 0, 12, {}, kBothReaders, 0, 20, kFixed},
+    {"enca", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"encv", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"esds", 0, 228, 0, 0, 0, {}},
+    {"fLaC", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"fl32", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"fl64", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"fpcm", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"frma", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"ftyp", 0, 20, 0, 0, 0, {}},
+    {"h263", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"hdlr", 0, 36, 0, 0, 0, {}},
+    {"hev1", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"hinf", 8, 8, 0, 0, 0,
      {{"trpy", 1, 0}, {"nump", 1, 0}, {"tpyl", 1, 0}, {"maxr", kAny, 0}, {"dmed", 1, 0},
       {"dimm", 1, 0}, {"drep", 1, 0}, {"tmin", 1, 0}, {"tmax", 1, 0}, {"pmax", 1, 0},
@@ -53,38 +89,54 @@ constexpr CatalogueRow kCatalogue[] = {
     {"hint", 0, 12, 1, 0, 4, {}},
     {"hmhd", 0, 28, 0, 0, 0, {}},
     {"hnti", 8, 8, 0, 0, 0, {{"sdp ", 1, 0}, {"rtp ", 1, 0}}},
+    {"hvc1", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"ilst", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"in24", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"in32", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"iods", 0, 44, 0, 0, 0, {}},
+    {"ipcm", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"ipir", 0, 12, 1, 0, 4, {}},
+    {"jpeg", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"lpcm", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"maxr", 0, 16, 0, 0, 0, {}},
     {"mdat", 0, 8, 0, 0, 0, {}},
-    {"mdhd", 0, 32, 0, 0, 0, {}},
+    {"mdhd", 0, 32, 0, 0, 0, {}, kBothReaders, 44, 0, kFixed},
     {"mdia", 8, 8, 0, 0, 0, {{"mdhd", 1, kReq}, {"hdlr", 1, kReq}, {"minf", 1, kReq}}},
+    {"meta", 12, 12, 0, 0, 0, {}, kModern, 0, 0, ChildPlacement::kMetaProbe},
     {"mfhd", 0, 16, 0, 0, 0, {}},
     {"minf", 8, 8, 0, 0, 0,
      {{"vmhd", 1, 0}, {"smhd", 1, 0}, {"hmhd", 1, 0}, {"nmhd", 1, 0}, {"dinf", 1, kReq},
       {"stbl", 1, kReq}}},
+    {"mjp2", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"moof", 8, 8, 0, 0, 0, {{"mfhd", 1, kReq}, {"traf", kAny, 0}}},
     {"moov", 8, 8, 0, 0, 0,
      {{"mvhd", 1, kReq}, {"iods", 1, 0}, {"trak", kAny, kReq}, {"udta", kAny, 0},
       {"mvex", 1, 0}}},
-    {"mp4a", 36, 36, 0, 0, 0, {{"esds", 1, kReq}}},
+    {"mp3 ", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"mp4a", 36, 36, 0, 0, 0, {{"esds", 1, kReq}}, kBothReaders, 0, 0, kSound},
     {"mp4s", 16, 16, 0, 0, 0, {{"esds", 1, kReq}}},
     {"mp4v", 86, 88, 0, 0, 0, {{"esds", 1, kReq}}},
     {"mpod", 0, 12, 1, 0, 4, {}},
     {"mvex", 8, 8, 0, 0, 0, {{"trex", kAny, kReq}}},
-    {"mvhd", 0, 108, 0, 0, 0, {}},
+    {"mvhd", 0, 108, 0, 0, 0, {}, kBothReaders, 120, 0, kFixed},
     {"nmhd", 0, 12, 0, 0, 0, {}},
     {"nump", 0, 16, 0, 0, 0, {}},
+    {"pasp", 0, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"payt", 0, 12, 0, 1, 0, {}},
     {"pmax", 0, 12, 0, 0, 0, {}},
+    {"raw ", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"rtp ", 24, 24, 0, 0, 0, {{"tims", 1, kReq}, {"tsro", 1, 0}, {"snro", 1, 0}}},
     {"s263", 86, 88, 0, 0, 0, {{"d263", 1, kReq}}},
-    {"samr", 36, 36, 0, 0, 0, {{"damr", 1, kReq}}},
-    {"sawb", 36, 36, 0, 0, 0, {{"damr", 1, kReq}}},
+    {"samr", 36, 36, 0, 0, 0, {{"damr", 1, kReq}}, kBothReaders, 0, 0, kSound},
+    {"sawb", 36, 36, 0, 0, 0, {{"damr", 1, kReq}}, kBothReaders, 0, 0, kSound},
+    {"schi", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"schm", 0, 20, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"sdp ", 0, 12, 0, 1, 1, {}},
+    {"sinf", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"skip", 0, 8, 0, 0, 0, {}},
     {"smhd", 0, 16, 0, 0, 0, {}},
     {"snro", 0, 12, 0, 0, 0, {}},
+    {"sowt", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"stbl", 8, 8, 0, 0, 0,
      {{"stsd", 1, kReq}, {"stts", 1, kReq}, {"ctts", 1, 0}, {"stsz", 1, kReq}, {"stsc", 1, kReq},
       {"stco", 1, 0}, {"co64", 1, 0}, {"stss", 1, 0}, {"stsh", 1, 0}, {"stdp", 1, 0}}},
@@ -98,10 +150,11 @@ constexpr CatalogueRow kCatalogue[] = {
     {"stss", 0, 20, 1, 0, 4, {}},
     {"stsz", 0, 24, 1, 0, 4, {}},
     {"stts", 0, 20, 1, 0, 8, {}},
+    {"stz2", 0, 24, 1, 0, 1, {}, kModern, 0, 0, kFixed},
     {"sync", 0, 12, 1, 0, 4, {}},
     {"tfhd", 0, 16, 0, 0, 0, {}},
     {"tims", 0, 12, 0, 0, 0, {}},
-    {"tkhd", 0, 92, 0, 0, 0, {}},
+    {"tkhd", 0, 92, 0, 0, 0, {}, kBothReaders, 104, 0, kFixed},
     {"tmax", 0, 12, 0, 0, 0, {}},
     {"tmin", 0, 12, 0, 0, 0, {}},
     {"tpyl", 0, 16, 0, 0, 0, {}},
@@ -114,14 +167,39 @@ constexpr CatalogueRow kCatalogue[] = {
     {"trpy", 0, 16, 0, 0, 0, {}},
     {"trun", 0, 16, 0, 0, 0, {}},
     {"tsro", 0, 12, 0, 0, 0, {}},
+    {"twos", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"udta", 8, 8, 0, 0, 0, {{"cprt", kAny, 0}, {"hnti", 1, 0}, {"hinf", 1, 0}}},
+    {"ulaw", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"url ", 0, 16, 0, 1, 1, {}},
     {"urn ", 0, 16, 0, 1, 1, {}},
+    {"uuid", 0, 24, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"vmhd", 0, 20, 0, 0, 0, {}},
+    {"vp08", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"vp09", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"wave", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
 };
 
 constexpr size_t kCatalogueRows = sizeof(kCatalogue) / sizeof(kCatalogue[0]);
-static_assert(kCatalogueRows == 76, "the catalogue has 76 rows");
+
+constexpr size_t CountRows(KnownBy knownBy) {
+    size_t count = 0;
+    for (const CatalogueRow &row : kCatalogue) count += row.knownBy == knownBy ? 1 : 0;
+    return count;
+}
+static_assert(CountRows(kBothReaders) == 76, "the data model has 76 rows");
+
+constexpr bool IsSorted() {
+    for (size_t i = 1; i < kCatalogueRows; ++i) {
+        for (size_t b = 0; b < 4; ++b) {
+            const auto before = uint8_t(kCatalogue[i - 1].name[b]);
+            const auto after = uint8_t(kCatalogue[i].name[b]);
+            if (before < after) break;
+            if (before > after || b == 3) return false;
+        }
+    }
+    return true;
+}
+static_assert(IsSorted(), "rows are sorted by their name bytes for the bisection");
 
 // "root" stands for the file itself and has only rules: what a file's top
 // level holds. No operation applies them.
@@ -129,13 +207,17 @@ constexpr Rule kRootRules[] = {{"ftyp", 1, kReq}, {"moov", 1, kReq}, {"mdat", kA
                                {"free", kAny, 0}, {"skip", kAny, 0}, {"udta", kAny, 0},
                                {"moof", kAny, 0}};
 
-const CatalogueRow *FindRow(const char *name) {
+const CatalogueRow *FindRow(const char *name, AtomReader reader) {
     size_t lo = 0;
     size_t hi = kCatalogueRows;
     while (lo < hi) {
         size_t mid = (lo + hi) / 2;
         int order = std::memcmp(name, kCatalogue[mid].name, 4);
-        if (order == 0) return &kCatalogue[mid];
+        if (order == 0) {
+            const CatalogueRow *row = &kCatalogue[mid];
+            if (row->knownBy == kModernOnly && reader != kModernReader) return nullptr;
+            return row;
+        }
         if (order < 0) {
             hi = mid;
         } else {
@@ -167,12 +249,12 @@ bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, cons
     return true;
 }
 
-int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema) {
+int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema, AtomReader reader) {
     if (std::memcmp(name, "root", 4) == 0) {
         schema->RuleCount = FillRules(kRootRules, schema);
         return 0;
     }
-    const CatalogueRow *row = FindRow(name);
+    const CatalogueRow *row = FindRow(name, reader);
     if (row == nullptr) return -1;  // unknown, or "free"
     schema->ChildOffset = row->childOffset;
     schema->RecordSize = row->recordSize;
@@ -180,17 +262,20 @@ int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema) {
     schema->HasString = row->hasString;
     schema->EntrySize = row->entrySize;
     schema->RuleCount = FillRules(row->rules, schema);
+    schema->RecordSizeV1 = row->recordSizeV1;
+    schema->EntrySizeV1 = row->entrySizeV1;
+    schema->Placement = row->placement;
     return 1;
 }
 
 int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema) {
-    return GetAtomSchemaByName(node->AtomName, schema);
+    return GetAtomSchemaByName(node->AtomName, schema, AtomReader(node->Reader));
 }
 
-int32_t IsKnownAtomName(const char *name) {
+int32_t IsKnownAtomName(const char *name, AtomReader reader) {
     if (std::memcmp(name, "root", 4) == 0) return 0;
     if (std::memcmp(name, "free", 4) == 0) return 1;
-    return FindRow(name) != nullptr ? 1 : -1;
+    return FindRow(name, reader) != nullptr ? 1 : -1;
 }
 
 uint32_t RecordHeadLength(const AtomSchema &schema) {
@@ -199,6 +284,34 @@ uint32_t RecordHeadLength(const AtomSchema &schema) {
 
 size_t RecordAllocSize(const AtomSchema &schema) {
     return schema.EntrySize != 0 ? RecordHeadLength(schema) + sizeof(void *) : schema.RecordSize;
+}
+
+uint32_t VersionHeadLength(const AtomSchema &schema, uint8_t version) {
+    if (version == 1 && schema.RecordSizeV1 != 0) {
+        return schema.EntrySize != 0 ? schema.RecordSizeV1 - 4 : schema.RecordSizeV1;
+    }
+    return RecordHeadLength(schema);
+}
+
+uint32_t VersionEntrySize(const AtomSchema &schema, uint8_t version) {
+    return version == 1 && schema.EntrySizeV1 != 0 ? schema.EntrySizeV1 : schema.EntrySize;
+}
+
+size_t NodeAllocSize(const AtomNode *node) {
+    AtomSchema schema{};
+    if (GetAtomSchema(node, &schema) <= 0) return kBareHeadLength;
+    const size_t size = RecordAllocSize(schema);
+    if (node->Reader != kModernReader || schema.RecordSizeV1 <= schema.RecordSize) return size;
+    return size + (schema.RecordSizeV1 - schema.RecordSize);
+}
+
+uint8_t NodeVersion(const AtomNode *node) {
+    if (node->Reader != kModernReader || !RecordHolds(node, field::kVersionFlags + 1)) return 0;
+    return node->realStructure[field::kVersionFlags];
+}
+
+bool RecordHolds(const AtomNode *node, size_t bytes) {
+    return node != nullptr && node->realStructure != nullptr && NodeAllocSize(node) >= bytes;
 }
 
 uint32_t NodeHeadLength(const AtomNode *node) {

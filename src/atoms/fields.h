@@ -62,6 +62,7 @@ constexpr size_t kVisualColorTable = 84;
 
 // Audio sample entries "mp4a", "samr", "sawb"
 constexpr size_t kAudioDataReferenceIndex = 14;
+constexpr size_t kAudioVersion = 16;  // QuickTime sound description version
 constexpr size_t kAudioChannelCount = 24;
 constexpr size_t kAudioSampleBits = 26;
 constexpr size_t kAudioSampleRate = 32;
@@ -78,5 +79,27 @@ constexpr size_t kEsdsDescriptors = 12;
 constexpr size_t kTableEntryCount = 12;
 constexpr size_t kStszSampleSize = 12;
 constexpr size_t kStszSampleCount = 16;
+// "stz2": the field size in bits (4, 8 or 16) in the last byte of the
+// reserved word; the count at 16 as in "stsz".
+constexpr size_t kStz2FieldSize = 15;
+
+// Version 1 of "mvhd", "tkhd", "mdhd": 64-bit times push the fields behind
+// them by 4 or 12 bytes.
+constexpr size_t kMvhdTimescaleV1 = 28;
+constexpr size_t kTkhdTrackIdV1 = 28;
+constexpr size_t kTkhdMatrixV1 = 60;
+constexpr size_t kTkhdWidthV1 = 96;
+constexpr size_t kTkhdHeightV1 = 100;
+constexpr size_t kMdhdTimescaleV1 = 28;
+constexpr size_t kMdhdDurationV1 = 32;
+constexpr size_t kMdhdLanguage = 28;
+constexpr size_t kMdhdLanguageV1 = 40;
+
+// Protection: "frma" original format, "schm" scheme type.
+constexpr size_t kFrmaFormat = 8;
+constexpr size_t kSchmType = 12;
+// "pasp"
+constexpr size_t kPaspH = 8;
+constexpr size_t kPaspV = 12;
 
 }  // namespace field

@@ -1,6 +1,7 @@
 // Payload records: the head of each atom copied from the file as it
 // stands (big-endian), the tables and strings behind some heads, and
 // their release.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +13,7 @@ namespace {
 // What lies behind the head of an atom and is loaded from the file. Atoms
 // not listed load nothing; their pointer field, if any, stays null on the
 // read side.
-enum class VariablePart { kCountedTable, kSampleSizes, kString };
+enum class VariablePart { kCountedTable, kSampleSizes, kPackedSizes, kString };
 
 struct VariablePartRow {
     char name[5];
@@ -25,6 +26,7 @@ constexpr VariablePartRow kVariableParts[] = {
     {"co64", VariablePart::kCountedTable}, {"stss", VariablePart::kCountedTable},
     {"stsh", VariablePart::kCountedTable}, {"stdp", VariablePart::kCountedTable},
     {"elst", VariablePart::kCountedTable}, {"stsz", VariablePart::kSampleSizes},
+    {"stz2", VariablePart::kPackedSizes},
     {"sdp ", VariablePart::kString},       {"url ", VariablePart::kString},
     {"urn ", VariablePart::kString},
 };
@@ -108,6 +110,8 @@ int32_t ExtractVariablePart(AtomNode *node, const AtomSchema *schema, FILE *stre
         if (GetBE32(record, field::kStszSampleSize) != 0) return 1;
         block = LoadTable(schema, GetBE32(record, field::kStszSampleCount), node, stream);
         break;
+    case VariablePart::kPackedSizes:
+        return 1;  // the classic reader has no such atom
     case VariablePart::kString: {
         // Everything from the end of the head to the end of the atom, with
         // no terminator. An atom shorter than its head has no string.
@@ -134,6 +138,106 @@ int32_t ExtractTreeRecords(Root_atom *root) {
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
         ExtractChildRecords(atom, root->FileStream);
         ExtractRecord(atom, root->FileStream);
+    }
+    return 1;
+}
+
+namespace {
+
+// Bytes of a packed "stz2" table: `count` fields of 4, 8 or 16 bits. Any
+// other field size gives no table (UINT64_MAX never fits an atom).
+uint64_t PackedTableBytes(uint8_t fieldBits, uint64_t count) {
+    if (fieldBits != 4 && fieldBits != 8 && fieldBits != 16) return UINT64_MAX;
+    return (count * fieldBits + 7) / 8;
+}
+
+// Reads `length` bytes at `offset` into a new zeroed block; a file cut
+// inside the block leaves a zeroed tail.
+uint8_t *LoadBlock(FILE *stream, uint64_t offset, uint64_t length) {
+    uint8_t *block = static_cast<uint8_t *>(ZeroAlloc(size_t(length)));
+    if (block == nullptr || length == 0) return block;
+    if (std::fseek(stream, long(offset), SEEK_SET) == 0) {
+        size_t ignored = std::fread(block, 1, size_t(length), stream);
+        (void)ignored;
+    }
+    return block;
+}
+
+// The variable part of a modern node: a table must lie inside its atom
+// (and so inside the file), whatever its count says; the atom may hold
+// more than the table. A string is the rest of the atom.
+void ExtractModernVariablePart(AtomNode *node, const AtomSchema &schema, uint8_t version,
+                               uint64_t bodyEnd, FILE *stream) {
+    const VariablePartRow *row = FindVariablePart(node);
+    if (row == nullptr) return;
+    const uint8_t *record = node->realStructure;
+    const uint64_t start = node->AtomOffset + node->LargeHead + VersionHeadLength(schema, version);
+    const uint64_t room = bodyEnd > start ? bodyEnd - start : 0;
+    uint64_t bytes = 0;
+    switch (row->kind) {
+    case VariablePart::kCountedTable:
+        bytes = uint64_t(VersionEntrySize(schema, version)) *
+                GetBE32(record, field::kTableEntryCount);
+        break;
+    case VariablePart::kSampleSizes:
+        if (GetBE32(record, field::kStszSampleSize) != 0) return;
+        bytes = uint64_t(schema.EntrySize) * GetBE32(record, field::kStszSampleCount);
+        break;
+    case VariablePart::kPackedSizes:
+        bytes = PackedTableBytes(record[field::kStz2FieldSize],
+                                 GetBE32(record, field::kStszSampleCount));
+        break;
+    case VariablePart::kString:
+        bytes = room;
+        break;
+    }
+    if (bytes > room || bytes > FileSizeNow(stream)) return;  // the table stays missing
+    SetRecordPointer(node, LoadBlock(stream, start, bytes));
+}
+
+// One modern node: the 8 bytes of its head (size field and name) and its
+// body up to the head of its version, never past the atom's end.
+void ExtractModernRecord(AtomNode *node, FILE *stream) {
+    uint8_t *record = node->realStructure;
+    if (record == nullptr) return;
+    AtomSchema schema{};
+    const bool known = GetAtomSchema(node, &schema) > 0;
+    const uint64_t bodyEnd = node->AtomOffset + node->AtomSize;
+    const uint64_t body = node->AtomOffset + node->LargeHead + kBareHeadLength;
+    if (std::fseek(stream, long(node->AtomOffset), SEEK_SET) != 0 ||
+        std::fread(record, 1, kBareHeadLength, stream) != kBareHeadLength || !known)
+        return;
+    const uint32_t fullHead = std::max(RecordHeadLength(schema), VersionHeadLength(schema, 1));
+    const uint64_t room = bodyEnd > body ? bodyEnd - body : 0;
+    const size_t want = size_t(std::min<uint64_t>(fullHead - kBareHeadLength, room));
+    if (want > 0 && std::fseek(stream, long(body), SEEK_SET) == 0) {
+        size_t ignored = std::fread(record + kBareHeadLength, 1, want, stream);
+        (void)ignored;
+    }
+    const uint8_t version = want > 0 ? record[field::kVersionFlags] : 0;
+    // A version 0 head is shorter than the one read: what lies behind it
+    // belongs to the body (a table, a child) and is cleared.
+    const uint32_t head = VersionHeadLength(schema, version);
+    if (head < fullHead) std::memset(record + head, 0, fullHead - head);
+    if (schema.EntrySize != 0) {
+        SetRecordPointer(node, nullptr);
+        ExtractModernVariablePart(node, schema, version, bodyEnd, stream);
+    }
+}
+
+void ExtractModernChildren(AtomNode *node, FILE *stream) {
+    for (AtomNode *child = node->FirstChild; child != nullptr; child = child->NextSibling) {
+        if (child->FirstChild != nullptr) ExtractModernChildren(child, stream);
+        ExtractModernRecord(child, stream);
+    }
+}
+
+}  // namespace
+
+int32_t ExtractModernTreeRecords(Root_atom *root) {
+    for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
+        ExtractModernChildren(atom, root->FileStream);
+        ExtractModernRecord(atom, root->FileStream);
     }
     return 1;
 }

@@ -1,6 +1,8 @@
 // The tree reader: turns an open file into the tree of AtomNodes under the
-// Root_atom. It reads atom heads only (8 bytes: big-endian size, name) and
-// skips bodies by position.
+// Root_atom. It reads atom heads only (8 bytes: big-endian size, name, and
+// on the modern path a 64-bit size behind them) and skips bodies by
+// position. The reader's rules (TreeRules) say what ends a scan and which
+// sizes it takes.
 #include <cstdio>
 
 #include "atoms/atoms.h"
@@ -8,24 +10,63 @@
 namespace {
 
 constexpr uint32_t kHeadBytes = 8;
+constexpr uint32_t kLargeHeadBytes = 16;
+// Size field values with a meaning of their own on the modern path.
+constexpr uint32_t kSizeToEnd = 0;
+constexpr uint32_t kSizeLarge = 1;
 
 enum class HeadRead { kOk, kShort };
 
 // One seek and one read per head. Positions are 64-bit: a position plus a
 // stored size may pass 32 bits, and such an atom then simply reaches past
 // the end of the file.
-HeadRead ReadHead(FILE *stream, uint64_t position, uint8_t head[kHeadBytes]) {
+HeadRead ReadHead(FILE *stream, uint64_t position, uint8_t *head, size_t count) {
     if (std::fseek(stream, long(position), SEEK_SET) != 0) return HeadRead::kShort;
-    if (std::fread(head, 1, kHeadBytes, stream) != kHeadBytes) return HeadRead::kShort;
+    if (std::fread(head, 1, count, stream) != count) return HeadRead::kShort;
     return HeadRead::kOk;
 }
 
-AtomNode *MakeNode(const uint8_t head[kHeadBytes], uint64_t position, AtomNode *parent) {
+// A head as the rules read it: the atom's size (0 when it can't be taken)
+// and the bytes of its head.
+struct Head {
+    uint8_t Bytes[kLargeHeadBytes];
+    uint64_t Size;
+    uint8_t LargeHead;
+};
+
+// Reads the head at `position`, inside a parent (or file) that ends at
+// `end`. On the classic path the size is the 32-bit field. On the modern
+// path a size of 1 takes the 64-bit size behind the name and a size of 0
+// runs to `end`. A size shorter than the head itself comes back as 0.
+HeadRead ReadSizedHead(FILE *stream, uint64_t position, uint64_t end, const TreeRules &rules,
+                       Head *head) {
+    if (ReadHead(stream, position, head->Bytes, kHeadBytes) != HeadRead::kOk)
+        return HeadRead::kShort;
+    head->LargeHead = 0;
+    head->Size = ReadBE32(head->Bytes);
+    if (!rules.WideSizes) return HeadRead::kOk;
+    if (head->Size == kSizeToEnd) {
+        head->Size = end > position ? end - position : 0;
+    } else if (head->Size == kSizeLarge) {
+        if (ReadHead(stream, position + kHeadBytes, head->Bytes + kHeadBytes, 8) != HeadRead::kOk)
+            return HeadRead::kShort;
+        head->Size = GetBE64(head->Bytes, kHeadBytes);
+        head->LargeHead = kLargeHeadBytes - kHeadBytes;
+        if (head->Size < kLargeHeadBytes) head->Size = 0;
+    }
+    if (head->Size < kHeadBytes) head->Size = 0;
+    return HeadRead::kOk;
+}
+
+AtomNode *MakeNode(const Head &head, uint64_t position, AtomNode *parent,
+                   const TreeRules &rules) {
     AtomNode *node = static_cast<AtomNode *>(ZeroAlloc(sizeof(AtomNode)));
     if (node == nullptr) return nullptr;
-    node->AtomSize = ReadBE32(head);
-    CopyAtomName(node->AtomName, reinterpret_cast<const char *>(head + 4));
-    node->AtomOffset = uint32_t(position);
+    node->AtomSize = rules.WideSizes ? head.Size : ReadBE32(head.Bytes);
+    CopyAtomName(node->AtomName, reinterpret_cast<const char *>(head.Bytes + 4));
+    node->Reader = rules.Reader;
+    node->LargeHead = head.LargeHead;
+    node->AtomOffset = rules.WideSizes ? position : uint32_t(position);
     node->ParentAtom = parent;
     return node;
 }
@@ -36,29 +77,53 @@ uint32_t DepthOf(const AtomNode *node) {
     return depth;
 }
 
+// Where the children of `node` begin, or 0 for none. Some containers of the
+// modern set place them by what they hold: a sound sample entry by its
+// version (QuickTime adds 16 or 36 bytes of fields), a "meta" by whether it
+// is a full atom (ISO) or a plain container (QuickTime, with "hdlr" first).
+uint64_t ChildStart(FILE *stream, const AtomNode *node) {
+    AtomSchema schema{};
+    if (GetAtomSchema(node, &schema) <= 0 || schema.ChildOffset == 0) return 0;
+    if (node->Reader != kModernReader || schema.Placement == ChildPlacement::kFixed)
+        return schema.ChildOffset;
+    const uint64_t body = node->AtomOffset + node->LargeHead;
+    uint8_t probe[8];
+    if (schema.Placement == ChildPlacement::kSoundVersion) {
+        if (ReadHead(stream, body + 16, probe, 2) != HeadRead::kOk) return schema.ChildOffset;
+        const uint16_t version = GetBE16(probe, 0);
+        return node->LargeHead + (version == 1 ? 52u : version == 2 ? 72u : schema.ChildOffset);
+    }
+    if (ReadHead(stream, body + 8, probe, 8) != HeadRead::kOk) return schema.ChildOffset;
+    const bool plain = probe[4] == 'h' && probe[5] == 'd' && probe[6] == 'l' && probe[7] == 'r';
+    return node->LargeHead + (plain ? kHeadBytes : schema.ChildOffset);
+}
+
 // Children of `parent`, which stands at `depth` (top level is 0). Beyond
 // kMaxAtomDepth a container's scan ends before it starts: no valid file
 // nests that deep, and the bound keeps the recursion off the end of the
 // stack on a hostile one.
-int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint32_t childOffset, uint32_t depth) {
-    const uint64_t parentEnd = uint64_t(parent->AtomOffset) + parent->AtomSize;
-    uint64_t position = uint64_t(parent->AtomOffset) + childOffset;
+int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint64_t childOffset, uint32_t depth,
+                       const TreeRules &rules) {
+    const uint64_t parentEnd = parent->AtomOffset + parent->AtomSize;
+    uint64_t position = parent->AtomOffset + childOffset;
     if (position >= parentEnd) return 1;
     if (depth >= kMaxAtomDepth) return 1;
 
     AtomNode *last = nullptr;
     for (;;) {
-        uint8_t head[kHeadBytes];
-        if (ReadHead(stream, position, head) != HeadRead::kOk) {
-            std::printf("Read data from file error!\n");
+        Head head;
+        if (ReadSizedHead(stream, position, parentEnd, rules, &head) != HeadRead::kOk) {
+            if (!rules.Quiet) std::printf("Read data from file error!\n");
             return -99;
         }
-        if (IsKnownAtomName(reinterpret_cast<const char *>(head + 4)) < 0) return -1;
+        const char *name = reinterpret_cast<const char *>(head.Bytes + 4);
+        const bool known = IsKnownAtomName(name, rules.Reader) >= 0;
+        if (!known && rules.UnknownEndsScan) return -1;
         // A stored size below the head's own 8 bytes would not move the
         // scan on (0) or would land inside the head (1 to 7): it ends the
         // container's scan as an unknown atom does.
-        if (ReadBE32(head) < kHeadBytes) return -1;
-        AtomNode *node = MakeNode(head, position, parent);
+        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return -1;
+        AtomNode *node = MakeNode(head, position, parent, rules);
         if (node == nullptr) return -99;  // no memory: the scan ends here
         if (last == nullptr) {
             parent->FirstChild = node;
@@ -68,10 +133,8 @@ int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint32_t childOffset, uin
         last = node;
 
         const uint64_t next = position + node->AtomSize;
-        AtomSchema schema{};
-        if (GetAtomSchema(node, &schema) > 0 && schema.ChildOffset > 0) {
-            ReadChildrenAt(stream, node, schema.ChildOffset, depth + 1);
-        }
+        const uint64_t children = known ? ChildStart(stream, node) : 0;
+        if (children > 0) ReadChildrenAt(stream, node, children, depth + 1, rules);
         position = next;
         if (position >= parentEnd) return 1;
     }
@@ -80,30 +143,31 @@ int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint32_t childOffset, uin
 }  // namespace
 
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset) {
-    return ReadChildrenAt(stream, parent, childOffset, DepthOf(parent));
+    return ReadChildrenAt(stream, parent, childOffset, DepthOf(parent), kClassicTreeRules);
 }
 
-int32_t ReadTopLevelAtoms(Root_atom *root) {
+int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules) {
     FILE *stream = root->FileStream;
     uint64_t position = 0;
     AtomNode *last = nullptr;
     root->FirstAtom = nullptr;
     for (;;) {
-        uint8_t head[kHeadBytes];
-        if (ReadHead(stream, position, head) != HeadRead::kOk) {
-            std::printf("Read data from file error!\n");
+        Head head;
+        if (ReadSizedHead(stream, position, root->FileSize, rules, &head) != HeadRead::kOk) {
+            if (!rules.Quiet) std::printf("Read data from file error!\n");
             return -99;
         }
-        if (IsKnownAtomName(reinterpret_cast<const char *>(head + 4)) < 0) {
+        if (IsKnownAtomName(reinterpret_cast<const char *>(head.Bytes + 4), rules.Reader) < 0 &&
+            !rules.Quiet) {
             std::printf("There could be have illegal atoms!");
         }
         // A stored size below 8 can't be stepped over: the top-level scan
         // fails as after a short read.
-        if (ReadBE32(head) < kHeadBytes) {
-            std::printf("Read data from file error!\n");
+        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) {
+            if (!rules.Quiet) std::printf("Read data from file error!\n");
             return -99;
         }
-        AtomNode *node = MakeNode(head, position, nullptr);
+        AtomNode *node = MakeNode(head, position, nullptr, rules);
         if (node == nullptr) return -99;
         if (last == nullptr) {
             root->FirstAtom = node;
@@ -117,13 +181,12 @@ int32_t ReadTopLevelAtoms(Root_atom *root) {
     }
 }
 
-int32_t ReadAtomTree(Root_atom *root) {
-    if (ReadTopLevelAtoms(root) < 0) return -99;
+int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules) {
+    if (ReadTopLevelAtoms(root, rules) < 0) return -99;
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
-        AtomSchema schema{};
-        if (GetAtomSchema(atom, &schema) > 0 && schema.ChildOffset > 0) {
-            ReadChildrenAt(root->FileStream, atom, schema.ChildOffset, 0);
-        }
+        const bool known = IsKnownAtomName(atom->AtomName, rules.Reader) >= 0;
+        const uint64_t children = known ? ChildStart(root->FileStream, atom) : 0;
+        if (children > 0) ReadChildrenAt(root->FileStream, atom, children, 0, rules);
     }
     return 1;
 }

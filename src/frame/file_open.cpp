@@ -16,11 +16,15 @@ constexpr int32_t kOpenNoMemoryForRoot = -97;
 constexpr int32_t kOpenCannotRead = -96;
 constexpr int32_t kOpenBadSize = -95;
 constexpr int32_t kOpenBadTableMode = -94;
+// MP4FileOpenEx: flag bits it doesn't know, checked before anything else.
+constexpr int32_t kOpenUnknownFlags = -100;
 
 // Sizes and offsets of the tree are 32 bits and compared as positions of a
 // file whose size is a positive long on every platform: 2 GiB and more is
 // beyond what the handle can hold.
 constexpr long kMaxFileSize = 0x7FFFFFFF;
+
+constexpr uint32_t kKnownOpenFlags = MP4_OPEN_MODERN;
 
 // Release of what steps 2 to 7 made, before there is a tree.
 int32_t AbandonOpen(MP4_local_file **file, int32_t result) {
@@ -49,7 +53,13 @@ void ReleaseTrackList(Record *&current, Record *&first, Record *&last) {
 
 }  // namespace
 
-int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode) {
+namespace {
+
+// The steps of both readers, in the order of MP4FileOpen's checks. The
+// modern reader takes files of any size, reads the tree by its own rules,
+// skips the validation (which only reports, on standard output) and builds
+// its tracks with the modern loop.
+int32_t OpenWith(MP4_local_file **file, const char *path, int32_t tableMode, bool modern) {
     if (file == nullptr) return kOpenBadPath;
     // A path that does not fit FilePath with its terminator is refused like
     // a missing one.
@@ -72,23 +82,40 @@ int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode) 
 
     if (std::fseek(root->FileStream, 0, SEEK_END) != 0) return AbandonOpen(file, kOpenBadSize);
     const long size = std::ftell(root->FileStream);
-    if (size <= 0 || size > kMaxFileSize) return AbandonOpen(file, kOpenBadSize);
-    root->FileSize = uint32_t(size);
+    if (size <= 0 || (!modern && size > kMaxFileSize)) return AbandonOpen(file, kOpenBadSize);
+    root->FileSize = modern ? uint64_t(size) : uint32_t(size);
 
     if (tableMode < 1 || tableMode > 3) return AbandonOpen(file, kOpenBadTableMode);
     handle->read.TableMode = tableMode;
+    handle->read.Modern = modern ? 1 : 0;
 
-    if (ReadAtomTree(root) < 0) {
+    if (ReadAtomTree(root, modern ? kModernTreeRules : kClassicTreeRules) < 0) {
         MP4FileClose(file);
         return kOpenCannotRead;
     }
-    CheckAtomTree(root);  // reports only
+    if (!modern) CheckAtomTree(root);  // reports only
     if (AllocTreeRecords(root) != 1) {
         MP4FileClose(file);
         return kOpenBadSize;
     }
+    if (modern) {
+        ExtractModernTreeRecords(root);
+        return RunModernTrackLoop(file);
+    }
     ExtractTreeRecords(root);
     return RunTrackLoop(file);
+}
+
+}  // namespace
+
+int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t tableMode) {
+    return OpenWith(file, path, tableMode, false);
+}
+
+int32_t MP4FileOpenEx(MP4_local_file **file, const char *path, int32_t tableMode,
+                      uint32_t flags) {
+    if ((flags & ~kKnownOpenFlags) != 0) return kOpenUnknownFlags;
+    return OpenWith(file, path, tableMode, (flags & MP4_OPEN_MODERN) != 0);
 }
 
 uint32_t MP4FileClose(MP4_local_file **file) {

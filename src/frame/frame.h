@@ -20,7 +20,7 @@ constexpr size_t kFilePathBytes = 256;
 
 struct Root_atom {
     char FilePath[kFilePathBytes];
-    uint32_t FileSize;      // read: size of the file; write: bytes written so far
+    uint64_t FileSize;      // read: size of the file; write: bytes written so far
     FILE *FileStream;       // owned: "rb" when reading, "wb" when writing
     AtomNode *FirstAtom;    // head of the top-level list
 };
@@ -51,6 +51,7 @@ struct ReadForm {
     int32_t TableMode;
     uint8_t *IodBuffer;      // output of EncryptMp4Iod
     ReadAhead *SampleWindow; // owned: read-ahead of sample bytes, made on first read
+    uint8_t Modern;          // 1: opened by the modern reader (MP4_OPEN_MODERN)
 };
 
 struct WriteForm {
@@ -91,6 +92,9 @@ uint64_t FileSizeNow(FILE *stream);
 inline uint32_t GetBE32(const uint8_t *record, size_t offset) {
     const uint8_t *p = record + offset;
     return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+inline uint64_t GetBE64(const uint8_t *record, size_t offset) {
+    return (uint64_t(GetBE32(record, offset)) << 32) | GetBE32(record, offset + 4);
 }
 inline uint16_t GetBE16(const uint8_t *record, size_t offset) {
     const uint8_t *p = record + offset;

@@ -97,3 +97,23 @@ int32_t FindDecoderSpecificInfo(const uint8_t *esds, size_t length, size_t *offs
 // Releases what RetMp4MediaInfo gave: the data blocks, then the record.
 // Null is allowed.
 void FreeMediaInfo(Mp4MediaInfo *info);
+
+// ---- Decoder configurations of any sample entry (decoder_config.cpp) -----
+
+struct Root_atom;
+
+// The "trak" of the file's "moov" with this "tkhd" ID and type (as
+// ModernTrackType gives it), or null.
+const AtomNode *FindTrakAtom(const Root_atom *root, uint32_t trackId, int32_t trackType);
+// The first sample entry of a "trak", or null.
+const AtomNode *FirstSampleEntry(const AtomNode *trak);
+// The decoder configuration of a sample entry (see MP4GetDecoderConfig):
+// 1 with a new block, -97 none, -96 the file falls short, -95 no memory.
+int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data,
+                          uint32_t *size);
+// Sample rate and channels of an audio sample entry: from its decoder
+// configuration where it has one, else from its own fields; an "esds"
+// without one (MP3) from the frame header at `firstSample` (UINT64_MAX:
+// unknown).
+void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstSample,
+                         uint32_t *rate, uint32_t *channels);

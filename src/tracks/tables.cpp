@@ -1,5 +1,6 @@
 // Sample and key frame tables of a track: making the blocks, growing the
 // key frame table, releasing a chain.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -91,6 +92,17 @@ int32_t ReserveKeyFrames(TrackNode *node, uint32_t records) {
     return 1;
 }
 
+uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index) {
+    const uint32_t *wraps = node->TimeWraps;
+    const uint64_t high = uint64_t(std::upper_bound(wraps, wraps + node->TimeWrapCount, index) - wraps);
+    return (high << 32) | node->SampleRecords[index].Time;
+}
+
+int64_t SampleTimeKey(const TrackNode *node, uint32_t index) {
+    if (!node->Modern) return int32_t(node->SampleRecords[index].Time);
+    return int64_t(SampleDecodeTime(node, index));
+}
+
 int32_t ReleaseTrackNodes(TrackNode **holder) {
     if (holder == nullptr) return 1;
     TrackNode *block = *holder;
@@ -98,6 +110,7 @@ int32_t ReleaseTrackNodes(TrackNode **holder) {
         TrackNode *next = block->NextBlock;
         std::free(block->SampleRecords);
         std::free(block->KeyFrameRecords);
+        std::free(block->TimeWraps);
         std::free(block);
         block = next;
     }

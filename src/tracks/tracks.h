@@ -8,16 +8,28 @@
 #include "atoms/atoms.h"
 #include "frame/frame.h"
 
-// One per sample, on both sides. Read side: Time, FileOffset, Size,
-// IsKeyFrame. Write side: Time, CompositionOffset, TempOffset, Size.
+// One per sample, on both sides, 24 bytes. Read side: Time, FileOffset,
+// Size, IsKeyFrame; a modern handle also fills CompositionOffset (a signed
+// offset), FileOffsetHigh (the upper half of a 64-bit offset) and IsSync
+// (the real sync flag, audio included; IsKeyFrame keeps the classic mark).
+// Write side: Time, CompositionOffset, TempOffset, Size.
 struct SampleRecord {
-    uint32_t Time;
+    uint32_t Time;               // read side: the low 32 bits of the decoding time
     uint32_t CompositionOffset;
     uint32_t FileOffset;
-    uint32_t TempOffset;
+    union {
+        uint32_t TempOffset;     // write side
+        uint32_t FileOffsetHigh; // read side; 0 on a classic handle
+    };
     uint32_t Size;
     uint8_t IsKeyFrame;
+    uint8_t IsSync;
 };
+static_assert(sizeof(SampleRecord) == 24, "a sample record stays 24 bytes");
+
+inline uint64_t SampleFileOffset(const SampleRecord &record) {
+    return (uint64_t(record.FileOffsetHigh) << 32) | record.FileOffset;
+}
 
 struct KeyFrameRecord {
     uint32_t Time;
@@ -39,6 +51,16 @@ struct TrackNode {
     AtomNode *TrakAtom;
     uint32_t TableMode;        // read side
     TrackNode *NextBlock;
+
+    // Read side, modern handle only. Decoding times are 64 bits: a
+    // record keeps the low half, and TimeWraps lists, rising, the samples
+    // at which the high half goes up by one (a delta is below 2^32, so a
+    // sample passes at most one such boundary). DecodeDuration is the
+    // sum of all sample durations.
+    uint8_t Modern;
+    uint32_t *TimeWraps;
+    uint32_t TimeWrapCount;
+    uint64_t DecodeDuration;
 
     // Write side only.
     uint32_t SampleBase;
@@ -92,10 +114,17 @@ struct AudioTrackNode {
 
 struct OtherTrackNode {
     uint32_t TrackId;
-    uint32_t TrackType;
+    uint32_t TrackType;  // 3, 4, 5; on a modern handle also 0 (another handler)
     TrackNode *Track;
     OtherTrackNode *NextTrack;
 };
+
+// The 64-bit decoding time of sample `index` of a table.
+uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index);
+// The time by which a search orders sample `index`: on a classic handle the
+// record's 32-bit time taken as signed (the data model's comparison), on a
+// modern handle the 64-bit time.
+int64_t SampleTimeKey(const TrackNode *node, uint32_t index);
 
 struct TrackListEntry {
     AtomNode *TrakAtom;
@@ -112,6 +141,31 @@ int32_t ReadAudioTrackInfo(AtomNode *trakAtom, AudioTrackNode *record);
 // The track loop of MP4FileOpen: 1, or -94..-90 after it has closed the
 // handle (the caller's pointer is then null).
 int32_t RunTrackLoop(MP4_local_file **file);
+
+// ---- The modern reader's tracks (modern_tracks.cpp, modern_fill.cpp) ------
+
+// Track types beside MP4_TRACK_*: a handler the data model doesn't name.
+constexpr int32_t kTrackOtherHandler = 0;
+// The type of a "trak" from its handler: 1..5, or 0 for any other handler
+// or none.
+int32_t ModernTrackType(const AtomNode *trak);
+// The track ID of a "tkhd" record by its version; 0 without one.
+uint32_t ModernTrackId(const AtomNode *trak);
+// The track loop of MP4FileOpenEx with MP4_OPEN_MODERN: every "trak" with
+// a "tkhd" gets a record on its list, whatever its handler, and its tables
+// built from the 64-bit aware fill. 1, or -94..-90 after it has closed the
+// handle.
+int32_t RunModernTrackLoop(MP4_local_file **file);
+// Fills a node that has SampleCapacity records from its "trak" (TrakAtom):
+// times, sizes ("stsz" or "stz2"), offsets ("stco" or "co64"),
+// composition offsets, sync flags (all samples without "stss"), and for
+// TableMode 1 video a KeyFrameTable. 1, or a negative code when the tables
+// can't describe the samples.
+int32_t FillModernTables(TrackNode *node, int32_t trackType, int32_t mode);
+// The sample count that the size table of a "trak" claims, and whether the
+// file could hold that many samples (a table of sizes inside its atom, or a
+// constant size times the count inside the file).
+uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits);
 
 // ---- Tables (tables.cpp) -------------------------------------------------
 

@@ -37,7 +37,23 @@
     FIELD(IodConfigs, AudioConfigSize, 100, 4)                                    \
     RECORD(DecoreFrame, 32)                                                       \
     FIELD(DecoreFrame, Data, 0, 8) FIELD(DecoreFrame, Result, 8, 8)               \
-    FIELD(DecoreFrame, Word2, 16, 8) FIELD(DecoreFrame, Word3, 24, 8)
+    FIELD(DecoreFrame, Word2, 16, 8) FIELD(DecoreFrame, Word3, 24, 8)           \
+    RECORD(MP4TrackInfo, 120)                                                     \
+    FIELD(MP4TrackInfo, TrackId, 0, 4) FIELD(MP4TrackInfo, TrackType, 4, 4)       \
+    FIELD(MP4TrackInfo, Handler, 8, 4) FIELD(MP4TrackInfo, Format, 12, 4)         \
+    FIELD(MP4TrackInfo, SampleCount, 16, 4) FIELD(MP4TrackInfo, Timescale, 20, 4) \
+    FIELD(MP4TrackInfo, Duration, 24, 8) FIELD(MP4TrackInfo, Width, 32, 4)        \
+    FIELD(MP4TrackInfo, Height, 36, 4) FIELD(MP4TrackInfo, Rotation, 40, 4)       \
+    FIELD(MP4TrackInfo, PixelAspectH, 44, 4) FIELD(MP4TrackInfo, PixelAspectV, 48, 4) \
+    FIELD(MP4TrackInfo, SampleRate, 52, 4) FIELD(MP4TrackInfo, Channels, 56, 4)   \
+    FIELD(MP4TrackInfo, Language, 60, 4) FIELD(MP4TrackInfo, Encrypted, 64, 1)    \
+    FIELD(MP4TrackInfo, Pad, 65, 3) FIELD(MP4TrackInfo, Scheme, 68, 4)            \
+    FIELD(MP4TrackInfo, EditMediaTime, 72, 8) FIELD(MP4TrackInfo, EditDelay, 80, 8) \
+    FIELD(MP4TrackInfo, Reserved, 88, 32)                                         \
+    RECORD(MP4SampleInfo, 32)                                                     \
+    FIELD(MP4SampleInfo, FileOffset, 0, 8) FIELD(MP4SampleInfo, DecodeTime, 8, 8) \
+    FIELD(MP4SampleInfo, CompositionOffset, 16, 4) FIELD(MP4SampleInfo, Size, 20, 4) \
+    FIELD(MP4SampleInfo, IsKeyFrame, 24, 1) FIELD(MP4SampleInfo, Pad, 25, 7)
 
 #define MP4CORE_PUBLISHED_CONSTANTS(CONSTANT)                                     \
     CONSTANT(MP4_TRACK_VIDEO, 1) CONSTANT(MP4_TRACK_AUDIO, 2)                     \
@@ -46,7 +62,8 @@
     CONSTANT(MP4_TABLE_MARKS_ALT, 3) CONSTANT(MP4_AUDIO_NONE, 0)                  \
     CONSTANT(MP4_AUDIO_AAC, 100) CONSTANT(MP4_AUDIO_MPEG, 200)                    \
     CONSTANT(MP4_AUDIO_AMR_NB, 300) CONSTANT(MP4_AUDIO_AMR_WB, 400)               \
-    CONSTANT(MP4_DECORE_CONTEXT_SLOT, 21) CONSTANT(MP4_DECORE_DECODE, 0x100)
+    CONSTANT(MP4_DECORE_CONTEXT_SLOT, 21) CONSTANT(MP4_DECORE_DECODE, 0x100)      \
+    CONSTANT(MP4_OPEN_MODERN, 1) CONSTANT(MP4_FIND_KEY, 1)
 
 #ifdef __cplusplus
 extern "C" {

@@ -1,0 +1,269 @@
+// Decoder configurations of any sample entry, for MP4GetDecoderConfig and
+// the audio facts of MP4GetTrackInfo: which atom holds the configuration,
+// its payload read from the file, and the rate and channels that it (or
+// the entry, or an MP3 frame header) gives.
+#include <cstdlib>
+#include <cstring>
+
+#include "media/media.h"
+#include "tracks/tracks.h"
+
+namespace {
+
+constexpr int32_t kConfigBadArguments = -99;
+constexpr int32_t kConfigNoTrack = -98;
+constexpr int32_t kConfigNone = -97;
+constexpr int32_t kConfigShortRead = -96;  // checked before the allocation, and after the read
+constexpr int32_t kConfigNoMemory = -95;
+
+// A configuration atom: its name, and whether version and flags stand in
+// front of the payload that a decoder takes.
+struct ConfigRow {
+    char name[5];
+    bool fullAtom;
+};
+
+constexpr ConfigRow kConfigRows[] = {
+    {"avcC", false}, {"hvcC", false}, {"av1C", false}, {"vpcC", true},  {"dOps", false},
+    {"dac3", false}, {"dec3", false}, {"dfLa", true},  {"alac", true},  {"d263", false},
+    {"damr", false}, {"esds", true},
+};
+
+constexpr uint32_t kFullAtomFields = 4;
+// A configuration is a small atom: larger ones are not read into memory.
+constexpr uint64_t kMaxConfigBytes = 1 << 20;
+
+const ConfigRow *ConfigRowOf(const AtomNode *atom) {
+    for (const ConfigRow &row : kConfigRows)
+        if (AtomNameEquals(atom->AtomName, row.name)) return &row;
+    return nullptr;
+}
+
+// The configuration atom of a sample entry: among its children, or one
+// level down in a QuickTime "wave".
+const AtomNode *FindConfigAtom(const AtomNode *entry, const ConfigRow **row) {
+    for (const AtomNode *child = entry->FirstChild; child != nullptr; child = child->NextSibling) {
+        if ((*row = ConfigRowOf(child)) != nullptr) return child;
+        if (AtomNameEquals(child->AtomName, "wave")) {
+            const AtomNode *inner = FindConfigAtom(child, row);
+            if (inner != nullptr) return inner;
+        }
+    }
+    return nullptr;
+}
+
+// Reads the payload of `atom` from `skip` bytes behind its head to its end
+// into a new block. 1, kConfigNone when there is nothing, or a code.
+int32_t LoadPayload(Root_atom *root, const AtomNode *atom, uint32_t skip, uint8_t **data,
+                    uint32_t *size) {
+    const uint64_t head = uint64_t(kBareHeadLength) + atom->LargeHead + skip;
+    if (atom->AtomSize <= head) return kConfigNone;
+    const uint64_t length = atom->AtomSize - head;
+    if (length > kMaxConfigBytes || atom->AtomOffset + atom->AtomSize > root->FileSize)
+        return kConfigShortRead;
+    uint8_t *block = static_cast<uint8_t *>(std::malloc(size_t(length)));
+    if (block == nullptr) return kConfigNoMemory;
+    if (ReadFileAt(root->FileStream, atom->AtomOffset + head, block, size_t(length)) != length) {
+        std::free(block);
+        return kConfigShortRead;
+    }
+    *data = block;
+    *size = uint32_t(length);
+    return 1;
+}
+
+// Reads one descriptor head of an "esds" payload at `*at`: its tag and the
+// length of its body (1 to 4 bytes of 7 bits each). False when the head or
+// the body passes `end`.
+bool ReadDescriptor(const uint8_t *bytes, size_t end, size_t *at, uint8_t *tag, size_t *length) {
+    if (*at >= end) return false;
+    *tag = bytes[(*at)++];
+    size_t value = 0;
+    for (int i = 0; i < 4; ++i) {
+        if (*at >= end) return false;
+        const uint8_t byte = bytes[(*at)++];
+        value = (value << 7) | (byte & 0x7F);
+        if ((byte & 0x80) == 0) break;
+    }
+    if (value > end - *at) return false;
+    *length = value;
+    return true;
+}
+
+// The ES descriptor of an "esds" payload (behind version and flags): the
+// object type of its decoder configuration and where its decoder specific
+// info lies. False when a descriptor is missing or passes the payload.
+bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *infoAt,
+              size_t *infoLength) {
+    size_t at = 0;
+    uint8_t tag = 0;
+    size_t length = 0;
+    if (!ReadDescriptor(bytes, size, &at, &tag, &length) || tag != 3 || length < 3) return false;
+    const size_t esEnd = at + length;
+    const uint8_t flags = bytes[at + 2];
+    at += 3;
+    if (flags & 0x80) at += 2;                            // depends on an ES ID
+    if ((flags & 0x40) && at < esEnd) at += 1 + bytes[at];  // URL
+    if (flags & 0x20) at += 2;                            // OCR ES ID
+    if (!ReadDescriptor(bytes, esEnd, &at, &tag, &length) || tag != 4 || length < 13)
+        return false;
+    const size_t configEnd = at + length;
+    *objectType = bytes[at];
+    at += 13;
+    *infoAt = 0;
+    *infoLength = 0;
+    if (ReadDescriptor(bytes, configEnd, &at, &tag, &length) && tag == 5) {
+        *infoAt = at;
+        *infoLength = length;
+    }
+    return true;
+}
+
+constexpr uint32_t kAc3Channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
+constexpr uint32_t kAc3Rates[3] = {48000, 44100, 32000};
+
+// Rate and channels of an MPEG audio frame header; false when the four
+// bytes are no such header.
+bool MpegAudioHeader(const uint8_t h[4], uint32_t *rate, uint32_t *channels) {
+    if (h[0] != 0xFF || (h[1] & 0xE0) != 0xE0) return false;
+    const uint32_t version = (h[1] >> 3) & 3;  // 3: MPEG-1, 2: MPEG-2, 0: MPEG-2.5
+    const uint32_t index = (h[2] >> 2) & 3;
+    if (version == 1 || index == 3) return false;
+    constexpr uint32_t kRates[3] = {44100, 48000, 32000};
+    *rate = kRates[index] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+    *channels = (h[3] >> 6) == 3 ? 1 : 2;
+    return true;
+}
+
+}  // namespace
+
+const AtomNode *FindTrakAtom(const Root_atom *root, uint32_t trackId, int32_t trackType) {
+    const AtomNode *moov = root->FirstAtom;
+    while (moov != nullptr && !AtomNameEquals(moov->AtomName, "moov")) moov = moov->NextSibling;
+    if (moov == nullptr || trackId == 0) return nullptr;
+    for (const AtomNode *trak = moov->FirstChild; trak != nullptr; trak = trak->NextSibling) {
+        if (AtomNameEquals(trak->AtomName, "trak") && ModernTrackId(trak) == trackId &&
+            ModernTrackType(trak) == trackType)
+            return trak;
+    }
+    return nullptr;
+}
+
+const AtomNode *FirstSampleEntry(const AtomNode *trak) {
+    const char *const path[] = {"mdia", "minf", "stbl", "stsd"};
+    const AtomNode *stsd = WalkPath(trak, path, 4, nullptr);
+    return stsd != nullptr ? stsd->FirstChild : nullptr;
+}
+
+int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data,
+                          uint32_t *size) {
+    const ConfigRow *row = nullptr;
+    const AtomNode *atom = entry != nullptr ? FindConfigAtom(entry, &row) : nullptr;
+    if (atom == nullptr) return kConfigNone;
+    uint8_t *payload = nullptr;
+    uint32_t length = 0;
+    int32_t result = LoadPayload(root, atom, row->fullAtom ? kFullAtomFields : 0, &payload, &length);
+    if (result != 1 || !AtomNameEquals(atom->AtomName, "esds")) {
+        if (result == 1) {
+            *data = payload;
+            *size = length;
+        }
+        return result;
+    }
+    // An "esds" gives its decoder specific info alone, moved to the front
+    // of the same block.
+    uint8_t objectType = 0;
+    size_t at = 0;
+    size_t info = 0;
+    if (!WalkEsds(payload, length, &objectType, &at, &info) || info == 0) {
+        std::free(payload);
+        return kConfigNone;
+    }
+    std::memmove(payload, payload + at, info);
+    *data = payload;
+    *size = uint32_t(info);
+    return 1;
+}
+
+void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstSample,
+                         uint32_t *rate, uint32_t *channels) {
+    *rate = 0;
+    *channels = 0;
+    if (entry == nullptr || entry->realStructure == nullptr) return;
+    // Only an entry of a sound layout has the sound fields in its record.
+    const bool laidOut = RecordHolds(entry, field::kAudioSampleRate + 4);
+    if (laidOut) {
+        *channels = GetBE16(entry->realStructure, field::kAudioChannelCount);
+        *rate = GetBE32(entry->realStructure, field::kAudioSampleRate) >> 16;
+    }
+    // QuickTime's sound description version 2 keeps rate (a double) and
+    // channels behind the version 0 fields.
+    uint8_t v2[16];
+    if (laidOut && GetBE16(entry->realStructure, field::kAudioVersion) == 2 &&
+        ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + 40, v2, 12) == 12) {
+        uint64_t bits = GetBE64(v2, 0);
+        double value = 0;
+        std::memcpy(&value, &bits, sizeof value);
+        *rate = value > 0 && value < 1e9 ? uint32_t(value) : 0;
+        *channels = GetBE32(v2, 8);
+    }
+    uint8_t *config = nullptr;
+    uint32_t size = 0;
+    const ConfigRow *row = nullptr;
+    const AtomNode *atom = FindConfigAtom(entry, &row);
+    if (atom == nullptr || ReadDecoderConfig(root, entry, &config, &size) != 1) {
+        uint8_t header[4];
+        const bool mpeg = atom != nullptr && AtomNameEquals(atom->AtomName, "esds");
+        if (mpeg && firstSample != UINT64_MAX &&
+            ReadFileAt(root->FileStream, firstSample, header, 4) == 4)
+            MpegAudioHeader(header, rate, channels);
+        return;
+    }
+    uint32_t value = 0;
+    if (AtomNameEquals(atom->AtomName, "esds")) {
+        // AudioSpecificConfig: object type (5 bits, or 6 more behind 31),
+        // frequency index (4 bits, or 24 bits of rate behind 15), channels.
+        uint32_t bit = 5;
+        GetBitField(config, size, &value, 5, 0);
+        if (value == 31) bit += 6;
+        GetBitField(config, size, &value, 4, bit);
+        bit += 4;
+        if (value == 15) {
+            if (GetBitField(config, size, rate, 24, bit) == 1) bit += 24;
+        } else if (value < 13) {
+            *rate = SamplingFrequencyOf(value);
+        }
+        if (GetBitField(config, size, &value, 4, bit) == 1 && value != 0)
+            *channels = value == 7 ? 8 : value;
+    } else if (AtomNameEquals(atom->AtomName, "dOps") && size >= 2) {
+        *rate = 48000;
+        *channels = config[1];
+    } else if (AtomNameEquals(atom->AtomName, "dac3") && size >= 2) {
+        const uint32_t fscod = config[0] >> 6;
+        if (fscod < 3) *rate = kAc3Rates[fscod];
+        *channels = kAc3Channels[(config[1] >> 3) & 7] + ((config[1] >> 2) & 1);
+    } else if (AtomNameEquals(atom->AtomName, "dec3") && size >= 5) {
+        const uint32_t fscod = config[2] >> 6;
+        if (fscod < 3) *rate = kAc3Rates[fscod];
+        *channels = kAc3Channels[(config[3] >> 1) & 7] + (config[3] & 1);
+    } else if (AtomNameEquals(atom->AtomName, "dfLa") && size >= 4 + 18) {
+        // Behind the 4-byte block head, STREAMINFO: rate in 20 bits at byte
+        // 10, channels less one in the next 3.
+        GetBitField(config + 4, 18, rate, 20, 80);
+        GetBitField(config + 4, 18, &value, 3, 100);
+        *channels = value + 1;
+    } else if (AtomNameEquals(atom->AtomName, "alac") && size >= 24) {
+        *channels = config[9];
+        *rate = GetBE32(config, 20);
+    }
+    std::free(config);
+}
+
+int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                            uint8_t **data, uint32_t *size) {
+    if (file == nullptr || data == nullptr || size == nullptr || trackId == 0)
+        return kConfigBadArguments;
+    const AtomNode *trak = FindTrakAtom(file->RootAtom, trackId, trackType);
+    if (trak == nullptr) return kConfigNoTrack;
+    return ReadDecoderConfig(file->RootAtom, FirstSampleEntry(trak), data, size);
+}

@@ -1,0 +1,198 @@
+// The track loop of the modern reader: one record per "trak" with a
+// "tkhd", on the list of its kind whatever its handler or sample format,
+// with tables from the 64-bit aware fill. It prints nothing.
+#include <cstdlib>
+
+#include "tracks/tracks.h"
+
+namespace {
+
+constexpr int32_t kLoopDone = 1;
+constexpr int32_t kLoopNoMemoryForVideo = -94;  // also for a TrackNode
+constexpr int32_t kLoopNoMemoryForAudio = -93;
+constexpr int32_t kLoopNoMemoryForHint = -92;
+constexpr int32_t kLoopNoMemoryForOd = -91;
+constexpr int32_t kLoopNoMemoryForOther = -90;  // scene description and other handlers
+
+struct HandlerRow {
+    char name[5];
+    int32_t type;
+};
+
+constexpr HandlerRow kHandlers[] = {{"vide", MP4_TRACK_VIDEO},
+                                    {"soun", MP4_TRACK_AUDIO},
+                                    {"hint", MP4_TRACK_HINT},
+                                    {"odsm", MP4_TRACK_OD},
+                                    {"sdsm", MP4_TRACK_SCENE}};
+
+// The entries the fill expands; once a track has its tables nothing reads
+// them again, so that the open keeps a sample's record and not its table
+// entries beside it. "elst" stays for the track information.
+constexpr const char *kExpandedAtoms[] = {"stts", "ctts", "stsz", "stz2",
+                                          "stsc", "stco", "co64", "stss"};
+
+void ReleaseExpandedEntries(const AtomNode *trak) {
+    const char *const path[] = {"mdia", "minf", "stbl"};
+    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
+    if (stbl == nullptr) return;
+    for (AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
+        for (const char *name : kExpandedAtoms) {
+            if (AtomNameEquals(child->AtomName, name)) ReleaseVariablePart(child);
+        }
+    }
+}
+
+template <typename Record>
+void Append(Record *record, Record **first, Record **last, Record **current) {
+    if (*first == nullptr) {
+        *first = record;
+        *current = record;
+    } else {
+        (*last)->NextTrack = record;
+    }
+    *last = record;
+}
+
+// Tables for one track; a track whose count the file can't hold, or whose
+// tables can't describe its samples, keeps its record with Track null.
+void BuildModernTables(TrackNode **holder, uint64_t fileSize, int32_t mode) {
+    TrackNode *node = *holder;
+    bool fits = false;
+    const uint32_t count = ModernSampleCount(node->TrakAtom, fileSize, &fits);
+    const bool video = node->TrackType == MP4_TRACK_VIDEO;
+    const int32_t created =
+        !fits || count < 1 || count > INT32_MAX ? -1
+        : video ? CreateVideoTables(holder, int32_t(count), mode)
+                : CreateAudioTables(holder, int32_t(count), mode);
+    if (created != 1 || FillModernTables(*holder, node->TrackType, mode) != 1) {
+        ReleaseTrackNodes(holder);
+        return;
+    }
+    ReleaseExpandedEntries((*holder)->TrakAtom);
+}
+
+const uint8_t *VisualEntryRecord(const AtomNode *trak) {
+    const char *const path[] = {"mdia", "minf", "stbl", "stsd"};
+    const AtomNode *stsd = WalkPath(trak, path, 4, nullptr);
+    if (stsd == nullptr || stsd->FirstChild == nullptr) return nullptr;
+    const AtomNode *entry = stsd->FirstChild;
+    // Only entries of a visual layout have the picture size.
+    return RecordHolds(entry, field::kVisualHeight + 2) ? entry->realStructure : nullptr;
+}
+
+void ReadMediaHeader(const AtomNode *trak, uint32_t *timescale, uint32_t *duration) {
+    const char *const path[] = {"mdia", "mdhd"};
+    const AtomNode *mdhd = WalkPath(trak, path, 2, nullptr);
+    if (mdhd == nullptr || mdhd->realStructure == nullptr) return;
+    const uint8_t *record = mdhd->realStructure;
+    const bool wide = NodeVersion(mdhd) == 1;
+    *timescale = GetBE32(record, wide ? field::kMdhdTimescaleV1 : field::kMdhdTimescale);
+    *duration = wide ? uint32_t(GetBE64(record, field::kMdhdDurationV1))
+                     : GetBE32(record, field::kMdhdDuration);
+}
+
+int32_t OtherNoMemoryCode(int32_t type) {
+    if (type == MP4_TRACK_HINT) return kLoopNoMemoryForHint;
+    if (type == MP4_TRACK_OD) return kLoopNoMemoryForOd;
+    return kLoopNoMemoryForOther;
+}
+
+int32_t FailOpen(MP4_local_file **file, TrackNode *node, int32_t code) {
+    ReleaseTrackNodes(&node);
+    MP4FileClose(file);
+    return code;
+}
+
+}  // namespace
+
+int32_t ModernTrackType(const AtomNode *trak) {
+    const char *const path[] = {"mdia", "hdlr"};
+    const AtomNode *hdlr = WalkPath(trak, path, 2, nullptr);
+    if (hdlr == nullptr || hdlr->realStructure == nullptr) return kTrackOtherHandler;
+    const char *handler =
+        reinterpret_cast<const char *>(hdlr->realStructure) + field::kHdlrHandlerType;
+    for (const HandlerRow &row : kHandlers) {
+        if (AtomNameEquals(handler, row.name)) return row.type;
+    }
+    return kTrackOtherHandler;
+}
+
+uint32_t ModernTrackId(const AtomNode *trak) {
+    const AtomNode *tkhd = FindChild(trak, "tkhd");
+    if (tkhd == nullptr || tkhd->realStructure == nullptr) return 0;
+    const uint8_t *record = tkhd->realStructure;
+    return GetBE32(record, NodeVersion(tkhd) == 1 ? field::kTkhdTrackIdV1 : field::kTkhdTrackId);
+}
+
+uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits) {
+    *fits = false;
+    const char *const path[] = {"mdia", "minf", "stbl"};
+    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
+    const AtomNode *sizes = FindChild(stbl, "stsz");
+    if (sizes == nullptr) sizes = FindChild(stbl, "stz2");
+    if (sizes == nullptr || sizes->realStructure == nullptr) return 0;
+    const uint8_t *record = sizes->realStructure;
+    const uint32_t count = GetBE32(record, field::kStszSampleCount);
+    const uint32_t constant =
+        AtomNameEquals(sizes->AtomName, "stsz") ? GetBE32(record, field::kStszSampleSize) : 0;
+    // A table of sizes was loaded only if it lies inside its atom; a
+    // constant size puts every sample inside the file.
+    *fits = constant == 0 ? GetRecordPointer(sizes) != nullptr
+                          : uint64_t(count) * constant <= fileSize;
+    return count;
+}
+
+int32_t RunModernTrackLoop(MP4_local_file **file) {
+    MP4_local_file *handle = *file;
+    Root_atom *root = handle->RootAtom;
+    ReadForm &form = handle->read;
+    const AtomNode *moov = root->FirstAtom;
+    while (moov != nullptr && !AtomNameEquals(moov->AtomName, "moov")) moov = moov->NextSibling;
+    if (moov == nullptr) return kLoopDone;
+
+    for (AtomNode *trak = moov->FirstChild; trak != nullptr; trak = trak->NextSibling) {
+        if (!AtomNameEquals(trak->AtomName, "trak")) continue;
+        const uint32_t trackId = ModernTrackId(trak);
+        if (trackId == 0) continue;  // no "tkhd": listed by MP4GetTrackInfo only
+        TrackNode *node = static_cast<TrackNode *>(ZeroAlloc(sizeof(TrackNode)));
+        if (node == nullptr) return FailOpen(file, nullptr, kLoopNoMemoryForVideo);
+        node->TrakAtom = trak;
+        node->TrackType = ModernTrackType(trak);
+        node->TrackId = trackId;
+
+        if (node->TrackType == MP4_TRACK_VIDEO) {
+            auto *record = static_cast<VideoTrackNode *>(ZeroAlloc(sizeof(VideoTrackNode)));
+            if (record == nullptr) return FailOpen(file, node, kLoopNoMemoryForVideo);
+            record->TrackType = MP4_TRACK_VIDEO;
+            record->TrackId = trackId;
+            record->Track = node;
+            Append(record, &form.VideoFirst, &form.VideoLast, &form.VideoCurrent);
+            ReadMediaHeader(trak, &record->Timescale, &record->TrackDuration);
+            if (const uint8_t *entry = VisualEntryRecord(trak)) {
+                record->TrackWidth = GetBE16(entry, field::kVisualWidth);
+                record->TrackHeight = GetBE16(entry, field::kVisualHeight);
+            }
+            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
+            if (record->Track != nullptr) record->SampleCount = record->Track->SampleCount;
+        } else if (node->TrackType == MP4_TRACK_AUDIO) {
+            auto *record = static_cast<AudioTrackNode *>(ZeroAlloc(sizeof(AudioTrackNode)));
+            if (record == nullptr) return FailOpen(file, node, kLoopNoMemoryForAudio);
+            record->TrackType = MP4_TRACK_AUDIO;
+            record->TrackId = trackId;
+            record->Track = node;
+            Append(record, &form.AudioFirst, &form.AudioLast, &form.AudioCurrent);
+            ReadMediaHeader(trak, &record->Timescale, &record->TrackDuration);
+            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
+            if (record->Track != nullptr) record->SampleCount = record->Track->SampleCount;
+        } else {
+            auto *record = static_cast<OtherTrackNode *>(ZeroAlloc(sizeof(OtherTrackNode)));
+            if (record == nullptr) return FailOpen(file, node, OtherNoMemoryCode(node->TrackType));
+            record->TrackType = uint32_t(node->TrackType);
+            record->TrackId = trackId;
+            record->Track = node;
+            Append(record, &form.OtherFirst, &form.OtherLast, &form.OtherCurrent);
+            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
+        }
+    }
+    return kLoopDone;
+}

@@ -1,0 +1,453 @@
+#!/usr/bin/env python3
+"""Helpers of make_modern_fixtures.sh: the expected listings of the modern
+fixtures and the checks made on them at generation time.
+
+  modern_tool.py samples FILE    the per-sample listing (FILE.samples), from
+                                 ffprobe -ignore_editlist 1 -show_packets
+  modern_tool.py streams FILE    the per-stream facts (FILE.streams), from
+                                 ffprobe -ignore_editlist 1 -show_streams
+                                 -show_data, with the decoder configuration
+                                 and edit list read from the file's atoms
+  modern_tool.py describe FILE   one line: top-level atoms, each track's headers
+  modern_tool.py atoms FILE      the atom tree, one line per atom (for eyes)
+
+Both listings are checked against the file's own atoms as they are made:
+ffprobe's stream ids are the "tkhd" track ids in "trak" order, its time base
+is the "mdhd" timescale, its packet count is the "stsz"/"stz2" count, each
+packet's CRC-32 is that of the bytes at its position, and ffprobe's
+extradata equals the decoder configuration for "avcC", "hvcC", "av1C" and
+the "esds" DecoderSpecificInfo. Any other difference is printed as a note
+on standard error. The formats are in README.md beside this file.
+"""
+import json
+import struct
+import subprocess
+import sys
+import zlib
+
+# Atoms whose payload is a sequence of atoms.
+CONTAINERS = {b"moov", b"trak", b"mdia", b"minf", b"stbl", b"edts", b"dinf", b"udta",
+              b"mvex", b"moof", b"traf", b"mfra", b"sinf", b"schi", b"wave", b"ilst",
+              b"tref", b"gmhd"}
+# Sample entry kinds by handler: bytes of fixed fields behind the 8-byte head.
+VISUAL_FIELDS = 78
+AUDIO_FIELDS = 28
+CONFIG_ATOMS = (b"avcC", b"hvcC", b"av1C", b"vpcC", b"dOps", b"dac3", b"dec3", b"dfLa",
+                b"alac", b"d263", b"damr", b"esds")
+# Configuration atoms that are full atoms: their payload follows version/flags.
+FULL_CONFIG = {b"vpcC", b"dfLa", b"alac", b"esds"}
+
+
+class Atom:
+    def __init__(self, name, pos, size, head):
+        self.name, self.pos, self.size, self.head = name, pos, size, head
+        self.children = []
+        self.extra = b""  # the 16-byte type of a "uuid"
+
+    def body(self, data):
+        return data[self.pos + self.head:self.pos + self.size]
+
+    def find(self, *path):
+        """The first descendant along path (names as str)."""
+        node = self
+        for name in path:
+            node = next((c for c in node.children if c.name == name.encode()), None)
+            if node is None:
+                return None
+        return node
+
+    def all(self, name):
+        return [c for c in self.children if c.name == name.encode()]
+
+
+def parse(data, start, end, depth=0):
+    out = []
+    pos = start
+    while pos + 8 <= end:
+        size, name = struct.unpack(">I4s", data[pos:pos + 8])
+        head = 8
+        if size == 1:
+            size = struct.unpack(">Q", data[pos + 8:pos + 16])[0]
+            head = 16
+        elif size == 0:
+            size = end - pos
+        if size < head or pos + size > end:
+            raise SystemExit("bad size %d of %r at %d" % (size, name, pos))
+        atom = Atom(name, pos, size, head)
+        if name == b"uuid":
+            atom.extra = data[pos + head:pos + head + 16]
+            atom.head += 16
+        out.append(atom)
+        if depth < 16:
+            body = pos + head
+            if name in CONTAINERS:
+                atom.children = parse(data, body, pos + size, depth + 1)
+            elif name == b"meta":
+                # ISO "meta" is a full atom; QuickTime's starts with its "hdlr".
+                skip = 0 if data[body + 4:body + 8] == b"hdlr" else 4
+                atom.children = parse(data, body + skip, pos + size, depth + 1)
+            elif name == b"stsd":
+                atom.children = parse(data, body + 8, pos + size, depth + 1)
+        pos += size
+    return out
+
+
+def _entry_fields(data, pos, handler):
+    if handler == b"vide":
+        return VISUAL_FIELDS
+    version = struct.unpack(">H", data[pos + 16:pos + 18])[0]
+    return AUDIO_FIELDS + {0: 0, 1: 16, 2: 36}.get(version, 0)
+
+
+def atoms(data):
+    """The atom tree; sample entries are parsed below the "stsd" of their track."""
+    top = parse(data, 0, len(data))
+    # A sample entry's fixed fields depend on the track's handler: parse the
+    # entries of each "stsd" once the "hdlr" is known.
+    for trak in (t for m in top if m.name == b"moov" for t in m.all("trak")):
+        hdlr = trak.find("mdia", "hdlr")
+        stsd = trak.find("mdia", "minf", "stbl", "stsd")
+        if hdlr is None or stsd is None:
+            continue
+        handler = hdlr.body(data)[8:12]
+        stsd.children = []
+        pos = stsd.pos + stsd.head + 8
+        end = stsd.pos + stsd.size
+        while pos + 8 <= end:
+            size, name = struct.unpack(">I4s", data[pos:pos + 8])
+            entry = Atom(name, pos, size, 8)
+            if handler in (b"vide", b"soun"):
+                entry.children = parse(data, pos + 8 + _entry_fields(data, pos, handler),
+                                       pos + size, 8)
+            stsd.children.append(entry)
+            pos += max(size, 8)
+    return top
+
+
+def dump(data, nodes, indent=0, out=None):
+    for n in nodes:
+        out.append("%s%s %d %d" % ("  " * indent, n.name.decode("latin-1"), n.pos, n.size))
+        dump(data, n.children, indent + 1, out)
+    return out
+
+
+def descriptor(data, pos):
+    """(tag, body start, body end) of an MPEG-4 descriptor at pos."""
+    tag = data[pos]
+    pos += 1
+    length = 0
+    for _ in range(4):
+        b = data[pos]
+        pos += 1
+        length = (length << 7) | (b & 0x7F)
+        if not b & 0x80:
+            break
+    return tag, pos, pos + length
+
+
+def esds_dsi(body):
+    """The DecoderSpecificInfo of an "esds" payload (after version/flags), or None."""
+    tag, pos, end = descriptor(body, 0)
+    if tag != 3:
+        return None
+    flags = body[pos + 2]
+    pos += 3
+    if flags & 0x80:
+        pos += 2
+    if flags & 0x40:
+        pos += 1 + body[pos]
+    if flags & 0x20:
+        pos += 2
+    tag, pos, end = descriptor(body, pos)
+    if tag != 4:
+        return None
+    pos += 13
+    if pos >= end:
+        return None
+    tag, pos, end = descriptor(body, pos)
+    return body[pos:end] if tag == 5 else None
+
+
+class Track:
+    """What the atoms of one "trak" say."""
+
+    def __init__(self, data, trak, movie_timescale):
+        tkhd = trak.find("tkhd").body(data)
+        self.id = struct.unpack(">I", tkhd[12:16] if tkhd[0] == 0 else tkhd[20:24])[0]
+        self.versions = {"tkhd": tkhd[0]}
+        mdhd = trak.find("mdia", "mdhd").body(data)
+        self.versions["mdhd"] = mdhd[0]
+        if mdhd[0] == 1:
+            self.timescale, self.mdhd_duration = struct.unpack(">IQ", mdhd[20:32])
+        else:
+            self.timescale, self.mdhd_duration = struct.unpack(">II", mdhd[12:20])
+        code = struct.unpack(">H", mdhd[-4:-2])[0]
+        # Packed ISO 639-2 letters; QuickTime's 0x7FFF means unspecified.
+        self.language = "und" if code == 0x7FFF else \
+            "".join(chr(0x60 + ((code >> s) & 31)) for s in (10, 5, 0))
+        # Rotation in degrees clockwise on the screen, from the matrix's a, b,
+        # c, d (16.16): x' = a x + c y, y' = b x + d y with y downwards, so
+        # (0, 1, -1, 0) turns the picture's top to the right (a phone held
+        # upright). ffprobe prints the counter-clockwise angle (-90 there).
+        # Any other matrix counts as 0.
+        at = 40 if tkhd[0] == 0 else 52
+        a, b, _, c, d = struct.unpack(">5i", tkhd[at:at + 20])
+        one = 0x10000
+        self.rotation = {(one, 0, 0, one): 0, (0, one, -one, 0): 90, (-one, 0, 0, -one): 180,
+                         (0, -one, one, 0): 270}.get((a, b, c, d), 0)
+        self.handler = trak.find("mdia", "hdlr").body(data)[8:12]
+        self.pasp = (1, 1)
+        stbl = trak.find("mdia", "minf", "stbl")
+        entry = stbl.find("stsd").children[0] if stbl.find("stsd").children else None
+        self.format = entry.name if entry else b"\0\0\0\0"
+        # A protected entry ("encv", "enca", ...): the original format is in
+        # "sinf/frma", the scheme in "sinf/schm".
+        self.scheme = None
+        sinf = next((c for c in entry.children if c.name == b"sinf"), None) if entry else None
+        if sinf is not None:
+            frma, schm = sinf.find("frma"), sinf.find("schm")
+            if frma is not None:
+                self.format = frma.body(data)[:4]
+            if schm is not None:
+                self.scheme = schm.body(data)[4:8].decode("latin-1")
+        pasp = next((c for c in entry.children if c.name == b"pasp"), None) if entry else None
+        if pasp is not None:
+            self.pasp = struct.unpack(">II", pasp.body(data)[:8])
+        self.config = None
+        self.config_atom = None
+        if entry is not None:
+            for c in entry.children:
+                if c.name in CONFIG_ATOMS:
+                    body = c.body(data)
+                    self.config_atom = c.name
+                    if c.name == b"esds":
+                        self.config = esds_dsi(body[4:])
+                    else:
+                        self.config = body[4:] if c.name in FULL_CONFIG else body
+                    break
+        stts = stbl.find("stts").body(data)
+        n = struct.unpack(">I", stts[4:8])[0]
+        self.duration = sum(c * d for c, d in (struct.unpack(">II", stts[8 + 8 * i:16 + 8 * i])
+                                               for i in range(n)))
+        sizes = stbl.find("stsz") or stbl.find("stz2")
+        body = sizes.body(data)
+        self.sample_size = struct.unpack(">I", body[4:8])[0] if sizes.name == b"stsz" else 0
+        self.count = struct.unpack(">I", body[8:12])[0]
+        self.has_stss = stbl.find("stss") is not None
+        ctts = stbl.find("ctts")
+        self.ctts_version = ctts.body(data)[0] if ctts else None
+        # Composition offsets per sample: signed in version 1, unsigned in 0.
+        self.offsets = [0] * self.count
+        if ctts is not None:
+            body = ctts.body(data)
+            n = struct.unpack(">I", body[4:8])[0]
+            form = ">Ii" if body[0] == 1 else ">II"
+            at = 0
+            for i in range(n):
+                c, off = struct.unpack(form, body[8 + 8 * i:16 + 8 * i])
+                self.offsets[at:at + c] = [off] * c
+                at += c
+        # The edit list: the first non-empty edit's media time (-1 without a
+        # list) and the leading empty edits, turned into media ticks.
+        self.edit_media_time = -1
+        self.edit_delay = 0
+        elst = trak.find("edts", "elst")
+        if elst is not None:
+            body = elst.body(data)
+            version = body[0]
+            n = struct.unpack(">I", body[4:8])[0]
+            pos = 8
+            for _ in range(n):
+                if version == 1:
+                    dur, media = struct.unpack(">Qq", body[pos:pos + 16])
+                    pos += 20
+                else:
+                    dur, media = struct.unpack(">Ii", body[pos:pos + 8])
+                    pos += 12
+                if media == -1:
+                    self.edit_delay += dur * self.timescale // movie_timescale
+                else:
+                    self.edit_media_time = media
+                    break
+
+
+def tracks(data):
+    top = atoms(data)
+    moov = next(a for a in top if a.name == b"moov")
+    mvhd = moov.find("mvhd").body(data)
+    movie_timescale = struct.unpack(">I", mvhd[20:24] if mvhd[0] == 1 else mvhd[12:16])[0]
+    return [Track(data, t, movie_timescale) for t in moov.all("trak")]
+
+
+def ffprobe(path, what):
+    cmd = ["ffprobe", "-v", "error", "-ignore_editlist", "1", "-of", "json"] + what + [path]
+    return json.loads(subprocess.check_output(cmd))
+
+
+def note(path, text):
+    sys.stderr.write("%s: note: %s\n" % (path.split("/")[-1], text))
+
+
+def kind_of(stream):
+    kind = stream["codec_type"]
+    return kind if kind in ("video", "audio") else "other"
+
+
+def matched_tracks(path, data, streams):
+    """The file's tracks in ffprobe's stream order; checks ids and time bases."""
+    mine = tracks(data)
+    if len(mine) != len(streams):
+        raise SystemExit("%s: %d tracks, ffprobe %d streams" % (path, len(mine), len(streams)))
+    for t, s in zip(mine, streams):
+        if int(s["id"], 16) != t.id:
+            raise SystemExit("%s: stream %d has id %s, tkhd %d" % (path, s["index"], s["id"], t.id))
+        num, den = s["time_base"].split("/")
+        if num != "1" or int(den) != t.timescale:
+            raise SystemExit("%s: time base %s, mdhd timescale %d" % (path, s["time_base"],
+                                                                       t.timescale))
+    return mine
+
+
+def samples_lines(path, name=None):
+    data = open(path, "rb").read()
+    streams = ffprobe(path, ["-show_streams"])["streams"]
+    packets = ffprobe(path, ["-show_packets", "-show_data_hash", "CRC32"])["packets"]
+    mine = matched_tracks(path, data, streams)
+    lines = ["# expected samples of %s" % (name or path.split("/")[-1]),
+             "# from ffprobe -ignore_editlist 1 -show_packets -show_data_hash CRC32",
+             "# track ID video|audio|other CODEC timescale N samples COUNT",
+             "# DTS SIZE POS KEY CTS_OFFSET CRC32   (DTS less the first; CTS_OFFSET from ctts)",
+             "# pcm FRAME_BYTES TOTAL_BYTES CRC32   (PCM: all the track's bytes)"]
+    for s, t in zip(streams, mine):
+        own = [p for p in packets if p["stream_index"] == s["index"]]
+        own.sort(key=lambda p: int(p["dts"]))
+        for p in own:
+            pos, size = int(p["pos"]), int(p["size"])
+            crc = int(p["data_hash"].split(":")[1], 16)
+            if zlib.crc32(data[pos:pos + size]) != crc:
+                raise SystemExit("%s: packet at %d: CRC differs from the file's bytes" % (path, pos))
+        pcm = s["codec_name"].startswith("pcm_")
+        lines.append("track %d %s %s timescale %d samples %d" %
+                     (t.id, kind_of(s), s["codec_name"], t.timescale, t.count))
+        head = len(lines)
+        if pcm:
+            blob = b"".join(data[int(p["pos"]):int(p["pos"]) + int(p["size"])] for p in own)
+            if t.sample_size == 0 or len(blob) != t.sample_size * t.count:
+                raise SystemExit("%s: PCM bytes %d, stsz %d x %d" % (path, len(blob),
+                                                                    t.sample_size, t.count))
+            lines.append("pcm %d %d %08x" % (t.sample_size, len(blob), zlib.crc32(blob)))
+            continue
+        if len(own) != t.count:
+            raise SystemExit("%s: track %d: %d packets, %d samples" % (path, t.id, len(own), t.count))
+        first = int(own[0]["dts"]) if own else 0
+        differs = []
+        for p, offset in zip(own, t.offsets):
+            if int(p["pts"]) - int(p["dts"]) != offset:
+                differs.append((int(p["pts"]) - int(p["dts"]), offset))
+            lines.append("%d %s %s %d %d %s" % (
+                int(p["dts"]) - first, p["size"], p["pos"], 1 if p["flags"].startswith("K") else 0,
+                offset, p["data_hash"].split(":")[1]))
+        if differs:
+            text = ("in %d samples ffprobe's pts - dts is not the \"ctts\" offset (first: %d, "
+                    "ctts %d); CTS_OFFSET is the file's" % ((len(differs),) + differs[0]))
+            note(path, "track %d: %s" % (t.id, text))
+            lines.insert(head, "# " + text)
+    return lines
+
+
+def extradata(stream):
+    """ffprobe's extradata hexdump as bytes (None without)."""
+    text = stream.get("extradata", "").strip("\n")
+    if not text:
+        return None
+    out = bytearray()
+    for line in text.split("\n"):
+        hexpart = line[10:49].replace(" ", "")
+        out += bytes.fromhex(hexpart)
+    return bytes(out)
+
+
+def streams_lines(path, name=None):
+    data = open(path, "rb").read()
+    info = ffprobe(path, ["-show_streams", "-show_data"])["streams"]
+    mine = matched_tracks(path, data, info)
+    lines = ["# expected track facts of %s" % (name or path.split("/")[-1]),
+             "# from ffprobe -ignore_editlist 1 -show_streams -show_data, and the file's atoms",
+             "# stream ID video|audio|other TAG width W height H rate R channels C "
+             "duration D frames N extradata HEX|- config HEX|- edit MEDIA_TIME DELAY "
+             "rotation DEGREES sar H:V language LLL scheme SCHM|-"]
+    for s, t in zip(info, mine):
+        tag = s["codec_tag_string"]
+        if tag.encode() != t.format:
+            note(path, "stream %s: tag %s, sample entry %r" % (s["id"], tag, t.format))
+        extra = extradata(s)
+        compared = t.config_atom in (b"avcC", b"hvcC", b"av1C", b"esds")
+        if compared:
+            if extra != t.config:
+                raise SystemExit("%s: stream %s: extradata differs from %r" %
+                                 (path, s["id"], t.config_atom))
+        elif extra != t.config:
+            note(path, "stream %s: FFmpeg's extradata for %s: %s" % (
+                s["id"], (t.config_atom or b"no configuration").decode(),
+                "%d bytes, %s" % (len(extra), extra.hex()) if extra else "none"))
+        duration = int(s["duration_ts"])
+        if duration != t.duration:
+            note(path, "stream %s: duration_ts %d, sum of stts %d" % (s["id"], duration, t.duration))
+        frames = int(s.get("nb_frames", 0))
+        if frames != t.count:
+            note(path, "stream %s: nb_frames %d, samples %d" % (s["id"], frames, t.count))
+        rotation = next((int(x.get("rotation", 0)) for x in s.get("side_data_list", [])
+                         if x.get("side_data_type") == "Display Matrix"), 0)
+        if -rotation % 360 != t.rotation:
+            note(path, "stream %s: ffprobe's rotation %d, tkhd %d" % (s["id"], rotation, t.rotation))
+        sar = s.get("sample_aspect_ratio", "1:1")
+        if kind_of(s) == "video" and sar not in ("0:1", "%d:%d" % t.pasp):
+            note(path, "stream %s: ffprobe's sample aspect %s, pasp %d:%d" % ((s["id"], sar) +
+                                                                            t.pasp))
+        language = s.get("tags", {}).get("language", "und")
+        if language != t.language:
+            note(path, "stream %s: ffprobe's language %s, mdhd %s" % (s["id"], language,
+                                                                        t.language))
+        lines.append("stream %s %s %s width %d height %d rate %s channels %d duration %d "
+                     "frames %d extradata %s config %s edit %d %d rotation %d sar %d:%d "
+                     "language %s scheme %s" % (
+                         s["id"], kind_of(s), tag, s.get("width", 0), s.get("height", 0),
+                         s.get("sample_rate", "0"), s.get("channels", 0), duration, frames,
+                         extra.hex() if compared and extra else "-",
+                         t.config.hex() if t.config else "-",
+                         t.edit_media_time, t.edit_delay, t.rotation, t.pasp[0], t.pasp[1],
+                         t.language, t.scheme or "-"))
+    return lines
+
+
+def describe(path):
+    """One line of facts for the README table and the log."""
+    data = open(path, "rb").read()
+    top = atoms(data)
+    order = " ".join(a.name.decode("latin-1") for a in top)
+    parts = []
+    for t in tracks(data):
+        parts.append("%d:%s/%s n=%d ts=%d tkhd v%d mdhd v%d%s%s" % (
+            t.id, t.handler.decode(), t.format.decode("latin-1"), t.count, t.timescale,
+            t.versions["tkhd"], t.versions["mdhd"], " stss" if t.has_stss else "",
+            "" if t.ctts_version is None else " ctts v%d" % t.ctts_version))
+    print("%s: %d bytes, top level %s; %s" % (path.split("/")[-1], len(data), order,
+                                              "; ".join(parts)))
+
+
+def main(argv):
+    if len(argv) >= 2 and argv[0] in ("samples", "streams"):
+        name = argv[argv.index("--name") + 1] if "--name" in argv else None
+        make = samples_lines if argv[0] == "samples" else streams_lines
+        print("\n".join(make(argv[1], name)))
+    elif len(argv) == 2 and argv[0] == "describe":
+        describe(argv[1])
+    elif len(argv) == 2 and argv[0] == "atoms":
+        data = open(argv[1], "rb").read()
+        print("\n".join(dump(data, atoms(data), 0, [])))
+    else:
+        raise SystemExit(__doc__)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

@@ -1,0 +1,218 @@
+// The modern reader on hostile and edge files, the classic calls on a
+// modern handle, and the result codes of the calls by number.
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <chrono>
+#include <functional>
+
+#include "atoms/atoms.h"
+#include "mp4core.h"
+#include "support/mini_mp4.h"
+#include "support/test_support.h"
+
+namespace {
+
+using namespace testing_support;
+
+Bytes Fixture(const std::string &name) { return ReadWholeFile(FixturePath(name)); }
+
+struct ModernFile {
+    TempFile file;
+    MP4_local_file *handle = nullptr;
+    int32_t result;
+    explicit ModernFile(const Bytes &bytes, uint32_t flags = MP4_OPEN_MODERN)
+        : file(bytes), result(MP4FileOpenEx(&handle, file.c_str(), MP4_TABLE_KEYFRAMES, flags)) {}
+    ~ModernFile() { MP4FileClose(&handle); }
+};
+
+// What the first sample of the first track gives, through MP4ReadSample,
+// and the track's sample count.
+int32_t ReadFirst(MP4_local_file *file, uint32_t *samples) {
+    MP4TrackInfo info{};
+    if (file == nullptr || MP4GetTrackInfo(file, 0, &info) != 1) return 0;
+    *samples = info.SampleCount;
+    MP4Sample *sample = nullptr;
+    const int32_t result = MP4ReadSample(file, info.TrackId, info.TrackType, 0, &sample);
+    SampleDataFree(&sample);
+    return result;
+}
+
+// Each file opens, or fails, in milliseconds and with kilobytes of heap,
+// whatever its tables claim, and prints nothing.
+TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
+    MiniTrack zeroCount = KeyedVideo(3, {0});
+    zeroCount.replace["stsz"] = Words("stsz", {1, 1000000000});
+    MiniTrack cut = KeyedVideo(3, {0});  // one chunk of two samples
+    cut.samplesPerChunk = 2;
+    cut.replace["stco"] = Words("stco", {1, 28});
+    MiniTrack soundless = KeyedAudio(3);
+    soundless.sampleEntry = Atom("mp4s", {Zeros(8)});
+    struct Case {
+        const char *name;
+        Bytes file;
+        int32_t open;
+        uint32_t tracks;
+        int32_t first;  // MP4ReadSample of the first track's sample 0
+        uint32_t samples = 0;  // its sample count
+    } cases[] = {
+        {"stz2 claims 10^9", Fixture("modern/claims_stz2_count.mp4"), 1, 1, -97, 1000000000},
+        {"co64 claims 10^9", Fixture("modern/claims_co64_count.mp4"), 1, 1, -97, 3},
+        {"ctts claims 10^9", Fixture("modern/claims_ctts_count.mp4"), 1, 1, -97, 3},
+        {"constant size times 10^9 passes the file", BuildMiniMp4({zeroCount}), 1, 1, -97,
+         1000000000},
+        {"samples no chunk holds are cut off", BuildMiniMp4({cut}), 1, 1, 1, 2},
+        {"top-level size below 8", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(3), Text("free")}),
+         -96, 0, 0},
+        {"size 0 at the top level", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(0), Text("mdat")}),
+         1, 0, 0},
+        {"64-bit size below its head", Cat({U32(1), Text("mdat"), U32(0), U32(15)}), -96, 0, 0},
+        {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1, 1},
+        {"sound entry without sound fields", BuildMiniMp4({soundless}), 1, 1, 1, 3},
+        {"empty file", {}, -95, 0, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        testing::internal::CaptureStdout();
+        const size_t heapBefore = mallinfo2().uordblks;
+        const auto start = std::chrono::steady_clock::now();
+        ModernFile f(c.file);
+        const size_t heap = mallinfo2().uordblks - heapBefore;
+        const auto took = std::chrono::steady_clock::now() - start;
+        uint32_t tracks = 0;
+        MP4GetTrackCount(f.handle, &tracks);
+        EXPECT_EQ(f.result, c.open);
+        EXPECT_EQ(tracks, c.tracks);
+        uint32_t samples = 0;
+        EXPECT_EQ(ReadFirst(f.handle, &samples), c.first);
+        EXPECT_EQ(samples, c.samples);
+        EXPECT_LT(heap, 64u * 1024 + 2 * c.file.size());
+        EXPECT_LT(took, std::chrono::seconds(1));  // natively about 1 ms; valgrind is slower
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    }
+}
+
+TEST(ModernEdges, UnknownFlagGives100AndWritesNothing) {
+    MP4_local_file *file = reinterpret_cast<MP4_local_file *>(&file);
+    EXPECT_EQ(MP4FileOpenEx(&file, FixturePath("mpeg4_aac.mp4").c_str(), 1, 2), -100);
+    EXPECT_EQ(file, reinterpret_cast<MP4_local_file *>(&file));
+}
+
+TEST(ModernEdges, EmptySampleGives87AndTheCursorMovesOn) {
+    ModernFile f(BuildMiniMp4({[] {
+        MiniTrack track = KeyedVideo(3, {0});
+        track.samples[1].clear();
+        return track;
+    }()}));
+    std::string results;
+    for (int i = 0; i < 4; ++i) {
+        MP4Sample *sample = nullptr;
+        results += std::to_string(GetNextSample(f.handle, 1, MP4_TRACK_VIDEO, &sample)) + " ";
+        SampleDataFree(&sample);
+    }
+    EXPECT_EQ(results, "1 -87 1 0 ");
+}
+
+// 1 GHz over 6 s: decoding times pass 2^31 at sample 5 and 2^32 at 9; key
+// frames are samples 0, 4 and 8.
+TEST(ModernEdges, TimesPast32BitsOnTheClassicAndNewCalls) {
+    ModernFile f(Fixture("modern/timescale_1ghz.mp4"));
+    MP4Sample *sample = nullptr;
+    ASSERT_EQ(GetSample(f.handle, 1, MP4_TRACK_VIDEO, INT32_MAX, &sample), 1);
+    EXPECT_EQ(sample->Size, 194u);
+    SampleDataFree(&sample);
+    ASSERT_EQ(SeekTrack(f.handle, 1, MP4_TRACK_VIDEO, INT32_MAX - 1, &sample), 1);
+    EXPECT_EQ(sample->Time, 2000000000u);
+    SampleDataFree(&sample);
+    ASSERT_EQ(MP4ReadSample(f.handle, 1, MP4_TRACK_VIDEO, 8, &sample), 1);
+    SampleDataFree(&sample);
+    ASSERT_EQ(GetNextSample(f.handle, 1, MP4_TRACK_VIDEO, &sample), 1);  // behind sample 8
+    EXPECT_EQ(sample->Time, uint32_t(4500000000u - (1ull << 32)));
+    SampleDataFree(&sample);
+    struct Find {
+        uint64_t time;
+        uint32_t flags;
+        uint32_t sample;
+    } finds[] = {{3000000000u, 0, 6}, {3000000000u, MP4_FIND_KEY, 4}, {5000000000u, MP4_FIND_KEY, 8},
+                 {4000000000u, 0, 8}, {1ull << 40, 0, 11}, {0, MP4_FIND_KEY, 0}};
+    for (const Find &c : finds) {
+        uint32_t found = 99;
+        EXPECT_EQ(MP4FindSample(f.handle, 1, MP4_TRACK_VIDEO, c.time, c.flags, &found), 1);
+        EXPECT_EQ(found, c.sample) << c.time;
+    }
+    MP4SampleInfo info{};
+    ASSERT_EQ(MP4GetSampleInfo(f.handle, 1, MP4_TRACK_VIDEO, 9, &info), 1);
+    EXPECT_EQ(info.DecodeTime, 4500000000u);
+}
+
+TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
+    ModernFile modern(Fixture("modern/mp3.mp4"));
+    ModernFile classic(Fixture("mpeg4_aac.mp4"), 0);
+    ModernFile untabled(Fixture("modern/claims_co64_count.mp4"));
+    MP4_local_file *m = modern.handle;
+    MP4_local_file *c = classic.handle;
+    MP4SampleInfo s{};
+    MP4TrackInfo t{};
+    MP4Sample *sample = nullptr;
+    uint32_t n = 0;
+    uint8_t *data = nullptr;
+    struct Case {
+        const char *what;
+        std::function<int32_t()> call;
+        int32_t expected;
+    } cases[] = {
+        {"count, null", [&] { return MP4GetTrackCount(m, nullptr); }, -99},
+        {"info, index past the end", [&] { return MP4GetTrackInfo(m, 1, &t); }, -98},
+        {"sample info, track 0", [&] { return MP4GetSampleInfo(m, 0, 2, 0, &s); }, -99},
+        {"sample info, wrong type", [&] { return MP4GetSampleInfo(m, 1, 1, 0, &s); }, -98},
+        {"sample info, past the end", [&] { return MP4GetSampleInfo(m, 1, 2, 40, &s); }, -96},
+        {"read, past the end", [&] { return MP4ReadSample(m, 1, 2, 40, &sample); }, -96},
+        {"find, unknown flag", [&] { return MP4FindSample(m, 1, 2, 0, 2, &n); }, -98},
+        {"find, no track", [&] { return MP4FindSample(m, 7, 2, 0, 0, &n); }, -97},
+        {"config of MP3: none", [&] { return MP4GetDecoderConfig(m, 1, 2, &data, &n); }, -97},
+        {"config, no track", [&] { return MP4GetDecoderConfig(m, 1, 1, &data, &n); }, -98},
+        {"track without tables", [&] { return MP4GetSampleInfo(untabled.handle, 1, 1, 0, &s); }, -97},
+        {"classic: video sample info", [&] { return MP4GetSampleInfo(c, 1, 1, 0, &s); }, 1},
+    };
+    for (const Case &k : cases) EXPECT_EQ(k.call(), k.expected) << k.what;
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(s.IsKeyFrame, 1);
+    EXPECT_EQ(s.CompositionOffset, 0);
+    Mp4MediaInfo *media = nullptr;  // the modern track record has its "mdhd" too
+    ASSERT_EQ(RetMp4MediaInfo(m, 1, MP4_TRACK_AUDIO, &media), 1);
+    EXPECT_EQ(media->Timescale, 44100u);
+    for (uint8_t **block : {&media->EsdsData, &media->D263Data, &media->DamrData})
+        MP4freeData(reinterpret_cast<void **>(block));
+    MP4freeData(reinterpret_cast<void **>(&media));
+}
+
+// Unknown atoms and leaves have no children; every "uuid" keeps its
+// 16-byte type; an "esds" with one-byte descriptor lengths gives its
+// AudioSpecificConfig.
+void CountUuids(const AtomNode *node, int *uuids) {
+    for (; node != nullptr; node = node->NextSibling) {
+        AtomSchema schema{};
+        const bool container = GetAtomSchema(node, &schema) > 0 && schema.ChildOffset > 0;
+        EXPECT_TRUE(container || node->FirstChild == nullptr) << node->AtomName;
+        if (AtomNameEquals(node->AtomName, "uuid") &&
+            Bytes(node->realStructure + 8, node->realStructure + 24) ==
+                Hex("be7acfcb 97a942e8 9c719994 91e3afac"))
+            ++*uuids;
+        CountUuids(node->FirstChild, uuids);
+    }
+}
+
+TEST(ModernEdges, OnlyContainersHaveChildrenAndUuidKeepsItsType) {
+    ModernFile f(Fixture("modern/uuid.mp4"));
+    int uuids = 0;
+    CountUuids(f.handle->RootAtom->FirstAtom, &uuids);
+    EXPECT_EQ(uuids, 7);
+    ModernFile audio(BuildMiniMp4({KeyedAudio(3)}));
+    uint8_t *config = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(MP4GetDecoderConfig(audio.handle, 1, MP4_TRACK_AUDIO, &config, &size), 1);
+    EXPECT_EQ(Bytes(config, config + size), Hex("12 10"));
+    MP4freeData(reinterpret_cast<void **>(&config));
+}
+
+}  // namespace

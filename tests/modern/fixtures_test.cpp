@@ -1,0 +1,267 @@
+// The modern reader against FFmpeg's view of every file in tests/data/modern
+// (and of the sparse file above 4 GiB made at test time): each video, audio
+// and other track read sample for sample as its .samples listing says, the
+// track facts and decoder configurations as its .streams says. And
+// MP4FileOpenEx(..., 0) is MP4FileOpen on every fixture.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "atoms/atoms.h"
+#include "mp4core.h"
+#include "support/listing.h"
+#include "support/test_support.h"
+
+namespace {
+
+using namespace testing_support;
+
+// A read handle from MP4FileOpenEx with `flags`, or from MP4FileOpen.
+constexpr int64_t kPlainOpen = -1;
+struct Handle {
+    MP4_local_file *file = nullptr;
+    int32_t result = 0;
+    Handle(const std::string &path, int64_t flags)
+        : result(flags == kPlainOpen
+                     ? MP4FileOpen(&file, path.c_str(), MP4_TABLE_KEYFRAMES)
+                     : MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_KEYFRAMES, uint32_t(flags))) {}
+    ~Handle() { MP4FileClose(&file); }
+};
+
+std::vector<std::string> Listed(const std::string &dir, const std::string &extension) {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(dir))
+        if (entry.path().extension() == extension) names.push_back(entry.path().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::vector<std::string>> Rows(const std::string &path) {
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream text(path);
+    for (std::string line; std::getline(text, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream words(line);
+        rows.emplace_back();
+        for (std::string w; words >> w;) rows.back().push_back(w);
+    }
+    return rows;
+}
+
+std::string Join(const std::vector<std::vector<std::string>> &rows) {
+    std::string out;
+    for (const auto &row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) out += (i ? " " : "") + row[i];
+        out += "\n";
+    }
+    return out;
+}
+
+template <typename... Values>
+std::string Format(const char *format, Values... values) {
+    char buffer[512];
+    std::snprintf(buffer, sizeof buffer, format, values...);
+    return buffer;
+}
+
+bool InfoOf(MP4_local_file *file, uint32_t id, MP4TrackInfo *info) {
+    uint32_t count = 0;
+    MP4GetTrackCount(file, &count);
+    for (uint32_t i = 0; i < count; ++i)
+        if (MP4GetTrackInfo(file, i, info) == 1 && info->TrackId == id) return true;
+    return false;
+}
+
+const char *Kind(int32_t type) { return type == 1 ? "video" : type == 2 ? "audio" : "other"; }
+
+// The reader's listing in the format of `expected`, from which it takes
+// only the order of the tracks, their codec names and which are PCM.
+std::string ReadListing(MP4_local_file *file, const std::vector<std::vector<std::string>> &expected) {
+    std::vector<std::vector<std::string>> rows;
+    for (size_t r = 0; r < expected.size(); ++r) {
+        if (expected[r][0] != "track") continue;
+        MP4TrackInfo info{};
+        if (!InfoOf(file, uint32_t(std::stoul(expected[r][1])), &info)) continue;
+        rows.push_back({"track", std::to_string(info.TrackId), Kind(info.TrackType), expected[r][3],
+                        "timescale", std::to_string(info.Timescale), "samples",
+                        std::to_string(info.SampleCount)});
+        const bool pcm = r + 1 < expected.size() && expected[r + 1][0] == "pcm";
+        Bytes all;
+        uint32_t frame = 0;
+        for (uint32_t n = 0; n < info.SampleCount; ++n) {
+            MP4SampleInfo s{};
+            MP4Sample *sample = nullptr;
+            if (MP4GetSampleInfo(file, info.TrackId, info.TrackType, n, &s) != 1 ||
+                MP4ReadSample(file, info.TrackId, info.TrackType, n, &sample) != 1) {
+                rows.push_back({"unreadable", std::to_string(n)});
+                break;
+            }
+            if (pcm) {
+                all.insert(all.end(), sample->Data, sample->Data + sample->Size);
+                frame = n == 0 ? s.Size : frame;
+            } else {
+                rows.push_back({std::to_string(s.DecodeTime), std::to_string(s.Size),
+                                std::to_string(s.FileOffset), std::to_string(s.IsKeyFrame),
+                                std::to_string(s.CompositionOffset),
+                                Format("%08x", Crc32(sample->Data, sample->Size))});
+            }
+            SampleDataFree(&sample);
+        }
+        if (pcm)
+            rows.push_back({"pcm", std::to_string(frame), std::to_string(all.size()),
+                            Format("%08x", Crc32(all.data(), all.size()))});
+    }
+    return Join(rows);
+}
+
+// The track facts in the format of the .streams files; ffprobe's extradata
+// is compared with the decoder configuration where the file gives it.
+std::string ReadStreams(MP4_local_file *file, const std::vector<std::vector<std::string>> &expected) {
+    std::vector<std::vector<std::string>> rows;
+    for (const auto &row : expected) {
+        MP4TrackInfo i{};
+        if (!InfoOf(file, uint32_t(std::stoul(row[1], nullptr, 16)), &i)) continue;
+        uint8_t *config = nullptr;
+        uint32_t size = 0;
+        std::string hex = MP4GetDecoderConfig(file, i.TrackId, i.TrackType, &config, &size) == 1 ? "" : "-";
+        for (uint32_t b = 0; b < size; ++b) hex += Format("%02x", config[b]);
+        MP4freeData(reinterpret_cast<void **>(&config));
+        rows.push_back({"stream", Format("0x%x", i.TrackId), Kind(i.TrackType),
+                        std::string(i.Format, 4), "width", std::to_string(i.Width), "height",
+                        std::to_string(i.Height), "rate", std::to_string(i.SampleRate),
+                        "channels", std::to_string(i.Channels), "duration",
+                        std::to_string(i.Duration), "frames", std::to_string(i.SampleCount),
+                        "extradata", row[17] == "-" ? "-" : hex, "config", hex, "edit",
+                        std::to_string(i.EditMediaTime), std::to_string(i.EditDelay),
+                        "rotation", std::to_string(i.Rotation), "sar",
+                        Format("%u:%u", i.PixelAspectH, i.PixelAspectV), "language",
+                        i.Language, "scheme", i.Encrypted ? std::string(i.Scheme, 4) : "-"});
+    }
+    return Join(rows);
+}
+
+void CheckAgainstListings(const std::string &path) {
+    SCOPED_TRACE(path);
+    const auto samples = Rows(path + ".samples");
+    const auto streams = Rows(path + ".streams");
+    testing::internal::CaptureStdout();  // the modern reader prints nothing
+    Handle modern(path, MP4_OPEN_MODERN);
+    const std::string listing = ReadListing(modern.file, samples);
+    const std::string facts = ReadStreams(modern.file, streams);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    ASSERT_EQ(modern.result, 1);
+    EXPECT_EQ(listing, Join(samples));
+    EXPECT_EQ(facts, Join(streams));
+}
+
+std::string ModernDir() { return FixturePath("modern"); }
+
+TEST(ModernFixtures, EveryTrackReadsAsFfprobeListsIt) {
+    const auto files = Listed(ModernDir(), ".samples");
+    ASSERT_GE(files.size(), 20u);
+    for (const std::string &listing : files) CheckAgainstListings(listing.substr(0, listing.size() - 8));
+}
+
+// Cuts of a fixture, each made in place on a copy: every one opens and
+// reads every sample and configuration, or fails, with a code.
+void ReadCuts(const std::string &path, const std::vector<uint64_t> &lengths) {
+    SCOPED_TRACE(path);
+    const auto samples = Rows(path + ".samples");
+    const auto streams = Rows(path + ".streams");
+    TempFile cut(ReadWholeFile(path));
+    for (uint64_t length : lengths) {
+        std::filesystem::resize_file(cut.path(), length);
+        Handle h(cut.path(), MP4_OPEN_MODERN);
+        if (h.result != 1) continue;
+        ReadListing(h.file, samples);
+        ReadStreams(h.file, streams);
+    }
+}
+
+void AtomEnds(const AtomNode *node, int64_t size, std::vector<uint64_t> *lengths) {
+    for (; node != nullptr; node = node->NextSibling) {
+        for (int64_t end : {int64_t(node->AtomOffset), int64_t(node->AtomOffset + node->AtomSize)})
+            for (int64_t at : {end - 16, end - 1, end, end + 1, end + 16})
+                if (at >= 0 && at < size) lengths->push_back(uint64_t(at));
+        AtomEnds(node->FirstChild, size, lengths);
+    }
+}
+
+// Every prefix of one fixture, and cuts around every atom boundary of the
+// others. Not under valgrind, where the thousands of opens take minutes.
+TEST(ModernFixtures, EveryCutOpensAndReadsOrFails) {
+    const char *preload = std::getenv("LD_PRELOAD");
+    if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) GTEST_SKIP();
+    const std::string prefixed = ModernDir() + "/h264_aac_faststart.mp4";
+    std::vector<uint64_t> all(std::filesystem::file_size(prefixed));
+    for (size_t i = 0; i < all.size(); ++i) all[i] = all.size() - i;
+    ReadCuts(prefixed, all);
+    for (const std::string &listing : Listed(ModernDir(), ".samples")) {
+        const std::string path = listing.substr(0, listing.size() - 8);
+        Handle whole(path, MP4_OPEN_MODERN);
+        std::vector<uint64_t> lengths;
+        AtomEnds(whole.file->RootAtom->FirstAtom, int64_t(std::filesystem::file_size(path)),
+                 &lengths);
+        std::sort(lengths.rbegin(), lengths.rend());
+        ReadCuts(path, lengths);
+    }
+}
+
+TEST(ModernFixtures, SparseFileAbove4GiBReadsThroughCo64) {
+    TempFile marker;
+    const std::string dir = marker.path() + ".d";
+    RunCommand("python3 '" + ModernDir() + "/make_large.py' '" + dir + "' 2>&1");
+    const std::string path = dir + "/large_co64.mp4";
+    if (!FileExists(path)) GTEST_SKIP() << "make_large.py made no file (no python3?)";
+    CheckAgainstListings(path);
+    RunCommand("rm -rf '" + dir + "'");
+}
+
+// What the classic calls give on a handle: every video and audio sample
+// through GetNextSample, with its result, time, size, mark and bytes.
+std::string ClassicView(const std::string &path, int64_t flags) {
+    Handle h(path, flags);
+    std::string out = Format("open %d\n", h.result);
+    uint32_t count = 0;
+    MP4GetTrackCount(h.file, &count);
+    for (uint32_t i = 0; i < count; ++i) {
+        MP4TrackInfo info{};
+        MP4GetTrackInfo(h.file, i, &info);
+        out += Format("track %u type %d samples %u\n", info.TrackId, info.TrackType, info.SampleCount);
+        if (info.TrackType != 1 && info.TrackType != 2) continue;
+        for (int32_t r = 1; r == 1;) {
+            MP4Sample *s = nullptr;
+            r = GetNextSample(h.file, info.TrackId, info.TrackType, &s);
+            out += r != 1 ? Format("%d\n", r)
+                          : Format("%u %u %u %08x\n", s->Time, s->Size, s->IsKeyFrame,
+                                   Crc32(s->Data, s->Size));
+            SampleDataFree(&s);
+        }
+    }
+    return out;
+}
+
+TEST(ModernFixtures, OpenExWithoutFlagsIsTheClassicOpen) {
+    std::vector<std::string> files;
+    for (const std::string &dir : {ModernDir(), FixturePath("")})
+        for (const char *extension : {".mp4", ".3gp", ".mov"})
+            for (const std::string &f : Listed(dir, extension)) files.push_back(f);
+    ASSERT_GE(files.size(), 40u);
+    for (const std::string &path : files) {
+        SCOPED_TRACE(path);
+        testing::internal::CaptureStdout();
+        const std::string plain = ClassicView(path, kPlainOpen);
+        const std::string plainMessages = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        const std::string ex = ClassicView(path, 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), plainMessages);
+        EXPECT_EQ(ex, plain);
+    }
+}
+
+}  // namespace
