@@ -2,14 +2,13 @@
 // sample access calls on it, chosen from the input's bytes: reading, seeking
 // by time and position, key frame steps, and the decoder-assisted seek with
 // a test decoder that touches every sample it gets and fails now and then.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "memory_file.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
 
@@ -29,7 +28,6 @@ struct Random {
 };
 
 Random gDecoderRandom{1};
-const char *gPath = nullptr;
 
 // A time near the samples of a track, or one of the extremes.
 int32_t PickTime(Random &random, uint32_t duration) {
@@ -126,22 +124,9 @@ extern "C" int32_t decore(uint32_t, DecoreFrame *frame, void *context) {
     return gDecoderRandom.Below(16) == 0 ? -1 : 0;
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    // The library's diagnostics would drown the fuzzer's own output.
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) return 0;
-    static char path[] = "/tmp/access_fuzz_XXXXXX";
-    int fd = mkstemp(path);
-    if (fd >= 0) close(fd);
-    gPath = path;
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (gPath == nullptr) return 0;
-    FILE *out = std::fopen(gPath, "wb");
-    if (out == nullptr) return 0;
-    std::fwrite(data, 1, size, out);
-    std::fclose(out);
+    const char *path = InputFile(data, size);
+    if (path == nullptr) return 0;
 
     uint64_t seed = 1469598103934665603ull;  // FNV-1a over the input
     for (size_t i = 0; i < size; ++i) seed = (seed ^ data[i]) * 1099511628211ull;
@@ -149,7 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         Random random{seed | 1};
         gDecoderRandom.state = (seed >> 1) | 1;
         MP4_local_file *file = nullptr;
-        if (MP4FileOpen(&file, gPath, mode) != 1) continue;
+        if (MP4FileOpen(&file, path, mode) != 1) continue;
         RunCalls(file, random);
         MP4FileClose(&file);
     }

@@ -2,21 +2,16 @@
 // handle of its own RetMp4MediaInfo of every track, an ADTS header from
 // each audio configuration, and the initial object descriptor written and
 // read back.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "memory_file.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
 
 namespace {
-
-int g_fd = -1;
-std::string g_path;
 
 void FreeInfo(Mp4MediaInfo *info) {
     free(info->EsdsData);
@@ -42,21 +37,14 @@ void DescribeTrack(MP4_local_file *file, uint32_t trackId, int32_t type) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    g_fd = memfd_create("file_info_fuzz", 0);
-    if (g_fd < 0) return 1;
-    g_path = "/proc/self/fd/" + std::to_string(g_fd);
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (g_fd < 0 || ftruncate(g_fd, 0) != 0 || pwrite(g_fd, data, size, 0) != ssize_t(size)) return 0;
+    const char *path = InputFile(data, size);
+    if (path == nullptr) return 0;
     FileInfo summary;
-    GetFileInfo(g_path.c_str(), &summary);
+    GetFileInfo(path, &summary);
 
     MP4_local_file *file = nullptr;
-    if (MP4FileOpen(&file, g_path.c_str(), MP4_TABLE_MARKS) != 1) return 0;
+    if (MP4FileOpen(&file, path, MP4_TABLE_MARKS) != 1) return 0;
     for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
         DescribeTrack(file, v->TrackId, MP4_TRACK_VIDEO);
     for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)
