@@ -6,6 +6,8 @@
 
 #include <dlfcn.h>
 
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "support/listing.h"
@@ -43,69 +45,39 @@ extern "C" int32_t decore(uint32_t command, DecoreFrame *frame, void *context) {
 namespace {
 
 TEST(VideoSeek, DecodedSamplesCursorsAndResultsMatchTheGolden) {
-    const MiniTrack keys0_4_7 = KeyedVideo(10, {0, 4, 7});
-    MiniTrack emptyKey = keys0_4_7, emptyFed = keys0_4_7, broken = keys0_4_7;
-    emptyKey.samples[0].clear();
-    emptyFed.samples[5].clear();
-    broken.replace["stco"] = {};
-    enum { kNullFile = 1, kNullWord = 2, kNullContext = 4, kNullResult = 8, kUseTrack2 = 16, kWideWord1 = 32 };
-    struct Case {
-        const char *what;
-        std::vector<MiniTrack> tracks;
-        int32_t mode, cursor, target;
-        int failAt = -1;
-        uint32_t reserved = 0;
-        int flags = 0;
-    };
-    const std::vector<Case> cases = {
-        {"key frame 0", {keys0_4_7}, 1, 0, 0}, {"to 2", {keys0_4_7}, 1, 0, 2},
-        {"word 1 above 32 bits: the low 32 come back", {keys0_4_7}, 1, 0, 0, -1, 0, kWideWord1},
-        {"to 6", {keys0_4_7}, 1, 0, 6},        {"to 9", {keys0_4_7}, 1, 0, 9},
-        {"to 10, the count", {keys0_4_7}, 1, 0, 10},
-        {"key frame 4 from 0", {keys0_4_7}, 1, 0, 4}, {"key frame 7 from 0", {keys0_4_7}, 1, 0, 7},
-        {"to 6 from 5", {keys0_4_7}, 1, 5, 6},  {"key frame 4 from 5", {keys0_4_7}, 1, 5, 4},
-        {"a step can't read key frame 0", {emptyKey}, 1, 0, 6},
-        {"decoder fails on the key frame", {keys0_4_7}, 1, 0, 6, 0},
-        {"decoder fails on the second fed sample", {keys0_4_7}, 1, 0, 6, 2},
-        {"a fed sample can't be read", {emptyFed}, 1, 0, 6},
-        {"target past the end", {keys0_4_7}, 1, 3, 11}, {"negative target", {keys0_4_7}, 1, 3, -1},
-        {"reserved not 0", {keys0_4_7}, 1, 3, 2, -1, 1},
-        {"null file", {keys0_4_7}, 1, 3, 2, -1, 0, kNullFile},
-        {"null context word", {keys0_4_7}, 1, 3, 2, -1, 0, kNullWord},
-        {"null context", {keys0_4_7}, 1, 3, 2, -1, 0, kNullContext},
-        {"null result", {keys0_4_7}, 1, 3, 2, -1, 0, kNullResult},
-        {"mode 2", {keys0_4_7}, 2, 3, 2}, {"mode 3", {keys0_4_7}, 3, 3, 2},
-        {"no video track", {KeyedAudio(4, 2)}, 1, 3, 2},
-        {"video record without tables", {broken}, 1, 3, 2},
-        {"before the first key frame", {KeyedVideo(8, {2, 5})}, 1, 3, 1},
-        {"no key frames", {KeyedVideo(8, {})}, 1, 3, 3},
-        {"two tracks: the first after the open", {keys0_4_7, KeyedVideo(6, {0, 2}, 2)}, 1, 0, 6},
-        {"two tracks: the one last read", {keys0_4_7, KeyedVideo(6, {0, 2}, 2)}, 1, 0, 4, -1, 0, kUseTrack2},
-    };
     std::string text;
-    for (const Case &c : cases) {
-        OpenedFile opened(BuildMiniMp4(c.tracks), c.mode);
+    for (const auto &row : ReadRows("read/video_seek.rows")) {
+        std::istringstream in(row.at(1));
+        int32_t mode = 0, cursor = 0, target = 0;
+        uint32_t reserved = 0;
+        in >> mode >> cursor >> target;
+        std::set<std::string> flags;
+        gLog = DecoderLog{};
+        for (std::string word; in >> word;) {
+            if (word == "fail") in >> gLog.failAt;
+            if (word == "reserved") in >> reserved;
+            flags.insert(word);
+        }
+        OpenedFile opened(MiniFile(row.at(2)), mode);
         VideoTrackNode *video = opened.handle->read.VideoFirst;
         if (video != nullptr) {
-            video->SampleCursor = c.cursor;
+            video->SampleCursor = cursor;
             video->KeyFrameCursor = 2;
         }
-        if (c.flags & kUseTrack2) {
+        if (flags.count("track2")) {
             MP4Sample *sample = nullptr;
             GetNextSample(opened.handle, 2, MP4_TRACK_VIDEO, &sample);
             SampleDataFree(&sample);
         }
-        gLog = DecoderLog{};
-        gLog.failAt = c.failAt;
         void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
         uint32_t word1 = 0xDEADBEEF;
         CaptureStream out(stdout);
         const int32_t result = Mp4VideoSeek(
-            (c.flags & kNullFile) ? nullptr : opened.handle, c.reserved, c.target,
-            (c.flags & kNullResult) ? nullptr : &word1, (c.flags & kNullWord) ? nullptr : kContextWord,
-            (c.flags & kNullContext) ? nullptr : context, 0,
-            (c.flags & kWideWord1) && sizeof(uintptr_t) > 4 ? uintptr_t(0x700000064ull) : 100, kWord2, kWord3);
-        text += std::string("== ") + c.what + ": " + std::to_string(result) + ", word 1 " +
+            flags.count("nullfile") ? nullptr : opened.handle, reserved, target,
+            flags.count("nullresult") ? nullptr : &word1, flags.count("nullword") ? nullptr : kContextWord,
+            flags.count("nullcontext") ? nullptr : context, 0,
+            flags.count("wideword") && sizeof(uintptr_t) > 4 ? uintptr_t(0x700000064ull) : 100, kWord2, kWord3);
+        text += "== " + row[0] + ": " + std::to_string(result) + ", word 1 " +
                 (word1 == 0xDEADBEEF ? "untouched" : std::to_string(word1)) + ", decoded" +
                 gLog.seen + (context[MP4_DECORE_CONTEXT_SLOT] ? ", context set" : "") + "\n" +
                 OneLine(out.Text()) + "\n";
@@ -113,7 +85,7 @@ TEST(VideoSeek, DecodedSamplesCursorsAndResultsMatchTheGolden) {
             text += "track " + std::to_string(v->TrackId) + " cursor " +
                     std::to_string(v->SampleCursor) + "/" + std::to_string(v->KeyFrameCursor) + "\n";
     }
-    ExpectGolden("video_seek.txt", text);
+    ExpectGolden("read/video_seek.txt", text);
 }
 
 // The shared library holds only a weak reference to decore: loaded into a

@@ -100,7 +100,7 @@ TEST(AtomTree, ScansRecordsAndMessagesMatchTheGolden) {
     }
     std::string text;
     for (const Case &c : cases) text += std::string("== ") + c.what + "\n" + ReadAndList(c.file);
-    ExpectGolden("atom_tree.txt", text);
+    ExpectGolden("read/atom_tree.txt", text);
 }
 
 // What the catalogue tells the reader, the validation and the writer about
@@ -137,7 +137,7 @@ TEST(AtomTree, CatalogueRowsMatchTheGolden) {
         }
         text += "\n";
     }
-    ExpectGolden("catalogue.txt", text);
+    ExpectGolden("read/catalogue.txt", text);
 }
 
 // The trees the writer starts from, one per track type, and the file's top
@@ -167,7 +167,7 @@ TEST(AtomTree, TemplatesMatchTheGolden) {
     AtomNode *built = nullptr;
     text += "== rows " + std::to_string(BuildAtomTree(&built, rows)) + "\n" + ListAtoms(built);
     ReleaseAtomList(built);
-    ExpectGolden("templates.txt", text);
+    ExpectGolden("read/templates.txt", text);
 }
 
 // 100000 nested containers: the scan stops at the depth bound, quickly and

@@ -71,7 +71,7 @@ TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
     OpenedFile opened(bytes, 1);
     ASSERT_EQ(opened.result, 1);
     EXPECT_EQ(opened.handle->RootAtom->FileSize, bytes.size());
-    ExpectGolden("open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
+    ExpectGolden("read/open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
 }
 
 // Helpers no reading path calls today, kept for the writers: the

@@ -96,7 +96,7 @@ Listing LoadListing(const std::string &path) {
 }
 
 void ExpectGolden(const std::string &name, const std::string &text) {
-    const std::string path = std::string(MP4CORE_TEST_DATA_DIR) + "/read/" + name;
+    const std::string path = std::string(MP4CORE_TEST_DATA_DIR) + "/" + name;
     const char *update = std::getenv("MP4CORE_UPDATE_GOLDEN");
     if (update != nullptr && std::string(update) == "1") {
         std::ofstream(path, std::ios::binary) << text;
@@ -107,6 +107,21 @@ void ExpectGolden(const std::string &name, const std::string &text) {
     golden << file.rdbuf();
     EXPECT_EQ(golden.str(), text) << "golden " << path
                                   << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
+}
+
+std::vector<std::vector<std::string>> ReadRows(const std::string &name) {
+    std::ifstream file(std::string(MP4CORE_TEST_DATA_DIR) + "/" + name);
+    EXPECT_TRUE(file.good()) << name;
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(file, line);) {
+        if (line.find_first_not_of(' ') == std::string::npos || line[0] == '#') continue;
+        std::istringstream in(line);
+        rows.emplace_back();
+        for (std::string field; std::getline(in, field, '|');)
+            rows.back().push_back(field.substr(field.find_first_not_of(' ') == std::string::npos ? 0 : field.find_first_not_of(' '),
+                                               field.find_last_not_of(' ') + 1 - field.find_first_not_of(' ')));
+    }
+    return rows;
 }
 
 std::string OneLine(std::string text) {

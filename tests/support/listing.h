@@ -46,9 +46,14 @@ Listing LoadListing(const std::string &path);
 // the one zlib's crc32 and ffprobe's "CRC32" data hash compute.
 uint32_t Crc32(const uint8_t *data, size_t size);
 
-// Compares `text` with tests/data/read/NAME in one assertion (with a diff);
-// with MP4CORE_UPDATE_GOLDEN=1 in the environment it writes the file instead.
+// Compares `text` with the file NAME under tests/data in one assertion (with
+// a diff); with MP4CORE_UPDATE_GOLDEN=1 in the environment it writes the
+// file instead.
 void ExpectGolden(const std::string &name, const std::string &text);
+
+// The rows of a table kept under tests/data: one a line, fields separated
+// by '|' and trimmed; blank lines and lines from '#' left out.
+std::vector<std::vector<std::string>> ReadRows(const std::string &name);
 
 // The text on one line: newlines as '/', other unprintable bytes as '.'.
 std::string OneLine(std::string text);

@@ -1,5 +1,8 @@
 #include "support/mini_mp4.h"
 
+#include <algorithm>
+#include <sstream>
+
 namespace testing_support {
 namespace {
 
@@ -129,6 +132,91 @@ Bytes Words(const char *name, const std::vector<uint32_t> &words) {
     Bytes body;
     for (uint32_t word : words) body = Cat({body, U32(word)});
     return FullAtom(name, 0, {body});
+}
+
+namespace {
+
+std::vector<uint32_t> Numbers(const std::string &list) {
+    std::vector<uint32_t> out;
+    std::istringstream in(list);
+    for (std::string n; std::getline(in, n, ',');) out.push_back(uint32_t(std::stoul(n)));
+    return out;
+}
+
+// The sample moved to the last two bytes of the file.
+void Cut(MiniTrack &track, size_t index) {
+    std::vector<uint32_t> offsets = {uint32_t(track.samples.size())};
+    for (size_t i = 0; i < track.samples.size(); ++i) offsets.push_back(MiniSampleOffset(track, i));
+    offsets[index + 1] = uint32_t(BuildMiniMp4({track}).size()) - 2;
+    track.samplesPerChunk = 1;
+    track.replace["stco"] = Words("stco", offsets);
+}
+
+}  // namespace
+
+Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks) {
+    std::vector<MiniTrack> built;
+    std::vector<std::string> renames;
+    std::vector<uint32_t> planes;  // of the last "scan"
+    size_t lead = 0, first = 6;
+    std::istringstream in(line);
+    for (std::string word, arg; in >> word;) {
+        if (word == ";") continue;
+        in >> arg;
+        MiniTrack *track = built.empty() ? nullptr : &built.back();
+        if (word == "video" || word == "audio") {
+            const uint32_t count = uint32_t(std::stoul(arg));
+            built.push_back(word == "video" ? KeyedVideo(count, {0}) : KeyedAudio(count));
+        } else if (word == "scan" || word == "lead" || word == "first") {
+            if (word == "scan") {
+                built.emplace_back();
+                planes = arg == "-" ? std::vector<uint32_t>{} : Numbers(arg);
+                lead = 0, first = 6;
+            } else {
+                (word == "lead" ? lead : first) = std::stoul(arg);
+            }
+            built.back().samples.clear();
+            for (uint32_t type : planes) built.back().samples.push_back(Vop(uint8_t(type), lead, built.back().samples.empty() ? first : 6));
+        } else if (word == "keys") {
+            track->syncSamples.clear();
+            for (uint32_t key : arg == "-" ? std::vector<uint32_t>{} : Numbers(arg)) track->syncSamples.push_back(key + 1);
+        } else if (word == "id") {
+            track->trackId = uint32_t(std::stoul(arg));
+            for (Bytes &sample : track->samples) sample.at(3) = uint8_t(track->trackId);
+        } else if (word == "handler") {
+            track->handler = arg;
+        } else if (word == "ticks") {
+            track->delta = uint32_t(std::stoul(arg));
+        } else if (word == "entry") {
+            uint32_t width = 0, height = 0;
+            std::string child;
+            if (arg == "mp4v" || arg == "s263") in >> width >> height;
+            if (arg == "mp4v") in >> child;
+            track->sampleEntry = arg == "mp4v" ? Mp4vEntry(uint16_t(width), uint16_t(height), Hex(child == "-" ? "" : child))
+                                 : arg == "s263" ? S263Entry(uint16_t(width), uint16_t(height))
+                                 : arg == "mp4a" ? Mp4aEntry() : Atom(arg.c_str(), {Zeros(78)});
+        } else if (word == "sample" || word == "empty") {
+            if (word == "sample") track->samples.push_back(Hex(arg));
+            else track->samples[std::stoul(arg)].clear();
+        } else if (word == "cut") {
+            Cut(*track, std::stoul(arg));
+        } else if (word == "rename") {
+            std::string to, nth;
+            in >> to >> nth;
+            renames.insert(renames.end(), {arg, to, nth});
+        } else {
+            track->replace[word == "co64" ? "stco" : word == "no" ? arg : word] =
+                word == "no" ? Bytes{} : Words(word.c_str(), Numbers(arg));
+        }
+    }
+    Bytes image = BuildMiniMp4(built);
+    for (size_t r = 0; r < renames.size(); r += 3) {
+        auto at = image.begin() - 1;
+        for (int i = 0; i < std::stoi(renames[r + 2]); ++i) at = std::search(at + 1, image.end(), renames[r].begin(), renames[r].end());
+        std::copy(renames[r + 1].begin(), renames[r + 1].end(), at);
+    }
+    if (tracks != nullptr) *tracks = built;
+    return image;
 }
 
 OpenedFile::OpenedFile(const Bytes &bytes, int32_t mode) : file(bytes) {

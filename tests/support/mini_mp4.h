@@ -52,6 +52,24 @@ Bytes Mp4aEntry();
 // then `payload` bytes.
 Bytes Vop(uint8_t codingType, size_t lead = 0, size_t payload = 6);
 
+// A file described in one line (the rows of tests/data/read/*.rows), the
+// tracks separated by ';', each a list of words applied in order:
+//   video N | audio N | scan T,T.. | scan -   a track of N numbered samples
+//       (video: key frame 0 in "stss"), or of planes of these coding types
+//       (no "stss"; "-": no samples)
+//   keys K,K.. | keys -       the key frames (0-based) through "stss"
+//   id I, handler NAME, ticks D, lead L, first F (the first plane's payload)
+//   entry mp4v W H [HEX] | entry s263 W H | entry mp4a | entry NAME   the
+//       sample entry (HEX: its first child); NAME: 78 zero bytes
+//   sample HEX                another sample
+//   empty I | cut I           sample I of no bytes | moved to the last two
+//       bytes of the file (words after a cut must not change sizes)
+//   no NAME | NAME W,W..      the "stbl" child dropped | as these words
+//       ("co64" stands for "stco")
+//   rename FROM TO N          the Nth name FROM in the file becomes TO
+// `tracks` receives the tracks.
+Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks = nullptr);
+
 // A full atom whose body is big-endian words: the sample tables, e.g.
 // Words("stts", {1, 3, 10}) for one entry of 3 samples of 10 ticks.
 Bytes Words(const char *name, const std::vector<uint32_t> &words);
