@@ -13,7 +13,7 @@ namespace {
 using namespace testing_support;
 
 TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
-    const Bytes goodBytes = BuildMiniMp4({KeyedVideo(2, {0})});
+    const Bytes goodBytes = MiniFile("video 2");
     TempFile good(goodBytes), empty(Bytes{}), shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
     TempFile noMoov(Cat({Atom("ftyp", {Zeros(12)}), Atom("mdat", {Zeros(8)})}));
     TempPath missing, huge(".mp4");
@@ -67,7 +67,7 @@ TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
 // The track kept its tables: the entries are in them; the atoms keep their
 // heads and give their tables up.
 TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
-    const Bytes bytes = BuildMiniMp4({KeyedVideo(2, {0})});
+    const Bytes bytes = MiniFile("video 2");
     OpenedFile opened(bytes, 1);
     ASSERT_EQ(opened.result, 1);
     EXPECT_EQ(opened.handle->RootAtom->FileSize, bytes.size());
