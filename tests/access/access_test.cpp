@@ -20,15 +20,9 @@ namespace {
 
 MP4Sample *const kUntouched = reinterpret_cast<MP4Sample *>(0x1);
 
-VideoTrackNode *FindVideo(MP4_local_file *file, uint32_t id) {
-    VideoTrackNode *v = file->read.VideoFirst;
-    while (v != nullptr && v->TrackId != id) v = v->NextTrack;
-    return v;
-}
-AudioTrackNode *FindAudio(MP4_local_file *file, uint32_t id) {
-    AudioTrackNode *a = file->read.AudioFirst;
-    while (a != nullptr && a->TrackId != id) a = a->NextTrack;
-    return a;
+template <typename Track> Track *Find(Track *track, uint32_t id) {
+    while (track != nullptr && track->TrackId != id) track = track->NextTrack;
+    return track;
 }
 
 // Runs the calls of `script` on `file`, one transcript line per call.
@@ -52,8 +46,8 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         const char op = token[nullFile || nullOut ? 1 : 0];
         char *rest = nullptr;
         const long arg = std::strtol(token.c_str() + (nullFile || nullOut ? 2 : 1), &rest, 10);
-        VideoTrackNode *video = type == 1 ? FindVideo(file, id) : nullptr;
-        AudioTrackNode *audio = type == 2 ? FindAudio(file, id) : nullptr;
+        VideoTrackNode *video = type == 1 ? Find(file->read.VideoFirst, id) : nullptr;
+        AudioTrackNode *audio = type == 2 ? Find(file->read.AudioFirst, id) : nullptr;
         if (op == 'v' || op == 'a' || op == 't') {
             id = uint32_t(arg);
             type = op == 'v' ? 1 : op == 'a' ? 2 : std::atoi(rest + 1);
