@@ -1,11 +1,13 @@
 // The sample calls on minimal files: what GetNextSample, GetSample,
-// SeekTrack, SeekTrackPos, NextKeyFrame and PrevKeyFrame give from each
-// cursor, on the key frame table and on the key frame marks, their result
+// SeekTrack, SeekTrackPos, NextKeyFrame, PrevKeyFrame and Mp4VideoSeek
+// give from each cursor, on the key frame table and on the key frame marks, their result
 // codes, the track cache, zero-sized and cut samples. Each row runs a
 // script of calls; the transcript of every row is compared whole against
 // tests/data/read/access.txt. The FFmpeg fixtures are swept in
 // fixture_read_test.cpp.
 #include <gtest/gtest.h>
+
+#include <dlfcn.h>
 
 #include <cstdlib>
 #include <sstream>
@@ -20,6 +22,34 @@ namespace {
 
 MP4Sample *const kUntouched = reinterpret_cast<MP4Sample *>(0x1);
 
+// What the decoder saw: "number/track" of each sample it was given (from
+// the sample's bytes), and anything the caller's words or context lost.
+struct DecoderLog {
+    std::string seen;
+    int calls = 0;
+    int failAt = -1;  // the call (from 0) that fails
+};
+DecoderLog gLog;
+constexpr uintptr_t kWord2 = 0x2222, kWord3 = 0x3333;
+void *const kContextWord = reinterpret_cast<void *>(0xC0FFEE);
+
+}  // namespace
+
+// The test binary's decoder for Mp4VideoSeek: decodes nothing, logs the
+// sample and counts its calls in word 1.
+extern "C" int32_t decore(uint32_t command, DecoreFrame *frame, void *context) {
+    const uint8_t *data = static_cast<const uint8_t *>(frame->Data);
+    gLog.seen += " " + std::to_string(data[0] | data[1] << 8) + "/" + std::to_string(data[3]);
+    if (command != MP4_DECORE_DECODE || frame->Word2 != kWord2 || frame->Word3 != kWord3 ||
+        static_cast<void **>(context)[MP4_DECORE_CONTEXT_SLOT] != kContextWord)
+        gLog.seen += "(words or context lost)";
+    if (gLog.calls++ == gLog.failAt) return -1;
+    frame->Result += 1;
+    return 0;
+}
+
+namespace {
+
 template <typename Track> Track *Find(Track *track, uint32_t id) {
     while (track != nullptr && track->TrackId != id) track = track->NextTrack;
     return track;
@@ -30,7 +60,11 @@ template <typename Track> Track *Find(Track *track, uint32_t id) {
 //   n g15 s15 p15 k b  GetNextSample, GetSample, SeekTrack, SeekTrackPos,
 //                      NextKeyFrame, PrevKeyFrame (with a time)
 //   !s15 ?s15          the same call with a null file, a null out argument
-//   c4                 put the video track's cursor on 4
+//   d6                 Mp4VideoSeek to sample 6 ('?': a null word 1), with
+//                      what reached the decoder and every video cursor
+//   c4 m2              put the video track's cursor, its key frame cursor on 4, 2
+//   f2 r1 W X w        the next seek: the decoder's call 2 fails, reserved 1,
+//                      a null context word, a null context, word 1 above 32 bits
 //   x                  forget the video track last used
 //   R                  take the track's sample records away (again: put back)
 // A sample is shown by the number its bytes hold, its time, size and key
@@ -41,6 +75,8 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
     uint32_t id = 1;
     int32_t type = 1;
     SampleRecord *taken = nullptr;
+    uint32_t reserved = 0;
+    std::string seekSettings;
     while (in >> token) {
         const bool nullFile = token[0] == '!', nullOut = token[0] == '?';
         const char op = token[nullFile || nullOut ? 1 : 0];
@@ -53,8 +89,12 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
             type = op == 'v' ? 1 : op == 'a' ? 2 : std::atoi(rest + 1);
             continue;
         }
-        if (op == 'c' || op == 'x' || op == 'R') {
-            if (op == 'c') video->SampleCursor = int32_t(arg);
+        if (std::string("cmxRfrWXw").find(op) != std::string::npos) {
+            if (op == 'c' && video != nullptr) video->SampleCursor = int32_t(arg);
+            if (op == 'm' && video != nullptr) video->KeyFrameCursor = int32_t(arg);
+            if (op == 'f') gLog.failAt = int(arg);
+            if (op == 'r') reserved = uint32_t(arg);
+            seekSettings += op;
             if (op == 'x') file->read.VideoCurrent = nullptr;
             if (op == 'R') std::swap((video ? video->Track : audio->Track)->SampleRecords, taken);
             prefix += token + " ";
@@ -66,6 +106,7 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         uint32_t position = 0xDEADBEEF;
         const int32_t time = int32_t(arg);
         int32_t result = 0;
+        std::string seen;
         switch (op) {
         case 'n': result = GetNextSample(handle, id, type, out); break;
         case 'g': result = GetSample(handle, id, type, time, out); break;
@@ -73,11 +114,25 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         case 'p': result = SeekTrackPos(handle, id, type, time, nullOut ? nullptr : &position); break;
         case 'k': result = NextKeyFrame(handle, id, type, out); break;
         case 'b': result = PrevKeyFrame(handle, id, type, out); break;
+        case 'd': {
+            void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
+            const auto has = [&](char setting) { return seekSettings.find(setting) != std::string::npos; };
+            CaptureStream printed(stdout);
+            result = Mp4VideoSeek(handle, reserved, time, nullOut ? nullptr : &position, has('W') ? nullptr : kContextWord,
+                                  has('X') ? nullptr : context, 0, has('w') && sizeof(uintptr_t) > 4 ? uintptr_t(0x700000064ull) : 100,
+                                  kWord2, kWord3);
+            seen = ", decoded" + gLog.seen + (context[MP4_DECORE_CONTEXT_SLOT] ? ", context set" : "") + " " + OneLine(printed.Text()) + "/";
+            for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
+                seen += " track " + std::to_string(v->TrackId) + " " + std::to_string(v->SampleCursor) + "/" + std::to_string(v->KeyFrameCursor);
+            gLog = DecoderLog{}, reserved = 0, seekSettings.clear();
+            break;
+        }
         default: ADD_FAILURE() << "unknown call " << token; return text;
         }
         text += prefix + token + " " + std::to_string(result);
         prefix.clear();
-        if (position != 0xDEADBEEF) text += " at " + std::to_string(position);
+        if (position != 0xDEADBEEF) text += (op == 'd' ? " word 1 " : " at ") + std::to_string(position);
+        text += seen;
         if (sample != kUntouched && sample != nullptr) {
             const uint8_t *data = sample->Data;
             text += " #" + std::to_string(sample->Size >= 2 ? data[0] | data[1] << 8 : -1) +
@@ -136,6 +191,20 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     EXPECT_EQ(MP4freeData(&block), 1);
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(MP4freeData(&block) + MP4freeData(nullptr), 2);
+}
+
+// The shared library holds only a weak reference to decore: loaded into a
+// program without one, the call says so before it looks at anything.
+TEST(VideoSeek, WithoutADecoderLinkedGivesMinusTwo) {
+    if (dlsym(RTLD_DEFAULT, "decore") != nullptr)
+        GTEST_SKIP() << "this test binary exports its decore to shared objects";
+    void *library = dlopen(MP4CORE_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    auto seek = reinterpret_cast<decltype(&Mp4VideoSeek)>(dlsym(library, "Mp4VideoSeek"));
+    uint32_t word1 = 0xDEADBEEF;
+    EXPECT_EQ(seek(nullptr, 0, 0, &word1, nullptr, nullptr, 0, 0, 0, 0), -2);
+    EXPECT_EQ(word1, 0xDEADBEEF);
+    dlclose(library);
 }
 
 }  // namespace
