@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -40,21 +39,23 @@ std::string ListTrackNode(const TrackNode *node) {
     return out;
 }
 
+std::string HexText(const uint8_t *bytes, size_t count, size_t limit = 48) {
+    std::string out;
+    for (size_t i = 0; i < count && i < limit; ++i) out += Format("%02x", bytes[i]);
+    return count > limit ? out + Format("+%zu", count - limit) : out;
+}
+
 }  // namespace
 
 uint32_t Crc32(const uint8_t *data, size_t size) {
-    static const std::array<uint32_t, 256> table = [] {
-        std::array<uint32_t, 256> t{};
-        for (uint32_t n = 0; n < 256; ++n) {
-            uint32_t c = n;
-            for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-            t[n] = c;
-        }
-        return t;
-    }();
+    static uint32_t table[256];
+    for (uint32_t n = 0; table[255] == 0 && n < 256; ++n) {
+        table[n] = n;
+        for (int k = 0; k < 8; ++k) table[n] = (table[n] & 1) ? 0xEDB88320u ^ (table[n] >> 1) : table[n] >> 1;
+    }
     uint32_t crc = 0xFFFFFFFFu;
     for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
-    return crc ^ 0xFFFFFFFFu;
+    return ~crc;
 }
 
 Listing LoadListing(const std::string &path) {
@@ -64,18 +65,17 @@ Listing LoadListing(const std::string &path) {
     std::string line;
     std::vector<unsigned> declared;  // sample count of each track line
     for (int number = 1; listing.error.empty() && std::getline(file, line); ++number) {
-        char kind[8], codec[32], keys[8];
+        char kind[8], keys[8];
         ExpectedTrack track;
         ExpectedSample sample;
         unsigned count = 0, key = 0;
         if (line.empty() || line[0] == '#') continue;
-        if (std::sscanf(line.c_str(), "track %u %7s %31s timescale %u samples %u keys %7s", &track.id,
-                        kind, codec, &track.timescale, &count, keys) == 6) {
-            const std::string k = kind, source = keys;
+        if (std::sscanf(line.c_str(), "track %u %7s %*s timescale %*u samples %u keys %7s", &track.id,
+                        kind, &count, keys) == 4) {
+            const std::string k = kind;
             track.type = k == "video" ? 1 : k == "audio" ? 2 : 0;
-            track.codec = codec;
-            track.keys = source == "stss" ? KeySource::Stss : source == "vop" ? KeySource::PlaneScan : KeySource::None;
-            if (track.type == 0 || (source != "stss" && source != "vop" && source != "none"))
+            track.keys = keys;
+            if (track.type == 0 || (track.keys != "stss" && track.keys != "vop" && track.keys != "none"))
                 listing.error = path + ":" + std::to_string(number) + ": bad track line";
             listing.tracks.push_back(track);
             declared.push_back(count);
@@ -117,9 +117,10 @@ std::vector<std::vector<std::string>> ReadRows(const std::string &name) {
         if (line.find_first_not_of(' ') == std::string::npos || line[0] == '#') continue;
         std::istringstream in(line);
         rows.emplace_back();
-        for (std::string field; std::getline(in, field, '|');)
-            rows.back().push_back(field.substr(field.find_first_not_of(' ') == std::string::npos ? 0 : field.find_first_not_of(' '),
-                                               field.find_last_not_of(' ') + 1 - field.find_first_not_of(' ')));
+        for (std::string field; std::getline(in, field, '|');) {
+            field.erase(field.find_last_not_of(' ') + 1);
+            rows.back().push_back(field.erase(0, field.find_first_not_of(' ')));
+        }
     }
     return rows;
 }
@@ -127,12 +128,6 @@ std::vector<std::vector<std::string>> ReadRows(const std::string &name) {
 std::string OneLine(std::string text) {
     for (char &c : text) c = c == '\n' ? '/' : (c < ' ' || c > '~') ? '.' : c;
     return text;
-}
-
-std::string HexText(const uint8_t *bytes, size_t count, size_t limit) {
-    std::string out;
-    for (size_t i = 0; i < count && i < limit; ++i) out += Format("%02x", bytes[i]);
-    return count > limit ? out + Format("+%zu", count - limit) : out;
 }
 
 std::string ListAtoms(const AtomNode *first, int depth) {
