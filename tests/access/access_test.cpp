@@ -167,16 +167,6 @@ TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
     ExpectGolden("read/access.txt", text);
 }
 
-TEST(Access, TimeSearchGivesTheLastEntryAtOrBeforeTheTime) {
-    SampleRecord records[5] = {};
-    const uint32_t times[] = {0, 10, 10, 30, 40};
-    for (size_t i = 0; i < 5; ++i) records[i].Time = times[i];
-    std::string text;
-    for (int32_t time : {0, 5, 10, 29, 30, 99, -1}) text += std::to_string(SearchSampleTime(records, 5, time)) + " ";
-    text += std::to_string(SearchSampleTime(records, 0, 10)) + " " + std::to_string(SearchSampleTime(records, 1, 10));
-    EXPECT_EQ(text, "0 0 2 2 3 4 -1 -1 0");
-}
-
 TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     MP4Sample *sample = nullptr;
     {

@@ -108,7 +108,7 @@ Bytes Vop(uint8_t codingType, size_t lead, size_t payload) {
 std::vector<uint32_t> Numbers(const std::string &list) {
     std::vector<uint32_t> out;
     std::istringstream in(list);
-    for (std::string n; std::getline(in, n, ',');) out.push_back(uint32_t(std::stoul(n)));
+    for (std::string n; list != "-" && std::getline(in, n, ',');) out.push_back(uint32_t(std::stoul(n)));
     return out;
 }
 
@@ -143,7 +143,7 @@ Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks) {
         } else if (word == "scan" || word == "lead" || word == "first") {
             if (word == "scan") {
                 built.emplace_back();
-                planes = arg == "-" ? std::vector<uint32_t>{} : Numbers(arg);
+                planes = Numbers(arg);
                 lead = 0, first = 6;
             } else {
                 (word == "lead" ? lead : first) = std::stoul(arg);
@@ -152,16 +152,13 @@ Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks) {
             for (uint32_t type : planes) built.back().samples.push_back(Vop(uint8_t(type), lead, built.back().samples.empty() ? first : 6));
         } else if (word == "keys") {
             track->syncSamples.clear();
-            for (uint32_t key : arg == "-" ? std::vector<uint32_t>{} : Numbers(arg)) track->syncSamples.push_back(key + 1);
-        } else if (word == "id") {
-            track->trackId = uint32_t(std::stoul(arg));
-            for (Bytes &sample : track->samples) sample.at(3) = uint8_t(track->trackId);
+            for (uint32_t key : Numbers(arg)) track->syncSamples.push_back(key + 1);
+        } else if (word == "id" || word == "ticks" || word == "chunk") {
+            (word == "id" ? track->trackId : word == "ticks" ? track->delta : track->samplesPerChunk) = uint32_t(std::stoul(arg));
+            if (word == "id")
+                for (Bytes &sample : track->samples) sample.at(3) = uint8_t(track->trackId);
         } else if (word == "handler") {
             track->handler = arg;
-        } else if (word == "ticks") {
-            track->delta = uint32_t(std::stoul(arg));
-        } else if (word == "chunk") {
-            track->samplesPerChunk = uint32_t(std::stoul(arg));
         } else if (word == "moov") {
             moovFirst = true;
         } else if (word == "entry") {
