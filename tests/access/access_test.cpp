@@ -123,7 +123,7 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
                                   kWord2, kWord3);
             seen = ", decoded" + gLog.seen + (context[MP4_DECORE_CONTEXT_SLOT] ? ", context set" : "") + " " + OneLine(printed.Text()) + "/";
             for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
-                seen += " track " + std::to_string(v->TrackId) + " " + std::to_string(v->SampleCursor) + "/" + std::to_string(v->KeyFrameCursor);
+                seen += Format(" track %u %d/%d", v->TrackId, v->SampleCursor, v->KeyFrameCursor);
             gLog = DecoderLog{}, reserved = 0, seekSettings.clear();
             break;
         }
@@ -134,11 +134,8 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         if (position != 0xDEADBEEF) text += (op == 'd' ? " word 1 " : " at ") + std::to_string(position);
         text += seen;
         if (sample != kUntouched && sample != nullptr) {
-            const uint8_t *data = sample->Data;
-            text += " #" + std::to_string(sample->Size >= 2 ? data[0] | data[1] << 8 : -1) +
-                    " time " + std::to_string(sample->Time) + " size " +
-                    std::to_string(sample->Size) + (sample->IsKeyFrame ? " key" : "") +
-                    (sample->Reserved != 0 ? " reserved!" : "");
+            text += Format(" #%d time %u size %u%s%s", sample->Size >= 2 ? sample->Data[0] | sample->Data[1] << 8 : -1,
+                           sample->Time, sample->Size, sample->IsKeyFrame ? " key" : "", sample->Reserved != 0 ? " reserved!" : "");
             SampleDataFree(&sample);
         } else if (sample != kUntouched) {
             text += " null";

@@ -95,21 +95,15 @@ TEST(AtomTree, CatalogueRowsMatchTheGolden) {
         AtomSchema schema;
         std::memset(&schema, 0xA5, sizeof schema);
         const int32_t found = GetAtomSchemaByName(name, &schema);
-        text += "[" + OneLine(std::string(name, 4)) + "] " + std::to_string(found) + " known " +
-                std::to_string(IsKnownAtomName(name));
-        if (found == 1) {
-            text += " children@" + std::to_string(schema.ChildOffset) + " record " +
-                    std::to_string(schema.RecordSize) + " head " +
-                    std::to_string(RecordHeadLength(schema)) +
-                    (RecordAllocSize(schema) == RecordHeadLength(schema) + sizeof(void *) ? " +pointer" : "") +
-                    " table " + std::to_string(schema.HasTable) + " string " +
-                    std::to_string(schema.HasString) + " entry " + std::to_string(schema.EntrySize);
-        }
-        for (uint32_t i = 0; found >= 0 && i < schema.RuleCount; ++i) {
-            const ChildRule &rule = schema.ChildRules[i];
-            text += " " + std::string(rule.ChildName, 4) + ":" + std::to_string(rule.MaxCount) +
-                    (rule.Required == 1 ? "r" : "");
-        }
+        text += Format("[%s] %d known %d", OneLine(std::string(name, 4)).c_str(), found, int(IsKnownAtomName(name)));
+        if (found == 1)
+            text += Format(" children@%u record %u head %u%s table %u string %u entry %u", schema.ChildOffset,
+                           schema.RecordSize, unsigned(RecordHeadLength(schema)),
+                           RecordAllocSize(schema) == RecordHeadLength(schema) + sizeof(void *) ? " +pointer" : "",
+                           schema.HasTable, schema.HasString, schema.EntrySize);
+        for (uint32_t i = 0; found >= 0 && i < schema.RuleCount; ++i)
+            text += Format(" %.4s:%u%s", schema.ChildRules[i].ChildName, schema.ChildRules[i].MaxCount,
+                           schema.ChildRules[i].Required == 1 ? "r" : "");
         text += "\n";
     }
     ExpectGolden("read/catalogue.txt", text);

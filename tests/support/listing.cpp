@@ -13,15 +13,6 @@
 namespace testing_support {
 namespace {
 
-std::string Format(const char *format, ...) {
-    char text[256];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
-
 std::string ListTrackNode(const TrackNode *node) {
     if (node == nullptr) return "  no tables\n";
     std::string out = Format("  tables: %u samples, %u key frames, capacity %u, mode %u\n",
@@ -46,6 +37,15 @@ std::string HexText(const uint8_t *bytes, size_t count, size_t limit = 48) {
 }
 
 }  // namespace
+
+std::string Format(const char *format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
 
 uint32_t Crc32(const uint8_t *data, size_t size) {
     static uint32_t table[256];

@@ -51,6 +51,9 @@ void ExpectGolden(const std::string &name, const std::string &text);
 // by '|' and trimmed; blank lines and lines from '#' left out.
 std::vector<std::vector<std::string>> ReadRows(const std::string &name);
 
+// printf into a string (up to 255 characters).
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
 // The text on one line: newlines as '/', other unprintable bytes as '.'.
 std::string OneLine(std::string text);
 
