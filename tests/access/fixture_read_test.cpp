@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
 
 #include "support/listing.h"
 #include "support/mini_mp4.h"
@@ -20,15 +19,9 @@ namespace {
 
 const int32_t kModes[] = {MP4_TABLE_KEYFRAMES, MP4_TABLE_MARKS, MP4_TABLE_MARKS_ALT};
 
-bool KeyOf(const ExpectedTrack &track, size_t i) {
-    return track.type == MP4_TRACK_VIDEO && track.samples[i].key;
-}
-
 // A sample as "time size key crc", the form both sides are compared in.
 std::string Line(uint32_t time, uint32_t size, bool key, uint32_t crc) {
-    std::ostringstream out;
-    out << time << " " << size << " " << key << " " << std::hex << crc << "\n";
-    return out.str();
+    return Format("%u %u %d %x\n", time, size, int(key), crc);
 }
 std::string Line(const MP4Sample *s) {
     return Line(s->Time, s->Size, s->IsKeyFrame != 0, Crc32(s->Data, s->Size));
@@ -40,10 +33,8 @@ std::string Line(const MP4Sample *s) {
 void ReadInTurnAndCompare(MP4_local_file *file, const std::vector<const ExpectedTrack *> &tracks) {
     std::vector<std::string> read(tracks.size()), want(tracks.size());
     for (size_t t = 0; t < tracks.size(); ++t) {
-        for (size_t i = 0; i < tracks[t]->samples.size(); ++i) {
-            const ExpectedSample &s = tracks[t]->samples[i];
-            want[t] += Line(s.time, s.size, KeyOf(*tracks[t], i), s.crc);
-        }
+        for (const ExpectedSample &s : tracks[t]->samples)
+            want[t] += Line(s.time, s.size, tracks[t]->type == MP4_TRACK_VIDEO && s.key, s.crc);
         want[t] += "end 0 0\n";
     }
     std::vector<size_t> count(tracks.size(), 0);
@@ -57,9 +48,8 @@ void ReadInTurnAndCompare(MP4_local_file *file, const std::vector<const Expected
             SampleDataFree(&sample);
             if (result == 1 && ++count[t] <= tracks[t]->samples.size()) continue;
             MP4Sample marker{}, *out = &marker;
-            read[t] += "end " + std::to_string(result) + " " +
-                       std::to_string(GetNextSample(file, tracks[t]->id, tracks[t]->type, &out)) +
-                       (out == &marker ? "\n" : " (out written)\n");
+            const int32_t again = GetNextSample(file, tracks[t]->id, tracks[t]->type, &out);
+            read[t] += Format("end %d %d%s\n", result, again, out == &marker ? "" : " (out written)");
             done[t] = true;
             --left;
         }
@@ -86,15 +76,14 @@ void SeekEverywhere(MP4_local_file *file, const ExpectedTrack &track) {
     for (int64_t time : times) {
         const ExpectedSample &s = track.samples[Landing(track, time)];
         const bool video = track.type == MP4_TRACK_VIDEO;
-        want += "seek " + std::to_string(time) + " " + Line(s.time, s.size, video, s.crc) + "pos " +
-                std::to_string(s.time) + "\n" + Line(s.time, s.size, video && s.key, s.crc);
+        want += Format("seek %lld ", (long long)time) + Line(s.time, s.size, video, s.crc) +
+                Format("pos %u\n", s.time) + Line(s.time, s.size, video && s.key, s.crc);
         MP4Sample *sample = nullptr;
         uint32_t position = 0;
-        got += "seek " + std::to_string(time) + " ";
+        got += Format("seek %lld ", (long long)time);
         if (SeekTrack(file, track.id, track.type, int32_t(time), &sample) == 1) got += Line(sample);
         SampleDataFree(&sample);
-        if (SeekTrackPos(file, track.id, track.type, int32_t(time), &position) == 1)
-            got += "pos " + std::to_string(position) + "\n";
+        if (SeekTrackPos(file, track.id, track.type, int32_t(time), &position) == 1) got += Format("pos %u\n", position);
         if (GetNextSample(file, track.id, track.type, &sample) == 1) got += Line(sample);
         SampleDataFree(&sample);
     }
