@@ -15,18 +15,16 @@ namespace {
 
 std::string ListTrackNode(const TrackNode *node) {
     if (node == nullptr) return "  no tables\n";
-    std::string out = Format("  tables: %u samples, %u key frames, capacity %u, mode %u\n",
-                             node->SampleCount, node->KeyFrameCount, node->KeyFrameCapacity,
-                             node->TableMode);
+    std::string out = Format("  tables: %u samples, %u key frames, capacity %u, mode %u\n", node->SampleCount,
+                             node->KeyFrameCount, node->KeyFrameCapacity, node->TableMode);
     for (uint32_t i = 0; node->SampleRecords != nullptr && i < node->SampleCount; ++i) {
         const SampleRecord &r = node->SampleRecords[i];
-        out += Format("  %u: time %u offset %u size %u%s\n", i, r.Time, r.FileOffset, r.Size,
-                      r.IsKeyFrame ? " key" : "");
+        out += Format("  %u: time %u offset %u size %u%s\n", i, r.Time, r.FileOffset, r.Size, r.IsKeyFrame ? " key" : "");
     }
     // The table keeps a zeroed record behind its key frames.
     for (uint32_t k = 0; node->KeyFrameRecords != nullptr && k <= node->KeyFrameCount; ++k)
-        out += Format("  key frame %u: sample %u time %u\n", k,
-                      node->KeyFrameRecords[k].SampleIndex, node->KeyFrameRecords[k].Time);
+        out += Format("  key frame %u: sample %u time %u\n", k, node->KeyFrameRecords[k].SampleIndex,
+                      node->KeyFrameRecords[k].Time);
     return out;
 }
 
@@ -151,22 +149,18 @@ std::string ListTracks(const MP4_local_file *file) {
     std::string out;
     const ReadForm &form = file->read;
     for (const VideoTrackNode *v = form.VideoFirst; v != nullptr; v = v->NextTrack) {
-        out += Format("video %u%s: %ux%u, %u samples, timescale %u, duration %u, cursor %d/%d\n",
-                      v->TrackId, v == form.VideoCurrent ? " (current)" : "", v->TrackWidth,
-                      v->TrackHeight, v->SampleCount, v->Timescale, v->TrackDuration,
-                      v->SampleCursor, v->KeyFrameCursor);
-        out += ListTrackNode(v->Track);
+        out += Format("video %u%s: %ux%u, %u samples, timescale %u, duration %u, cursor %d/%d\n", v->TrackId,
+                      v == form.VideoCurrent ? " (current)" : "", v->TrackWidth, v->TrackHeight, v->SampleCount,
+                      v->Timescale, v->TrackDuration, v->SampleCursor, v->KeyFrameCursor) + ListTrackNode(v->Track);
     }
     for (const AudioTrackNode *a = form.AudioFirst; a != nullptr; a = a->NextTrack) {
-        out += Format("audio %u%s: %u samples, timescale %u, duration %u, constant size %u\n",
-                      a->TrackId, a == form.AudioCurrent ? " (current)" : "", a->SampleCount,
-                      a->Timescale, a->TrackDuration, a->ConstantSampleSize);
-        out += ListTrackNode(a->Track);
+        out += Format("audio %u%s: %u samples, timescale %u, duration %u, constant size %u\n", a->TrackId,
+                      a == form.AudioCurrent ? " (current)" : "", a->SampleCount, a->Timescale, a->TrackDuration,
+                      a->ConstantSampleSize) + ListTrackNode(a->Track);
     }
     for (const OtherTrackNode *o = form.OtherFirst; o != nullptr; o = o->NextTrack)
         out += Format("other %u: type %u%s\n", o->TrackId, o->TrackType,
-                      o->Track != nullptr && o->Track->SampleRecords == nullptr ? ", no records"
-                                                                                 : "");
+                      o->Track != nullptr && o->Track->SampleRecords == nullptr ? ", no records" : "");
     if (form.VideoLast != nullptr) out += Format("last video %u\n", form.VideoLast->TrackId);
     if (form.AudioLast != nullptr) out += Format("last audio %u\n", form.AudioLast->TrackId);
     return out;
