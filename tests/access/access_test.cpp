@@ -118,9 +118,9 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
             void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
             const auto has = [&](char setting) { return seekSettings.find(setting) != std::string::npos; };
             CaptureStream printed(stdout);
+            const uintptr_t word1 = has('w') && sizeof(uintptr_t) > 4 ? uintptr_t(0x700000064ull) : 100;
             result = Mp4VideoSeek(handle, reserved, time, nullOut ? nullptr : &position, has('W') ? nullptr : kContextWord,
-                                  has('X') ? nullptr : context, 0, has('w') && sizeof(uintptr_t) > 4 ? uintptr_t(0x700000064ull) : 100,
-                                  kWord2, kWord3);
+                                  has('X') ? nullptr : context, 0, word1, kWord2, kWord3);
             seen = ", decoded" + gLog.seen + (context[MP4_DECORE_CONTEXT_SLOT] ? ", context set" : "") + " " + OneLine(printed.Text()) + "/";
             for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
                 seen += Format(" track %u %d/%d", v->TrackId, v->SampleCursor, v->KeyFrameCursor);
@@ -129,10 +129,9 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         }
         default: ADD_FAILURE() << "unknown call " << token; return text;
         }
-        text += prefix + token + " " + std::to_string(result);
+        text += prefix + token + " " + std::to_string(result) +
+                (position == 0xDEADBEEF ? "" : (op == 'd' ? " word 1 " : " at ") + std::to_string(position)) + seen;
         prefix.clear();
-        if (position != 0xDEADBEEF) text += (op == 'd' ? " word 1 " : " at ") + std::to_string(position);
-        text += seen;
         if (sample != kUntouched && sample != nullptr) {
             text += Format(" #%d time %u size %u%s%s", sample->Size >= 2 ? sample->Data[0] | sample->Data[1] << 8 : -1,
                            sample->Time, sample->Size, sample->IsKeyFrame ? " key" : "", sample->Reserved != 0 ? " reserved!" : "");
@@ -140,16 +139,12 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
         } else if (sample != kUntouched) {
             text += " null";
         }
-        if (video != nullptr) text += " cursor " + std::to_string(video->SampleCursor);
-        if (audio != nullptr) text += " cursor " + std::to_string(audio->SampleCursor);
+        if (video != nullptr || audio != nullptr) text += Format(" cursor %d", video ? video->SampleCursor : audio->SampleCursor);
         text += "\n";
     }
     const ReadForm &form = file->read;
-    text += "last used: video " +
-            (form.VideoCurrent ? std::to_string(form.VideoCurrent->TrackId) : "none") +
-            ", audio " + (form.AudioCurrent ? std::to_string(form.AudioCurrent->TrackId) : "none") +
-            "\n";
-    return text;
+    return text + "last used: video " + (form.VideoCurrent ? std::to_string(form.VideoCurrent->TrackId) : "none") +
+           ", audio " + (form.AudioCurrent ? std::to_string(form.AudioCurrent->TrackId) : "none") + "\n";
 }
 
 TEST(Access, TranscriptsOfEveryRowMatchTheGolden) {
