@@ -60,36 +60,29 @@ Listing LoadListing(const std::string &path) {
     Listing listing;
     std::ifstream file(path);
     if (!file) listing.error = "cannot open " + path;
-    std::string line;
     std::vector<unsigned> declared;  // sample count of each track line
+    std::string line;
     for (int number = 1; listing.error.empty() && std::getline(file, line); ++number) {
         char kind[8], keys[8];
         ExpectedTrack track;
         ExpectedSample sample;
         unsigned count = 0, key = 0;
         if (line.empty() || line[0] == '#') continue;
-        if (std::sscanf(line.c_str(), "track %u %7s %*s timescale %*u samples %u keys %7s", &track.id,
-                        kind, &count, keys) == 4) {
-            const std::string k = kind;
-            track.type = k == "video" ? 1 : k == "audio" ? 2 : 0;
+        if (std::sscanf(line.c_str(), "track %u %7s %*s timescale %*u samples %u keys %7s", &track.id, kind, &count, keys) == 4) {
+            track.type = std::string(kind) == "video" ? 1 : std::string(kind) == "audio" ? 2 : 0;
             track.keys = keys;
-            if (track.type == 0 || (track.keys != "stss" && track.keys != "vop" && track.keys != "none"))
-                listing.error = path + ":" + std::to_string(number) + ": bad track line";
             listing.tracks.push_back(track);
             declared.push_back(count);
-        } else if (!listing.tracks.empty() && std::sscanf(line.c_str(), "%u %u %u %x", &sample.time,
-                                                          &sample.size, &key, &sample.crc) == 4) {
+            if (track.type != 0 && (track.keys == "stss" || track.keys == "vop" || track.keys == "none")) continue;
+        } else if (!listing.tracks.empty() && std::sscanf(line.c_str(), "%u %u %u %x", &sample.time, &sample.size, &key, &sample.crc) == 4) {
             sample.key = key != 0;
             listing.tracks.back().samples.push_back(sample);
-        } else {
-            listing.error = path + ":" + std::to_string(number) + ": bad line";
+            continue;
         }
+        listing.error = path + ":" + std::to_string(number) + ": bad line";
     }
-    for (size_t t = 0; listing.error.empty() && t < listing.tracks.size(); ++t) {
-        if (listing.tracks[t].samples.size() != declared[t])
-            listing.error = path + ": track " + std::to_string(listing.tracks[t].id) + " declares " +
-                            std::to_string(declared[t]) + " samples";
-    }
+    for (size_t t = 0; listing.error.empty() && t < listing.tracks.size(); ++t)
+        if (listing.tracks[t].samples.size() != declared[t]) listing.error = path + ": a track's count is not its samples'";
     return listing;
 }
 
