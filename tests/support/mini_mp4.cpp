@@ -58,12 +58,11 @@ Bytes Trak(const MiniTrack &track, uint32_t offset) {
         stbl = Cat({stbl, replaced != track.replace.end() ? replaced->second : atom});
     }
     const Bytes minf = Atom("minf", {video ? FullAtom("vmhd", 1, {Zeros(8)}) : FullAtom("smhd", 0, {Zeros(4)}),
-                                     Atom("dinf", {FullAtom("dref", 0, {U32(1), FullAtom("url ", 1)})}),
-                                     Atom("stbl", {stbl})});
+                                     Atom("dinf", {FullAtom("dref", 0, {U32(1), FullAtom("url ", 1)})}), Atom("stbl", {stbl})});
     const Bytes mdhd = FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(count * track.delta), U16(0x55C4), U16(0)});
     const Bytes hdlr = FullAtom("hdlr", 0, {U32(0), Text(track.handler.substr(0, 4)), Zeros(12), Text("mini"), U8(0)});
-    const Bytes tkhd = FullAtom("tkhd", 7, {U32(0), U32(0), U32(track.trackId), Zeros(20), U16(0), U16(0), kMatrix,
-                                            U32(176 << 16), U32(144 << 16)});
+    const Bytes tkhd =
+        FullAtom("tkhd", 7, {U32(0), U32(0), U32(track.trackId), Zeros(20), U16(0), U16(0), kMatrix, U32(176 << 16), U32(144 << 16)});
     return Atom("trak", {tkhd, Atom("mdia", {mdhd, hdlr, minf})});
 }
 
@@ -76,9 +75,8 @@ Bytes Moov(const std::vector<MiniTrack> &tracks, uint32_t dataStart) {
         offset += uint32_t(Join(track.samples).size());
         nextId = std::max(nextId, track.trackId + 1);
     }
-    return Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(0), U32(0x10000), U16(0x100),
-                                              Zeros(10), kMatrix, Zeros(24), U32(nextId)}),
-                         traks});
+    return Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(0), U32(0x10000), U16(0x100), Zeros(10), kMatrix,
+                                              Zeros(24), U32(nextId)}), traks});
 }
 
 const Bytes kFtyp = Atom("ftyp", {Text("isom"), U32(0x200), Text("isom")});

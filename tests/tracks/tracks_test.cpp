@@ -28,8 +28,7 @@ int32_t FillResult(const OpenedFile &opened, const MiniTrack &track, int32_t mod
     const bool video = track.handler == "vide";
     const int32_t count = int32_t(track.samples.size());
     TrackNode *holder = nullptr;
-    int32_t result = video ? CreateVideoTables(&holder, count, mode)
-                           : CreateAudioTables(&holder, count, mode);
+    int32_t result = video ? CreateVideoTables(&holder, count, mode) : CreateAudioTables(&holder, count, mode);
     if (result == 1) {
         holder->TrakAtom = FindChild(root.FirstAtom->NextSibling->NextSibling, "trak");
         CaptureStream quiet(stdout);
