@@ -26,8 +26,7 @@ MP4Sample *const kUntouched = reinterpret_cast<MP4Sample *>(0x1);
 // the sample's bytes), and anything the caller's words or context lost.
 struct DecoderLog {
     std::string seen;
-    int calls = 0;
-    int failAt = -1;  // the call (from 0) that fails
+    int calls = 0, failAt = -1;  // failAt: the call (from 0) that fails
 };
 DecoderLog gLog;
 constexpr uintptr_t kWord2 = 0x2222, kWord3 = 0x3333;
@@ -39,7 +38,7 @@ void *const kContextWord = reinterpret_cast<void *>(0xC0FFEE);
 // sample and counts its calls in word 1.
 extern "C" int32_t decore(uint32_t command, DecoreFrame *frame, void *context) {
     const uint8_t *data = static_cast<const uint8_t *>(frame->Data);
-    gLog.seen += " " + std::to_string(data[0] | data[1] << 8) + "/" + std::to_string(data[3]);
+    gLog.seen += Format(" %d/%d", data[0] | data[1] << 8, data[3]);
     if (command != MP4_DECORE_DECODE || frame->Word2 != kWord2 || frame->Word3 != kWord3 ||
         static_cast<void **>(context)[MP4_DECORE_CONTEXT_SLOT] != kContextWord)
         gLog.seen += "(words or context lost)";

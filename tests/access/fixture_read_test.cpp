@@ -37,11 +37,10 @@ void ReadInTurnAndCompare(MP4_local_file *file, const std::vector<const Expected
             want[t] += Line(s.time, s.size, tracks[t]->type == MP4_TRACK_VIDEO && s.key, s.crc);
         want[t] += "end 0 0\n";
     }
-    std::vector<size_t> count(tracks.size(), 0);
-    std::vector<bool> done(tracks.size(), false);
+    std::vector<size_t> count(tracks.size(), 0);  // SIZE_MAX: the track has ended
     for (size_t left = tracks.size(); left > 0;) {
         for (size_t t = 0; t < tracks.size(); ++t) {
-            if (done[t]) continue;
+            if (count[t] == SIZE_MAX) continue;
             MP4Sample *sample = nullptr;
             const int32_t result = GetNextSample(file, tracks[t]->id, tracks[t]->type, &sample);
             if (result == 1 && sample->Reserved == 0) read[t] += Line(sample);
@@ -50,8 +49,7 @@ void ReadInTurnAndCompare(MP4_local_file *file, const std::vector<const Expected
             MP4Sample marker{}, *out = &marker;
             const int32_t again = GetNextSample(file, tracks[t]->id, tracks[t]->type, &out);
             read[t] += Format("end %d %d%s\n", result, again, out == &marker ? "" : " (out written)");
-            done[t] = true;
-            --left;
+            count[t] = SIZE_MAX, --left;
         }
     }
     for (size_t t = 0; t < tracks.size(); ++t) EXPECT_EQ(read[t], want[t]) << "track " << tracks[t]->id;

@@ -13,18 +13,13 @@ namespace {
 using namespace testing_support;
 
 TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
-    const Bytes goodBytes = MiniFile("video 2");
-    TempFile good(goodBytes), empty(Bytes{}), shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
+    TempFile good(MiniFile("video 2")), empty(Bytes{}), shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
     TempFile noMoov(Cat({Atom("ftyp", {Zeros(12)}), Atom("mdat", {Zeros(8)})}));
     TempPath missing, huge(".mp4");
     WriteWholeFile(huge.path(), Atom("ftyp", {Zeros(12)}));
     const bool sparse = truncate(huge.c_str(), off_t(1) << 31) == 0;
     const std::string longPath(kFilePathBytes, 'a'), longestMissing = "/" + std::string(kFilePathBytes - 2, 'b');
-    struct Case {
-        const char *what, *path;
-        int32_t mode, result;
-        const char *printed;
-    };
+    struct Case { const char *what, *path; int32_t mode, result; const char *printed; };
     const Case kCases[] = {
         {"good file", good.c_str(), 1, 1, ""},
         {"good file, mode 2", good.c_str(), 2, 1, ""},

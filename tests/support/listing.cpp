@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tracks/tracks.h"
+#include "support/test_support.h"
 
 namespace testing_support {
 namespace {
@@ -87,21 +88,15 @@ Listing LoadListing(const std::string &path) {
 }
 
 void ExpectGolden(const std::string &name, const std::string &text) {
-    const std::string path = std::string(MP4CORE_TEST_DATA_DIR) + "/" + name;
+    const std::string path = FixturePath(name);
     const char *update = std::getenv("MP4CORE_UPDATE_GOLDEN");
-    if (update != nullptr && std::string(update) == "1") {
-        std::ofstream(path, std::ios::binary) << text;
-        return;
-    }
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream golden;
-    golden << file.rdbuf();
-    EXPECT_EQ(golden.str(), text) << "golden " << path
-                                  << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
+    if (update != nullptr && std::string(update) == "1") WriteWholeFile(path, Bytes(text.begin(), text.end()));
+    const Bytes golden = ReadWholeFile(path);
+    EXPECT_EQ(std::string(golden.begin(), golden.end()), text) << "golden " << path << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
 }
 
 std::vector<std::vector<std::string>> ReadRows(const std::string &name) {
-    std::ifstream file(std::string(MP4CORE_TEST_DATA_DIR) + "/" + name);
+    std::ifstream file(FixturePath(name));
     EXPECT_TRUE(file.good()) << name;
     std::vector<std::vector<std::string>> rows;
     for (std::string line; std::getline(file, line);) {

@@ -22,9 +22,7 @@ int32_t FillResult(const OpenedFile &opened, const MiniTrack &track, int32_t mod
     Root_atom root{};
     root.FileStream = std::fopen(opened.file.c_str(), "rb");
     root.FileSize = opened.handle->RootAtom->FileSize;
-    ReadAtomTree(&root);
-    AllocTreeRecords(&root);
-    ExtractTreeRecords(&root);
+    if (ReadAtomTree(&root) == 1 && AllocTreeRecords(&root) == 1) ExtractTreeRecords(&root);
     const bool video = track.handler == "vide";
     const int32_t count = int32_t(track.samples.size());
     TrackNode *holder = nullptr;
