@@ -1,10 +1,9 @@
-// The sample calls on minimal files: what GetNextSample, GetSample,
-// SeekTrack, SeekTrackPos, NextKeyFrame, PrevKeyFrame and Mp4VideoSeek
-// give from each cursor, on the key frame table and on the key frame marks, their result
-// codes, the track cache, zero-sized and cut samples. Each row runs a
-// script of calls; the transcript of every row is compared whole against
-// tests/data/read/access.txt. The FFmpeg fixtures are swept in
-// fixture_read_test.cpp.
+// The sample calls on minimal files: what GetNextSample, GetSample, SeekTrack,
+// SeekTrackPos, NextKeyFrame, PrevKeyFrame and Mp4VideoSeek give from each
+// cursor in each table mode, their result codes, the track cache, zero-sized
+// and cut samples: a script of calls per row of tests/data/read/access.rows,
+// every transcript compared whole against access.txt beside it. The FFmpeg
+// fixtures are swept in fixture_read_test.cpp.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>

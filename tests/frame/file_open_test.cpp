@@ -69,9 +69,8 @@ TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
     ExpectGolden("read/open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
 }
 
-// Helpers no reading path calls today, kept for the writers: the
-// diagnostics to standard error, byte swaps,
-// the child scan from a given offset, the check of a leaf given children.
+// Helpers no reading path calls today, kept for the writers: diagnostics to
+// standard error, byte swaps, the child scan from an offset, a leaf's check.
 TEST(FileOpen, HelpersOutsideTheReadingPath) {
     EXPECT_EQ(SwapBytes32(0x11223344u), 0x44332211u);
     EXPECT_EQ(SwapBytes16(0x1122), 0x2211);

@@ -4,7 +4,6 @@
 // messages; listed whole against tests/data/read/tracks.txt.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 
 #include "support/listing.h"
