@@ -51,14 +51,7 @@ void OpenAndReadEverything(const Bytes &image, int32_t mode) {
 
 // A scanned video track in chunks of two, audio with two "stsc" entries,
 // and video with "stss", index in front so that cuts reach it.
-Bytes SmallFile() {
-    MiniTrack scanned;
-    for (uint8_t type : {0, 1, 1, 0, 2, 1}) scanned.samples.push_back(Vop(type, 3, 5));
-    scanned.samplesPerChunk = 2;
-    MiniTrack audio = KeyedAudio(5, 2);
-    audio.replace["stsc"] = Words("stsc", {2, 1, 2, 1, 2, 1, 1});
-    return BuildMiniMp4MoovFirst({scanned, audio, KeyedVideo(4, {0, 2}, 3)});
-}
+Bytes SmallFile() { return MiniFile("scan 0,1,1,0,2,1 lead 3 first 5 chunk 2 ; audio 5 id 2 stsc 2,1,2,1,2,1,1 ; video 4 id 3 keys 0,2 moov first"); }
 
 TEST(Robustness, EveryPrefixOpensAndReadsOrFailsWithACode) {
     const Bytes image = SmallFile();

@@ -13,18 +13,13 @@ namespace {
 using namespace testing_support;
 
 TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
-    const Bytes goodBytes = BuildMiniMp4({KeyedVideo(2, {0})});
-    TempFile good(goodBytes), empty(Bytes{}), shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
+    TempFile good(MiniFile("video 2")), empty(Bytes{}), shortHead(Cat({Atom("ftyp", {Zeros(12)}), Zeros(4)}));
     TempFile noMoov(Cat({Atom("ftyp", {Zeros(12)}), Atom("mdat", {Zeros(8)})}));
     TempPath missing, huge(".mp4");
     WriteWholeFile(huge.path(), Atom("ftyp", {Zeros(12)}));
     const bool sparse = truncate(huge.c_str(), off_t(1) << 31) == 0;
     const std::string longPath(kFilePathBytes, 'a'), longestMissing = "/" + std::string(kFilePathBytes - 2, 'b');
-    struct Case {
-        const char *what, *path;
-        int32_t mode, result;
-        const char *printed;
-    };
+    struct Case { const char *what, *path; int32_t mode, result; const char *printed; };
     const Case kCases[] = {
         {"good file", good.c_str(), 1, 1, ""},
         {"good file, mode 2", good.c_str(), 2, 1, ""},
@@ -67,16 +62,15 @@ TEST(FileOpen, ResultCodesInTheOrderOfTheChecks) {
 // The track kept its tables: the entries are in them; the atoms keep their
 // heads and give their tables up.
 TEST(FileOpen, GoodFileHoldsItsTreeWithTheTablesMovedIntoTheTrack) {
-    const Bytes bytes = BuildMiniMp4({KeyedVideo(2, {0})});
+    const Bytes bytes = MiniFile("video 2");
     OpenedFile opened(bytes, 1);
     ASSERT_EQ(opened.result, 1);
     EXPECT_EQ(opened.handle->RootAtom->FileSize, bytes.size());
-    ExpectGolden("open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
+    ExpectGolden("read/open_tree.txt", ListAtoms(opened.handle->RootAtom->FirstAtom) + ListTracks(opened.handle));
 }
 
-// Helpers no reading path calls today, kept for the writers: the
-// diagnostics to standard error, byte swaps,
-// the child scan from a given offset, the check of a leaf given children.
+// Helpers no reading path calls today, kept for the writers: diagnostics to
+// standard error, byte swaps, the child scan from an offset, a leaf's check.
 TEST(FileOpen, HelpersOutsideTheReadingPath) {
     EXPECT_EQ(SwapBytes32(0x11223344u), 0x44332211u);
     EXPECT_EQ(SwapBytes16(0x1122), 0x2211);

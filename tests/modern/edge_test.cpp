@@ -41,13 +41,6 @@ int32_t ReadFirst(MP4_local_file *file, uint32_t *samples) {
 // Each file opens, or fails, in milliseconds and with kilobytes of heap,
 // whatever its tables claim, and prints nothing.
 TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
-    MiniTrack zeroCount = KeyedVideo(3, {0});
-    zeroCount.replace["stsz"] = Words("stsz", {1, 1000000000});
-    MiniTrack cut = KeyedVideo(3, {0});  // one chunk of two samples
-    cut.samplesPerChunk = 2;
-    cut.replace["stco"] = Words("stco", {1, 28});
-    MiniTrack soundless = KeyedAudio(3);
-    soundless.sampleEntry = Atom("mp4s", {Zeros(8)});
     struct Case {
         const char *name;
         Bytes file;
@@ -59,16 +52,16 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         {"stz2 claims 10^9", Fixture("modern/claims_stz2_count.mp4"), 1, 1, -97, 1000000000},
         {"co64 claims 10^9", Fixture("modern/claims_co64_count.mp4"), 1, 1, -97, 3},
         {"ctts claims 10^9", Fixture("modern/claims_ctts_count.mp4"), 1, 1, -97, 3},
-        {"constant size times 10^9 passes the file", BuildMiniMp4({zeroCount}), 1, 1, -97,
+        {"constant size times 10^9 passes the file", MiniFile("video 3 stsz 1,1000000000"), 1, 1, -97,
          1000000000},
-        {"samples no chunk holds are cut off", BuildMiniMp4({cut}), 1, 1, 1, 2},
+        {"samples no chunk holds are cut off", MiniFile("video 3 chunk 2 stco 1,28"), 1, 1, 1, 2},
         {"top-level size below 8", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(3), Text("free")}),
          -96, 0, 0},
         {"size 0 at the top level", Cat({Atom("ftyp", {Text("isom"), U32(0)}), U32(0), Text("mdat")}),
          1, 0, 0},
         {"64-bit size below its head", Cat({U32(1), Text("mdat"), U32(0), U32(15)}), -96, 0, 0},
         {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1, 1},
-        {"sound entry without sound fields", BuildMiniMp4({soundless}), 1, 1, 1, 3},
+        {"sound entry without sound fields", MiniFile("audio 3 stsd 1,16,1836069747,0,0"), 1, 1, 1, 3},
         {"empty file", {}, -95, 0, 0},
     };
     for (const Case &c : cases) {
@@ -99,11 +92,7 @@ TEST(ModernEdges, UnknownFlagGives100AndWritesNothing) {
 }
 
 TEST(ModernEdges, EmptySampleGives87AndTheCursorMovesOn) {
-    ModernFile f(BuildMiniMp4({[] {
-        MiniTrack track = KeyedVideo(3, {0});
-        track.samples[1].clear();
-        return track;
-    }()}));
+    ModernFile f(MiniFile("video 3 empty 1"));
     std::string results;
     for (int i = 0; i < 4; ++i) {
         MP4Sample *sample = nullptr;
@@ -207,7 +196,7 @@ TEST(ModernEdges, OnlyContainersHaveChildrenAndUuidKeepsItsType) {
     int uuids = 0;
     CountUuids(f.handle->RootAtom->FirstAtom, &uuids);
     EXPECT_EQ(uuids, 7);
-    ModernFile audio(BuildMiniMp4({KeyedAudio(3)}));
+    ModernFile audio(MiniFile("audio 3"));
     uint8_t *config = nullptr;
     uint32_t size = 0;
     ASSERT_EQ(MP4GetDecoderConfig(audio.handle, 1, MP4_TRACK_AUDIO, &config, &size), 1);

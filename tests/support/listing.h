@@ -20,17 +20,13 @@ struct ExpectedSample {
     uint32_t crc = 0;   // Crc32 of the sample's bytes
 };
 
-// Where a video track's key frames come from: the file's "stss"; none
-// (FFmpeg leaves "stss" out when every sample is a key frame); or the
-// I-VOPs, "stss" having been removed after encoding.
-enum class KeySource { Stss, None, PlaneScan };
-
 struct ExpectedTrack {
     uint32_t id = 0;         // "tkhd" track ID
     int32_t type = 0;        // 1 video, 2 audio
-    std::string codec;       // ffprobe's codec name
-    uint32_t timescale = 0;
-    KeySource keys = KeySource::None;
+    // Where a video track's key frames come from: "stss"; "none" (FFmpeg
+    // leaves "stss" out when every sample is a key frame); "vop": the
+    // I-VOPs, "stss" having been removed after encoding.
+    std::string keys;
     std::vector<ExpectedSample> samples;
 };
 
@@ -46,18 +42,24 @@ Listing LoadListing(const std::string &path);
 // the one zlib's crc32 and ffprobe's "CRC32" data hash compute.
 uint32_t Crc32(const uint8_t *data, size_t size);
 
-// Compares `text` with tests/data/read/NAME in one assertion (with a diff);
-// with MP4CORE_UPDATE_GOLDEN=1 in the environment it writes the file instead.
+// Compares `text` with the file NAME under tests/data in one assertion (with
+// a diff); with MP4CORE_UPDATE_GOLDEN=1 in the environment it writes the
+// file instead.
 void ExpectGolden(const std::string &name, const std::string &text);
+
+// The rows of a table kept under tests/data: one a line, fields separated
+// by '|' and trimmed; blank lines and lines from '#' left out.
+std::vector<std::vector<std::string>> ReadRows(const std::string &name);
+
+// printf into a string (up to 255 characters).
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // The text on one line: newlines as '/', other unprintable bytes as '.'.
 std::string OneLine(std::string text);
 
-// The bytes as hex pairs, at most `limit` of them, then "+N" for the rest.
-std::string HexText(const uint8_t *bytes, size_t count, size_t limit = 48);
-
 // One line per atom, children indented: name, offset, size, the record's
-// head as copied, and the table or string loaded behind it.
+// head as copied, and the table or string loaded behind it (in hex, at
+// most 48 bytes, then "+N" for the rest).
 std::string ListAtoms(const AtomNode *first, int depth = 0);
 
 // The track records of a read handle: every video, audio and other track
