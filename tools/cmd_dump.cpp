@@ -51,7 +51,8 @@ void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSche
     const bool loaded = GetRecordPointer(node) != nullptr;
     if (AtomNameEquals(node->AtomName, "stz2")) {
         std::printf("  samples=%u bits=%u%s", GetBE32(record, field::kStszSampleCount),
-                    unsigned(record[field::kStz2FieldSize]), loaded ? "" : MissingTableNote(file, node));
+                    unsigned(record[field::kStz2FieldSize]),
+                    loaded ? "" : MissingTableNote(file, node));
         return;
     }
     if (AtomNameEquals(node->AtomName, "stsz")) {
@@ -96,7 +97,8 @@ std::string AtomNameText(const AtomNode *node) {
 }
 
 void PrintAtom(const MP4_local_file *file, const AtomNode *node, uint32_t depth) {
-    std::printf("%*s[%s] offset=%llu size=%llu depth=%u", int(depth * 2), "", AtomNameText(node).c_str(),
+    std::printf("%*s[%s] offset=%llu size=%llu depth=%u", int(depth * 2), "",
+                AtomNameText(node).c_str(),
                 static_cast<unsigned long long>(node->AtomOffset),
                 static_cast<unsigned long long>(node->AtomSize), depth);
     if (node->Reader == kModernReader) PrintModernHead(node);
@@ -107,7 +109,8 @@ void PrintAtom(const MP4_local_file *file, const AtomNode *node, uint32_t depth)
     } else if (IsKnownAtomName(node->AtomName, AtomReader(node->Reader)) >= 0) {
         std::printf("  (known, no layout: 8-byte head)");
     } else {
-        std::printf(node->Reader == kModernReader ? "  (opaque: passed over by its size)" : "  (unknown)");
+        std::printf(node->Reader == kModernReader ? "  (opaque: passed over by its size)"
+                                                  : "  (unknown)");
     }
     std::printf("\n");
 }

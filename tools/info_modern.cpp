@@ -27,7 +27,8 @@ bool AverageBitRate(MP4_local_file *file, const MP4TrackInfo &track, uint64_t *b
     uint64_t bytes = 0;
     for (uint32_t number = 0; number < track.SampleCount; ++number) {
         MP4SampleInfo info{};
-        if (MP4GetSampleInfo(file, track.TrackId, track.TrackType, number, &info) != 1) return false;
+        if (MP4GetSampleInfo(file, track.TrackId, track.TrackType, number, &info) != 1)
+            return false;
         bytes += info.Size;
     }
     *bitRate = track.Duration == 0
