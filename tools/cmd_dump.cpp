@@ -1,9 +1,10 @@
 // mp4core dump FILE: opens the file as the library reads it, then prints
 // its atom tree: one line per atom with depth, name, offset and size, the
 // entry counts of the atoms with tables, and the catalogue's view of atoms
-// it does not know. The open's own diagnostics come first, on the same
-// standard output.
+// it does not know. With --classic the classic reader's own diagnostics
+// come first, on the same standard output; the modern reader prints none.
 #include <cstdio>
+#include <string>
 
 #include "atoms/atoms.h"
 #include "frame/frame.h"
@@ -11,6 +12,7 @@
 #include "commands.h"
 #include "result_text.h"
 #include "tracks/tracks.h"
+#include "views.h"
 
 namespace {
 
@@ -30,7 +32,9 @@ bool InExpandedTrack(const MP4_local_file *file, const AtomNode *node) {
     while (trak != nullptr && !AtomNameEquals(trak->AtomName, "trak")) trak = trak->ParentAtom;
     if (trak == nullptr) return false;
     const ReadForm &form = file->read;
-    return KeepsTables(form.VideoFirst, trak) || KeepsTables(form.AudioFirst, trak);
+    // Only the modern reader gives the tracks of other handlers tables.
+    return KeepsTables(form.VideoFirst, trak) || KeepsTables(form.AudioFirst, trak) ||
+           (form.Modern && KeepsTables(form.OtherFirst, trak));
 }
 
 // What follows an entry count whose table the record does not hold.
@@ -45,6 +49,12 @@ void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSche
     if (node->realStructure == nullptr || schema.EntrySize == 0 || schema.HasString) return;
     const uint8_t *record = node->realStructure;
     const bool loaded = GetRecordPointer(node) != nullptr;
+    if (AtomNameEquals(node->AtomName, "stz2")) {
+        std::printf("  samples=%u bits=%u%s", GetBE32(record, field::kStszSampleCount),
+                    unsigned(record[field::kStz2FieldSize]),
+                    loaded ? "" : MissingTableNote(file, node));
+        return;
+    }
     if (AtomNameEquals(node->AtomName, "stsz")) {
         const uint32_t sampleSize = GetBE32(record, field::kStszSampleSize);
         const uint32_t count = GetBE32(record, field::kStszSampleCount);
@@ -60,18 +70,47 @@ void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSche
                 loaded ? "" : MissingTableNote(file, node));
 }
 
+// What only the modern reader reads: a 64-bit size, the type of a "uuid".
+void PrintModernHead(const AtomNode *node) {
+    if (node->LargeHead != 0) std::printf("  (64-bit size)");
+    constexpr size_t kUuidType = 8, kUuidBytes = 16;
+    if (AtomNameEquals(node->AtomName, "uuid") && RecordHolds(node, kUuidType + kUuidBytes)) {
+        std::printf("  type=");
+        for (size_t i = 0; i < kUuidBytes; ++i)
+            std::printf("%s%02x", i == 4 || i == 6 || i == 8 || i == 10 ? "-" : "",
+                        node->realStructure[kUuidType + i]);
+    }
+}
+
+// The name as the file has it; of a node of the modern reader, which keeps
+// any name ("\xA9too" in "ilst"), a byte that isn't printable as \xNN.
+std::string AtomNameText(const AtomNode *node) {
+    if (node->Reader != kModernReader) return node->AtomName;
+    std::string text;
+    for (size_t i = 0; i < 4; ++i) {
+        const unsigned char c = static_cast<unsigned char>(node->AtomName[i]);
+        char escaped[5];
+        std::snprintf(escaped, sizeof escaped, c >= 0x20 && c < 0x7F ? "%c" : "\\x%02X", c);
+        text += escaped;
+    }
+    return text;
+}
+
 void PrintAtom(const MP4_local_file *file, const AtomNode *node, uint32_t depth) {
-    std::printf("%*s[%s] offset=%llu size=%llu depth=%u", int(depth * 2), "", node->AtomName,
+    std::printf("%*s[%s] offset=%llu size=%llu depth=%u", int(depth * 2), "",
+                AtomNameText(node).c_str(),
                 static_cast<unsigned long long>(node->AtomOffset),
                 static_cast<unsigned long long>(node->AtomSize), depth);
+    if (node->Reader == kModernReader) PrintModernHead(node);
     AtomSchema schema{};
     const int32_t known = GetAtomSchema(node, &schema);
     if (known > 0) {
         PrintTable(file, node, schema);
-    } else if (IsKnownAtomName(node->AtomName) >= 0) {
+    } else if (IsKnownAtomName(node->AtomName, AtomReader(node->Reader)) >= 0) {
         std::printf("  (known, no layout: 8-byte head)");
     } else {
-        std::printf("  (unknown)");
+        std::printf(node->Reader == kModernReader ? "  (opaque: passed over by its size)"
+                                                  : "  (unknown)");
     }
     std::printf("\n");
 }
@@ -86,9 +125,14 @@ void PrintTree(const MP4_local_file *file, const AtomNode *first, uint32_t depth
 
 int RunDump(const Arguments &arguments) {
     MP4_local_file *file = nullptr;
-    const int32_t result = MP4FileOpen(&file, arguments.operands[0], MP4_TABLE_KEYFRAMES);
-    std::printf("\nMP4FileOpen: %d\n", result);
-    if (result != 1) return ReportFailure(kDumpCommand.name, "MP4FileOpen", result);
+    const bool classic = WantsClassic(arguments);
+    const char *call = classic ? "MP4FileOpen" : "MP4FileOpenEx";
+    const int32_t result = classic
+        ? MP4FileOpen(&file, arguments.operands[0], MP4_TABLE_KEYFRAMES)
+        : MP4FileOpenEx(&file, arguments.operands[0], MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN);
+    // The blank line sets the classic open's diagnostics apart.
+    std::printf(classic ? "\n%s: %d\n" : "%s (modern reader): %d\n", call, int(result));
+    if (result != 1) return ReportFailure(kDumpCommand.name, call, result);
     std::printf("file size: %llu\n", static_cast<unsigned long long>(file->RootAtom->FileSize));
     PrintTree(file, file->RootAtom->FirstAtom, 0);
     MP4FileClose(&file);
@@ -96,16 +140,21 @@ int RunDump(const Arguments &arguments) {
 }
 
 constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to read"}};
+constexpr OptionRow kOptions[] = {MP4CORE_CLASSIC_OPTION};
 
 }  // namespace
 
 extern const CommandRow kDumpCommand = {
     "dump",
     "the atom tree as read, with the open's diagnostics",
-    kOperands, CountOf(kOperands), nullptr, 0,
-    "\nOpens FILE as the library reads it (key frame tables kept), then prints the\n"
-    "open's own diagnostics, its result (\"MP4FileOpen: 1\"), the file size, and one\n"
-    "line per atom: depth, name, offset and size, with the entry counts of the\n"
-    "atoms that hold tables. Atoms the catalogue does not know say so.\n",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nOpens FILE with the modern reader (MP4FileOpenEx with MP4_OPEN_MODERN, key\n"
+    "frame tables kept), then prints its result (\"MP4FileOpenEx (modern reader): 1\"),\n"
+    "the file size, and one line per atom: depth, name, offset and size, with the\n"
+    "entry counts of the atoms that hold tables, a 64-bit size and the type of a\n"
+    "\"uuid\". Atoms the catalogue does not know are passed over and say so.\n"
+    "With --classic it opens FILE with MP4FileOpen and prints that open's own\n"
+    "diagnostics first, then its result (\"MP4FileOpen: 1\"); an atom the classic\n"
+    "reader does not know ends its container's scan.\n",
     RunDump,
 };

@@ -1,6 +1,7 @@
-// mp4core info FILE: the file summary of GetFileInfo, then the media
-// information of every video and audio track, with its configuration bytes
-// in hex.
+// mp4core info FILE: every track as the modern reader describes it
+// (info_modern.cpp); with --classic the file summary of GetFileInfo, then
+// the media information of every video and audio track, with its
+// configuration bytes in hex.
 #include <cstdio>
 #include <cstdlib>
 
@@ -10,6 +11,7 @@
 #include "mp4core.h"
 #include "result_text.h"
 #include "tracks/tracks.h"
+#include "views.h"
 
 namespace {
 
@@ -25,9 +27,7 @@ const char *AudioFormatName(uint32_t format) {
 
 void PrintHex(const char *label, const uint8_t *bytes, uint32_t size) {
     if (bytes == nullptr || size == 0) return;
-    std::printf("    %s (%u bytes):", label, size);
-    for (uint32_t i = 0; i < size; ++i) std::printf("%s%02X", i % 16 == 0 ? "\n      " : " ", bytes[i]);
-    std::printf("\n");
+    PrintHexBlock(label, bytes, size, 4);
 }
 
 void PrintSummary(const FileInfo &info) {
@@ -77,8 +77,18 @@ void PrintTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Trac
 // that has no line end.
 constexpr int32_t kFileInfoOpenFailed = -21;
 
+int RunModern(const char *path) {
+    MP4_local_file *file = nullptr;
+    const int opened = OpenWithReader(kInfoCommand.name, path, MP4_TABLE_MARKS, false, &file);
+    if (opened != 0) return opened;
+    const int status = PrintModernInfo(file);
+    MP4FileClose(&file);
+    return status;
+}
+
 int RunInfo(const Arguments &arguments) {
     const char *path = arguments.operands[0];
+    if (!WantsClassic(arguments)) return RunModern(path);
     FileInfo summary;
     const int32_t result = GetFileInfo(path, &summary);
     if (result != 1) {
@@ -99,16 +109,24 @@ int RunInfo(const Arguments &arguments) {
 }
 
 constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to describe"}};
+constexpr OptionRow kOptions[] = {MP4CORE_CLASSIC_OPTION};
 
 }  // namespace
 
 extern const CommandRow kInfoCommand = {
     "info",
-    "file summary and the media information of each track",
-    kOperands, CountOf(kOperands), nullptr, 0,
-    "\nPrints the summary GetFileInfo gives (size, picture, frame rate, audio format,\n"
-    "bit rates), then for every video and audio track its sample entry, sample\n"
-    "count, timescale and duration, and its configuration bytes in hex, as\n"
-    "RetMp4MediaInfo gives them. A track without media information says why.\n",
+    "every track: codec, picture or sound, duration, bit rate, configuration",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nOpens FILE with the modern reader and prints, for every track in the file's\n"
+    "order, what MP4GetTrackInfo gives: type, codec (the sample entry's format),\n"
+    "handler, picture size and rotation (video) or rate and channels (audio),\n"
+    "sample count, timescale and duration, language, edit list and protection;\n"
+    "the average bit rate over the duration, from the sample sizes; and the\n"
+    "decoder configuration in hex, as MP4GetDecoderConfig gives it.\n"
+    "With --classic it prints the summary GetFileInfo gives (size, picture, frame\n"
+    "rate, audio format, bit rates), then for every video and audio track its\n"
+    "sample entry, sample count, timescale and duration, and its configuration\n"
+    "bytes in hex, as RetMp4MediaInfo gives them. A track without media\n"
+    "information says why.\n",
     RunInfo,
 };

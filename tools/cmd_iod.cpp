@@ -5,13 +5,12 @@
 #include "commands.h"
 #include "mp4core.h"
 #include "result_text.h"
+#include "views.h"
 
 namespace {
 
 void PrintHex(const char *label, const uint8_t *bytes, uint32_t size) {
-    std::printf("%s (%u bytes):", label, size);
-    for (uint32_t i = 0; i < size; ++i) std::printf("%s%02X", i % 16 == 0 ? "\n  " : " ", bytes[i]);
-    std::printf("\n");
+    PrintHexBlock(label, bytes, size, 0);
 }
 
 int RunIod(const Arguments &arguments) {

@@ -1,6 +1,7 @@
-// mp4core samples FILE: every sample of every video and audio track, or
-// the answers of the cursor calls, in the line form its help text
-// (kSamplesCommand) describes.
+// mp4core samples FILE: every sample of every track, or the answers of the
+// cursor calls, in the line forms its help text (kSamplesCommand)
+// describes. This file holds the command and the classic view; the modern
+// listing is in samples_modern.cpp.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "mp4core.h"
 #include "result_text.h"
 #include "tracks/tracks.h"
+#include "views.h"
 
 namespace {
 
@@ -24,6 +26,7 @@ struct Options {
     const char *path = nullptr;
     uint32_t track = 0;  // 0: all tracks
     int32_t mode = MP4_TABLE_MARKS;
+    bool classic = false;
     std::vector<CursorCall> calls;
 };
 
@@ -31,6 +34,7 @@ struct Options {
 // usage error, whose exit status comes back in `status`.
 bool ReadOptions(const Arguments &arguments, Options *options, int *status) {
     options->path = arguments.operands[0];
+    options->classic = WantsClassic(arguments);
     for (const GivenOption &given : arguments.options) {
         const std::string name = given.option->name;
         if (name == "--track") {
@@ -59,16 +63,6 @@ bool ReadOptions(const Arguments &arguments, Options *options, int *status) {
         }
     }
     return true;
-}
-
-// CRC-32 as zlib and ffprobe's "CRC32" data hash compute it.
-uint32_t Crc32(const uint8_t *data, size_t size) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 0; i < size; ++i) {
-        crc ^= data[i];
-        for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
 }
 
 // The file offset of a sample is not part of MP4Sample; the track's own
@@ -155,9 +149,12 @@ bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const 
         }
         uint32_t cursor = videoCursor != nullptr ? uint32_t(*videoCursor) : *audioCursor;
         uint32_t number = cursor - 1;
-        std::printf("%u %s %u %u %u %u %u %08x\n", trackId, name, number, sample->Time,
-                    sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(node, number),
-                    Crc32(sample->Data, sample->Size));
+        if (file->read.Modern)
+            PrintModernSampleLine(file, trackId, type, number, sample);
+        else
+            std::printf("%u %s %u %u %u %u %u %08x\n", trackId, name, number, sample->Time,
+                        sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(node, number),
+                        Crc32(sample->Data, sample->Size));
         SampleDataFree(&sample);
     }
     return ok;
@@ -168,11 +165,23 @@ int RunSamples(const Arguments &arguments) {
     int status = 0;
     if (!ReadOptions(arguments, &options, &status)) return status;
     MP4_local_file *file = nullptr;
-    int32_t result = MP4FileOpen(&file, options.path, options.mode);
-    if (result != 1) return ReportFailure(kSamplesCommand.name, "MP4FileOpen", result);
-    std::printf("# track type number time size key offset crc32\n");
+    const int opened =
+        OpenWithReader(kSamplesCommand.name, options.path, options.mode, options.classic, &file);
+    if (opened != 0) return opened;
     bool ok = true;
     bool found = false;
+    if (!options.classic && options.calls.empty()) {
+        std::printf("# track type number dts cts_offset size key offset crc32\n");
+        ok = ListModernSamples(file, options.track, &found) == 0;
+        MP4FileClose(&file);
+        if (options.track != 0 && !found) {
+            std::fprintf(stderr, "mp4core %s: no track %u\n", kSamplesCommand.name, options.track);
+            return 1;
+        }
+        return ok ? 0 : 1;
+    }
+    std::printf(options.classic ? "# track type number time size key offset crc32\n"
+                                : "# track type number dts cts_offset size key offset crc32\n");
     for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack) {
         if (options.track != 0 && options.track != v->TrackId) continue;
         found = true;
@@ -208,21 +217,33 @@ constexpr OptionRow kOptions[] = {
     {"--seek", "TIME", false, true, "SeekTrack to TIME, in ticks of the track's timescale"},
     {"--next-key", nullptr, false, true, "NextKeyFrame"},
     {"--prev-key", nullptr, false, true, "PrevKeyFrame"},
+    MP4CORE_CLASSIC_OPTION,
 };
 
 }  // namespace
 
 extern const CommandRow kSamplesCommand = {
     "samples",
-    "one line per sample of every video and audio track",
+    "one line per sample of every track",
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
-    "\nLists every sample as GetNextSample gives it, one line each, to set beside\n"
-    "`ffprobe -show_packets`:\n"
+    "\nOpens FILE with the modern reader and lists every sample of every track, in\n"
+    "the file's order of tracks, as MP4GetSampleInfo and MP4ReadSample give it,\n"
+    "one line each, to set beside `ffprobe -ignore_editlist 1 -show_packets`:\n"
+    "  TRACK TYPE NUMBER DTS CTS_OFFSET SIZE KEY OFFSET CRC32\n"
+    "DTS is the decoding time in ticks of the track's timescale (64 bits),\n"
+    "CTS_OFFSET the composition offset (\"ctts\", signed), KEY the sync flag (audio\n"
+    "included), OFFSET the sample's place in the file (64 bits). TYPE is video,\n"
+    "audio, hint, od, scene or other. A sample that can't be read gives\n"
+    "TRACK TYPE NUMBER error RESULT, a track that can't be listed TRACK TYPE error\n"
+    "RESULT, and a track without samples says so in a line of its own.\n"
+    "With --classic it opens FILE with MP4FileOpen and lists the samples of the\n"
+    "video and then the audio tracks as GetNextSample gives them:\n"
     "  TRACK TYPE NUMBER TIME SIZE KEY OFFSET CRC32\n"
-    "or, for a sample that can't be read, TRACK TYPE NUMBER error RESULT. A track\n"
-    "that gives no sample at all says so in a line of its own.\n"
+    "with the classic key frame mark (0 for audio), or, for a sample that can't\n"
+    "be read, TRACK TYPE NUMBER error RESULT. A track that gives no sample at all\n"
+    "says so in a line of its own.\n"
     "With --seek, --next-key and --prev-key it makes those calls instead, in the\n"
-    "order given, on each track, and prints one line per call: the call, then the\n"
-    "sample it gave in the same form.\n",
+    "order given, on each video and audio track, and prints one line per call:\n"
+    "the call, then the sample it gave in the form of the reader in use.\n",
     RunSamples,
 };

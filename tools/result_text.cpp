@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -24,6 +25,10 @@ constexpr ResultText kResultTexts[] = {
     {"MP4FileOpen", -92, "no memory for a hint track"},
     {"MP4FileOpen", -91, "no memory for an object descriptor track"},
     {"MP4FileOpen", -90, "no memory for a scene description track"},
+
+    // Otherwise the results of MP4FileOpen (kSharedTables).
+    {"MP4FileOpenEx", -100, "the flags hold a bit other than MP4_OPEN_MODERN"},
+    {"MP4FileOpenEx", -95, "the file is empty, or no memory for an atom's record"},
 
     // Also the results of GetSample and SeekTrack (kSharedTables).
     {"GetNextSample", -99, "no file handle, track ID 0, or no place for the sample"},
@@ -95,6 +100,25 @@ constexpr ResultText kResultTexts[] = {
      "a configuration longer than 100 bytes, or both together 200 bytes or longer"},
     {"DecryptMp4Iod", -97, "no memory for a configuration"},
 
+    // The calls by track and sample number; MP4ReadSample shares the first
+    // four with MP4GetSampleInfo (kSharedTables).
+    {"MP4GetTrackInfo", -99, "no file handle, or no place for the information"},
+    {"MP4GetTrackInfo", -98, "no track at this index"},
+    {"MP4GetSampleInfo", -99, "no file handle, track ID 0, or no place for the information"},
+    {"MP4GetSampleInfo", -98, "no track with this ID and type"},
+    {"MP4GetSampleInfo", -97, "the track has no sample table"},
+    {"MP4GetSampleInfo", -96, "no sample with this number"},
+    {"MP4ReadSample", -95, "no memory for the sample record"},
+    {"MP4ReadSample", -94, "the sample's size is 0"},
+    {"MP4ReadSample", -93, "no memory for the sample's bytes"},
+    {"MP4ReadSample", -92, "the file holds fewer bytes than the sample needs"},
+    {"MP4GetDecoderConfig", -99, "no file handle, track ID 0, or no place for the configuration"},
+    {"MP4GetDecoderConfig", -98, "no track with this ID and type"},
+    {"MP4GetDecoderConfig", -97, "the sample entry has no decoder configuration"},
+    {"MP4GetDecoderConfig", -96,
+     "the file holds fewer bytes than the configuration atom claims, or it claims more than 1 MiB"},
+    {"MP4GetDecoderConfig", -95, "no memory for the configuration"},
+
     // The authoring calls have one failure result; the library's debug
     // output on standard error has said which check refused.
     {"MP4FileNew", -99, "the file can't be created, its path has 256 characters or more, or no memory"},
@@ -110,7 +134,8 @@ constexpr ResultText kResultTexts[] = {
     {"MP4FileFlush", -99, "no file handle"},
 };
 
-// Calls that give the results of another call.
+// Calls that give the results of another call, for the codes they have no
+// row of their own for.
 struct SharedTable {
     const char *call;
     const char *sameAs;
@@ -120,6 +145,8 @@ constexpr SharedTable kSharedTables[] = {
     {"GetSample", "GetNextSample"},
     {"SeekTrack", "GetNextSample"},
     {"PrevKeyFrame", "NextKeyFrame"},
+    {"MP4FileOpenEx", "MP4FileOpen"},
+    {"MP4ReadSample", "MP4GetSampleInfo"},
 };
 
 const char *TableOf(const char *call) {
@@ -132,9 +159,10 @@ const char *TableOf(const char *call) {
 }  // namespace
 
 const char *ResultMeaning(const char *call, int32_t code) {
-    const char *table = TableOf(call);
-    for (const ResultText &row : kResultTexts) {
-        if (row.code == code && std::strcmp(row.call, table) == 0) return row.meaning;
+    for (const char *table : {call, TableOf(call)}) {
+        for (const ResultText &row : kResultTexts) {
+            if (row.code == code && std::strcmp(row.call, table) == 0) return row.meaning;
+        }
     }
     return code == 1 ? "success" : "a result this call is not known to give";
 }
