@@ -14,14 +14,16 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4CORE_BENCH=O
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
 
+# Slow tests (suites named Slow* or *Long*: ffmpeg runs, long files, every
+# cut of a file) run once, in the build above, not again below.
 echo "== sanitizers (address, undefined, leak)"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMP4CORE_SANITIZE=ON >/dev/null
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$jobs"
+  ctest --test-dir build-asan --output-on-failure -j"$jobs" -E 'Slow|Long'
 
 echo "== valgrind memcheck"
-bash scripts/valgrind.sh
+bash scripts/valgrind.sh --gtest_filter='-Slow*:*Long*'
 
 echo "== fuzz (${fuzz_seconds}s per target)"
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -194,7 +194,7 @@ void AtomEnds(const AtomNode *node, int64_t size, std::vector<uint64_t> *lengths
 
 // Every prefix of one fixture, and cuts around every atom boundary of the
 // others. Not under valgrind, where the thousands of opens take minutes.
-TEST(ModernFixtures, EveryCutOpensAndReadsOrFails) {
+TEST(SlowModernCuts, EveryCutOpensAndReadsOrFails) {
     const char *preload = std::getenv("LD_PRELOAD");
     if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) GTEST_SKIP();
     const std::string prefixed = ModernDir() + "/h264_aac_faststart.mp4";

@@ -74,7 +74,7 @@ std::string Line(int stream, uint32_t time, const Bytes &bytes, int key) {
     return text;
 }
 
-TEST(Interop, FramesReadBackByMp4coreAndFfprobe) {
+TEST(SlowWriterInterop, FramesReadBackByMp4coreAndFfprobe) {
     Bytes videoConfig, audioConfig;
     const std::vector<Frame> streams[2] = {
         SplitVideo(ReadWholeFile(FixturePath("sample.m4v")), &videoConfig),
@@ -131,7 +131,7 @@ std::string Decoded(const std::string &input, const char *map) {
                  (map[0] == 'v' ? " -f framemd5 - | grep -v '^#' | awk -F, '{print $NF}'" : " -f md5 -"));
 }
 
-TEST(Mux, FfmpegStreamsDecodeToTheSamePicturesAndSamples) {
+TEST(SlowMux, FfmpegStreamsDecodeToTheSamePicturesAndSamples) {
     if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
     // The system tracks draw only the warning that FFmpeg has no decoder for them.
     const struct {
