@@ -295,6 +295,17 @@ std::string LongFixture() {
     return Exists(path) ? path : "";
 }
 
+std::string GeneratedFile(const std::string &kind) {
+    std::string dir = CacheDir();
+    std::string path = dir + "/" + kind + "_h264_aac.mp4";
+    if (Exists(path)) return path;
+    if (std::system("command -v ffmpeg >/dev/null") != 0) return "";
+    std::string command = std::string("bash '") + MP4CORE_BENCH_DIR + "/make_bench_files.sh' " +
+                          kind + " '" + dir + "' >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0) return "";
+    return Exists(path) ? path : "";
+}
+
 uint32_t ListedSamples(const std::string &path) {
     FILE *listing = std::fopen((path + ".samples").c_str(), "r");
     if (listing == nullptr) return 0;
@@ -382,10 +393,12 @@ TimeCollector::TimeCollector()
     : ConsoleReporter(isatty(fileno(stdout)) ? OO_Defaults : OO_Tabular) {}
 
 void TimeCollector::ReportRuns(const std::vector<Run> &runs) {
+    // With repetitions the median (reported after the runs) replaces the
+    // last run, so that one slow run on a loaded machine does not decide.
     for (const Run &run : runs) {
-        if (run.run_type != Run::RT_Iteration || run.error_occurred || run.iterations == 0)
-            continue;
-        seconds_[run.benchmark_name()] = run.real_accumulated_time / double(run.iterations);
+        if (run.error_occurred || run.iterations == 0) continue;
+        if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+        seconds_[run.run_name.str()] = run.real_accumulated_time / double(run.iterations);
     }
     ConsoleReporter::ReportRuns(runs);
 }

@@ -23,6 +23,11 @@ std::string CacheDir();
 // tests/data/make_fixtures.sh --long on first use. Empty when FFmpeg or
 // python3 is missing.
 std::string LongFixture();
+// The FFmpeg H.264/AAC files of the modern reader's benchmark, made by
+// bench/make_bench_files.sh on first use: "small" (more than 100000 samples
+// of 160x120 video and 48 kHz audio) and "hd" (a few hundred 1920x1080
+// pictures of about 110 KB). Empty when FFmpeg is missing or fails.
+std::string GeneratedFile(const std::string &kind);
 // The number of samples of the first track of a generated file's listing
 // (PATH.samples), or 0.
 uint32_t ListedSamples(const std::string &path);
@@ -68,7 +73,7 @@ ChildResult RunInChild(const std::function<int64_t()> &work);
 // ---- Reporting -------------------------------------------------------------
 
 // The console reporter, keeping the real time per iteration, in seconds, of
-// every benchmark by name ("BM_Name/arg").
+// every benchmark by name ("BM_Name/arg"): the median when repeated.
 class TimeCollector : public benchmark::ConsoleReporter {
 public:
     // Colours only on a terminal.

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Makes the FFmpeg files the modern reader's benchmark runs on, into DIR:
+#
+#   make_bench_files.sh small DIR   small_h264_aac.mp4: 100 seconds of 160x120
+#                                   H.264 at 1000 pictures per second with
+#                                   48 kHz AAC, 104689 small samples
+#   make_bench_files.sh hd DIR      hd_h264_aac.mp4: 12 seconds of 1920x1080
+#                                   H.264 at a high quality (about 110 KB a
+#                                   picture) with 48 kHz AAC, 864 samples
+#
+# Needs ffmpeg with libx264 (Debian's). Not bit-exact: the benchmark needs
+# only the shape of the files. Each file is written beside its final name
+# and moved there when whole, so a cut-off run leaves nothing half made.
+set -euo pipefail
+kind=${1:?usage: make_bench_files.sh small|hd DIR}
+dir=${2:?usage: make_bench_files.sh small|hd DIR}
+mkdir -p "$dir"
+ff() { ffmpeg -hide_banner -nostdin -v error -y "$@"; }
+# tone SECONDS: a 48 kHz tone
+tone() { echo -f lavfi -i "sine=frequency=440:beep_factor=4:sample_rate=48000:duration=$1"; }
+x264=(-c:v libx264 -preset ultrafast -pix_fmt yuv420p)
+
+case $kind in
+  small)
+    out=$dir/small_h264_aac.mp4
+    ff -f lavfi -i "testsrc=size=160x120:rate=1000:duration=100" $(tone 100) \
+       "${x264[@]}" -c:a aac -b:a 64k -ac 2 -movflags +faststart "$out.part.mp4" ;;
+  hd)
+    out=$dir/hd_h264_aac.mp4
+    ff -f lavfi -i "testsrc2=size=1920x1080:rate=25:duration=12" $(tone 12) \
+       "${x264[@]}" -crf 12 -c:a aac -b:a 128k -ac 2 -movflags +faststart "$out.part.mp4" ;;
+  *) echo "make_bench_files.sh: unknown kind $kind" >&2; exit 2 ;;
+esac
+mv "$out.part.mp4" "$out"
