@@ -162,6 +162,7 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     {
         OpenedFile opened(MiniFile("video 3"));
         ASSERT_EQ(GetNextSample(opened.handle, 1, 1, &sample), 1);
+        EXPECT_NE(opened.handle->read.SampleWindow, nullptr);  // the read-ahead is kept for the next
     }
     EXPECT_EQ(Bytes(sample->Data, sample->Data + sample->Size), Bytes({0, 0, 0xA5, 1}));
     EXPECT_EQ(SampleDataFree(&sample), 1);
