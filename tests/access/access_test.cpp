@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <sstream>
 
@@ -172,6 +174,7 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     {
         OpenedFile opened(MiniFile("video 3"));
         ASSERT_EQ(GetNextSample(opened.handle, 1, 1, &sample), 1);
+        EXPECT_NE(opened.handle->read.SampleWindow, nullptr);  // the read-ahead is kept for the next
     }
     EXPECT_EQ(Bytes(sample->Data, sample->Data + sample->Size), Bytes({0, 0, 0xA5, 1}));
     EXPECT_EQ(SampleDataFree(&sample), 1);
@@ -181,6 +184,16 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     EXPECT_EQ(MP4freeData(&block), 1);
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(MP4freeData(&block) + MP4freeData(nullptr), 2);
+}
+
+// A file emptied after the open: the read meets its end at once, and an
+// interrupt an earlier call left in errno must not make it ask again.
+TEST(Access, StaleInterruptInErrnoDoesNotHoldAReadAtTheEnd) {
+    OpenedFile opened(MiniFile("video 4"));
+    MP4Sample *sample = nullptr;
+    ASSERT_EQ(truncate(opened.file.c_str(), 0), 0);
+    errno = EINTR;
+    EXPECT_EQ(GetSample(opened.handle, 1, 1, 25, &sample), -82);
 }
 
 // The shared library holds only a weak reference to decore: loaded into a

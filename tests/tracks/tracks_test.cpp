@@ -27,11 +27,15 @@ int32_t FillResult(const OpenedFile &opened, const MiniTrack &track, int32_t mod
     TrackNode *holder = nullptr;
     int32_t result = video ? CreateVideoTables(&holder, count, mode) : CreateAudioTables(&holder, count, mode);
     if (result == 1) {
-        holder->TrakAtom = FindChild(root.FirstAtom->NextSibling->NextSibling, "trak");
+        AtomNode top{};  // the file's atoms, in whichever order "moov" comes
+        top.FirstChild = root.FirstAtom;
+        holder->TrakAtom = FindChild(FindChild(&top, "moov"), "trak");
         CaptureStream quiet(stdout);
         result = video ? FillVideoTables(&holder, &root, mode) : FillAudioTables(&holder, mode);
         quiet.Text();
     }
+    TrackNode *none = nullptr;  // no record to fill, whatever the tree
+    EXPECT_EQ(FillVideoTables(&none, &root, mode), -99);
     ReleaseTrackNodes(&holder);
     ReleaseAtomList(root.FirstAtom);
     std::fclose(root.FileStream);
