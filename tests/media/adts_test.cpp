@@ -61,6 +61,7 @@ TEST(AdtsHeader, MissingArgumentsAndBitFieldsOutsideTheBuffer) {
     EXPECT_EQ(GetBitField(esds.data(), 4, &size, 33, 0), -1);
     EXPECT_EQ(GetBitField(esds.data(), 4, &size, 16, 0xFFFFFFF8u), -1);  // no wrap past the end
     EXPECT_EQ(size, 0u);
+    EXPECT_EQ(ReadPceChannelCount(esds.data(), 3, &size), -1);  // cut at the mono mixdown flag
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "authoring/authoring.h"
 #include "support/test_support.h"
 #include "tracks/tracks.h"
+#include "writer/writer.h"
 
 namespace {
 
@@ -278,13 +279,15 @@ TEST_P(Golden, TranscriptMatches) {
     EXPECT_EQ(transcript, std::string(golden.begin(), golden.end()));
 }
 
-// Unreachable through the API, whose blocks have fixed sizes.
-TEST(AddTrackBlock, RefusesNoSlotsAndNoBlock) {
+// Unreachable through the API, whose blocks have fixed sizes and whose
+// tracks always carry their "trak" atom.
+TEST(TrackBlocks, RefuseNoSlotsNoBlockAndNoTrakAtom) {
     TrackNode head{}, *holder = &head, *none = nullptr;
     EXPECT_EQ(AddTrackBlock(&holder, 0), -97);
     EXPECT_EQ(AddTrackBlock(&none, 1), -98);
     EXPECT_EQ(AddTrackBlock(nullptr, 1), -98);
     EXPECT_EQ(head.SampleCapacity, 0u);
+    EXPECT_EQ(SerializeTrack(&head), -99);
 }
 
 INSTANTIATE_TEST_SUITE_P(Written, Golden, ::testing::Values("new_file", "headers", "layout", "tables", "intake"),
