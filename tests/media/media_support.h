@@ -18,26 +18,17 @@
 #include <string>
 #include <vector>
 
+#include "support/listing.h"
 #include "support/test_support.h"
 
 namespace media_support {
 
 using testing_support::Bytes;
+using testing_support::ExpectGolden;
 
 inline std::string ReadText(const std::string &path) {
     const Bytes bytes = testing_support::ReadWholeFile(path);
     return std::string(bytes.begin(), bytes.end());
-}
-
-// Leading "#" lines of the file are notes for its reader, kept as they are
-// unless the output brings its own.
-inline void ExpectGolden(const std::string &name, const std::string &actual) {
-    const std::string path = testing_support::FixturePath(name), expected = ReadText(path);
-    size_t notes = 0;
-    while (actual.rfind("#", 0) != 0 && expected.compare(notes, 1, "#") == 0)
-        notes = expected.find('\n', notes) == std::string::npos ? expected.size() : expected.find('\n', notes) + 1;
-    if (std::getenv("MP4CORE_UPDATE_GOLDEN") != nullptr) std::ofstream(path, std::ios::binary) << expected.substr(0, notes) << actual;
-    else EXPECT_EQ(expected, expected.substr(0, notes) + actual) << "differs from " << path;
 }
 
 inline std::string Replace(std::string text, const std::string &from, const std::string &to) {

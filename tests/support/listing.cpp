@@ -89,10 +89,18 @@ Listing LoadListing(const std::string &path) {
 
 void ExpectGolden(const std::string &name, const std::string &text) {
     const std::string path = FixturePath(name);
-    const char *update = std::getenv("MP4CORE_UPDATE_GOLDEN");
-    if (update != nullptr && std::string(update) == "1") WriteWholeFile(path, Bytes(text.begin(), text.end()));
-    const Bytes golden = ReadWholeFile(path);
-    EXPECT_EQ(std::string(golden.begin(), golden.end()), text) << "golden " << path << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
+    const Bytes stored = ReadWholeFile(path);
+    const std::string golden(stored.begin(), stored.end());
+    size_t notes = 0;  // leading "#" lines: notes for the reader, kept
+    while (text.rfind("#", 0) != 0 && golden.compare(notes, 1, "#") == 0) {
+        const size_t end = golden.find('\n', notes);
+        notes = end == std::string::npos ? golden.size() : end + 1;
+    }
+    const std::string expected = golden.substr(0, notes) + text;
+    if (std::getenv("MP4CORE_UPDATE_GOLDEN") != nullptr)
+        WriteWholeFile(path, Bytes(expected.begin(), expected.end()));
+    else
+        EXPECT_EQ(golden, expected) << "golden " << path << " (MP4CORE_UPDATE_GOLDEN=1 rewrites it; read the diff)";
 }
 
 std::vector<std::vector<std::string>> ReadRows(const std::string &name) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "authoring/authoring.h"
+#include "support/listing.h"
 #include "support/test_support.h"
 #include "tracks/tracks.h"
 #include "writer/writer.h"
@@ -272,11 +273,8 @@ TEST_P(Golden, TranscriptMatches) {
     const std::string base = FixturePath(std::string("written/") + GetParam());
     const Bytes script = ReadWholeFile(base + ".script");
     ASSERT_FALSE(script.empty()) << base;
-    const std::string transcript = Transcript(std::string(script.begin(), script.end()));
-    if (std::getenv("MP4CORE_UPDATE_GOLDEN") != nullptr)
-        WriteWholeFile(base + ".golden", Bytes(transcript.begin(), transcript.end()));
-    const Bytes golden = ReadWholeFile(base + ".golden");
-    EXPECT_EQ(transcript, std::string(golden.begin(), golden.end()));
+    ExpectGolden(std::string("written/") + GetParam() + ".golden",
+                 Transcript(std::string(script.begin(), script.end())));
 }
 
 // Unreachable through the API, whose blocks have fixed sizes and whose

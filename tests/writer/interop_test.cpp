@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "mp4core.h"
+#include "support/listing.h"
 #include "support/test_support.h"
 
 namespace {
@@ -57,19 +58,10 @@ std::vector<Frame> SplitAdts(const Bytes &s, Bytes *config) {
     return frames;
 }
 
-uint32_t Crc32(const Bytes &b) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (uint8_t x : b) {
-        crc ^= x;
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
-    }
-    return ~crc;
-}
-
 // One line per frame: stream, time, size, CRC and (for mp4core) the key mark.
 std::string Line(int stream, uint32_t time, const Bytes &bytes, int key) {
     char text[80];
-    std::snprintf(text, sizeof text, "%d,%u,%zu,CRC32:%08x%s\n", stream, time, bytes.size(), Crc32(bytes),
+    std::snprintf(text, sizeof text, "%d,%u,%zu,CRC32:%08x%s\n", stream, time, bytes.size(), testing_support::Crc32(bytes.data(), bytes.size()),
                   key < 0 ? "" : key ? ",K" : "");
     return text;
 }
