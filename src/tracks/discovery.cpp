@@ -133,6 +133,12 @@ int32_t FindTracks(Root_atom *root, TrackListEntry **list) {
     return count;
 }
 
+int32_t HandlerTrackType(const char *handler) {
+    for (const HandlerRow &row : kHandlers)
+        if (AtomNameEquals(handler, row.name)) return row.type;
+    return 0;
+}
+
 int32_t GetTrackType(AtomNode *trakAtom, int32_t *type) {
     if (!IsTrak(trakAtom)) return kTrackInfoFailed;
     const AtomNode *hdlr = WalkOrReport(trakAtom, {"mdia", "hdlr"});
@@ -140,12 +146,8 @@ int32_t GetTrackType(AtomNode *trakAtom, int32_t *type) {
     if (hdlr->realStructure == nullptr) return kTrackInfoFailed;
     const char *handler = reinterpret_cast<const char *>(hdlr->realStructure) +
                           field::kHdlrHandlerType;
-    for (const HandlerRow &row : kHandlers) {
-        if (AtomNameEquals(handler, row.name)) {
-            *type = row.type;
-            return 1;
-        }
-    }
+    *type = HandlerTrackType(handler);
+    if (*type != 0) return 1;
     char name[5];
     CopyAtomName(name, handler);
     std::printf("Unknown media type [%s]\n", name);

@@ -14,17 +14,6 @@ constexpr int32_t kLoopNoMemoryForHint = -92;
 constexpr int32_t kLoopNoMemoryForOd = -91;
 constexpr int32_t kLoopNoMemoryForOther = -90;  // scene description and other handlers
 
-struct HandlerRow {
-    char name[5];
-    int32_t type;
-};
-
-constexpr HandlerRow kHandlers[] = {{"vide", MP4_TRACK_VIDEO},
-                                    {"soun", MP4_TRACK_AUDIO},
-                                    {"hint", MP4_TRACK_HINT},
-                                    {"odsm", MP4_TRACK_OD},
-                                    {"sdsm", MP4_TRACK_SCENE}};
-
 // The entries the fill expands; once a track has its tables nothing reads
 // them again, so that the open keeps a sample's record and not its table
 // entries beside it. "elst" stays for the track information.
@@ -111,10 +100,7 @@ int32_t ModernTrackType(const AtomNode *trak) {
     if (hdlr == nullptr || hdlr->realStructure == nullptr) return kTrackOtherHandler;
     const char *handler =
         reinterpret_cast<const char *>(hdlr->realStructure) + field::kHdlrHandlerType;
-    for (const HandlerRow &row : kHandlers) {
-        if (AtomNameEquals(handler, row.name)) return row.type;
-    }
-    return kTrackOtherHandler;
+    return HandlerTrackType(handler);
 }
 
 uint32_t ModernTrackId(const AtomNode *trak) {

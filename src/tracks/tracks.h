@@ -136,6 +136,9 @@ struct TrackListEntry {
 
 int32_t FindTracks(Root_atom *root, TrackListEntry **list);
 int32_t GetTrackType(AtomNode *trakAtom, int32_t *type);
+// The track type a handler name ("vide", "soun", ...) stands for; 0 for
+// any other handler.
+int32_t HandlerTrackType(const char *handler);
 int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record);
 int32_t ReadAudioTrackInfo(AtomNode *trakAtom, AudioTrackNode *record);
 // The track loop of MP4FileOpen: 1, or -94..-90 after it has closed the

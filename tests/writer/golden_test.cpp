@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -28,15 +27,6 @@ namespace {
 
 using namespace testing_support;
 using Args = std::map<std::string, std::string>;
-
-std::string Format(const char *format, ...) {
-    char text[256];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
 
 uint32_t Num(const Args &a, const std::string &key, uint32_t fallback) {
     return a.count(key) ? uint32_t(std::stoul(a.at(key), nullptr, 0)) : fallback;
