@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 #include "access/access.h"
@@ -68,6 +69,7 @@ template <typename Track> Track *Find(Track *track, uint32_t id) {
 //   x                  forget the video track last used
 //   R                  take the track's sample records away (again: put back)
 //   A2                 append 2 bytes to the file, as a writer still at work does
+//   K                  plant a key mark in a record just behind the video table
 // A sample is shown by the number its bytes hold, its time, size and key
 // mark, then where the track's cursor stands.
 std::string RunScript(MP4_local_file *file, const std::string &script) {
@@ -96,6 +98,17 @@ std::string RunScript(MP4_local_file *file, const std::string &script) {
                 std::fputs(std::string(size_t(arg), '\xEE').c_str(), grow);
                 std::fclose(grow);
             }
+            prefix += token + " ";
+            continue;
+        }
+        if (op == 'K' && video != nullptr) {
+            TrackNode *node = video->Track;
+            auto *grown = static_cast<SampleRecord *>(std::calloc(node->SampleCount + 1, sizeof(SampleRecord)));
+            std::memcpy(grown, node->SampleRecords, node->SampleCount * sizeof(SampleRecord));
+            grown[node->SampleCount] = grown[0];
+            grown[node->SampleCount].IsKeyFrame = 1;
+            std::free(node->SampleRecords);
+            node->SampleRecords = grown;
             prefix += token + " ";
             continue;
         }
