@@ -72,17 +72,6 @@ uint32_t OffsetOf(const TrackNode *node, uint32_t number) {
     return node->SampleRecords[number].FileOffset;
 }
 
-// Reports a failed call of the listing on standard error, beside its line.
-void ReportCall(const char *call, int32_t result, uint32_t trackId, const char *name,
-                const uint32_t *number = nullptr) {
-    char context[64];
-    if (number != nullptr)
-        std::snprintf(context, sizeof context, "%s track %u sample %u", name, trackId, *number);
-    else
-        std::snprintf(context, sizeof context, "%s track %u", name, trackId);
-    ReportFailure(kSamplesCommand.name, call, result, context);
-}
-
 // Lists a track; false if a call failed.
 bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
                uint32_t sampleCount) {
@@ -104,7 +93,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Track
             return ok;
         } else {
             std::printf("%u %s %u error %d\n", trackId, name, number, int(result));
-            ReportCall("GetNextSample", result, trackId, name, &number);
+            ReportSampleCall("GetNextSample", result, trackId, name, &number);
             ok = false;
             if (result != -82) return ok;
         }
@@ -142,7 +131,7 @@ bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const 
             // 0: the track has no samples, which is an answer, not a failure.
             std::printf("%u %s error %d\n", trackId, name, int(result));
             if (result < 0) {
-                ReportCall(callName, result, trackId, name);
+                ReportSampleCall(callName, result, trackId, name);
                 ok = false;
             }
             continue;

@@ -2,6 +2,8 @@
 // sample's bytes, track type names.
 #include <cstdio>
 
+#include "commands.h"
+#include "result_text.h"
 #include "views.h"
 
 uint32_t Crc32(const uint8_t *data, size_t size) {
@@ -33,4 +35,14 @@ void PrintHexBlock(const char *label, const uint8_t *bytes, uint32_t size, int i
             std::printf(" %02X", bytes[i]);
     }
     std::printf("\n");
+}
+
+void ReportSampleCall(const char *call, int32_t result, uint32_t trackId, const char *name,
+                      const uint32_t *number) {
+    char context[64];
+    if (number != nullptr)
+        std::snprintf(context, sizeof context, "%s track %u sample %u", name, trackId, *number);
+    else
+        std::snprintf(context, sizeof context, "%s track %u", name, trackId);
+    ReportFailure(kSamplesCommand.name, call, result, context);
 }

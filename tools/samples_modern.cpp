@@ -9,17 +9,6 @@
 
 namespace {
 
-// Reports a failed call on standard error, beside its line.
-void ReportCall(const char *call, int32_t result, uint32_t trackId, const char *name,
-                const uint32_t *number = nullptr) {
-    char context[64];
-    if (number != nullptr)
-        std::snprintf(context, sizeof context, "%s track %u sample %u", name, trackId, *number);
-    else
-        std::snprintf(context, sizeof context, "%s track %u", name, trackId);
-    ReportFailure(kSamplesCommand.name, call, result, context);
-}
-
 // Lists one track; false if a call failed.
 bool ListTrack(MP4_local_file *file, const MP4TrackInfo &track) {
     const char *name = TrackTypeName(track.TrackType);
@@ -41,11 +30,11 @@ bool ListTrack(MP4_local_file *file, const MP4TrackInfo &track) {
         // -97: no tables, -98/-99: no such track; nothing of it can be read.
         if (result <= -97) {
             std::printf("%u %s error %d\n", track.TrackId, name, int(result));
-            ReportCall("MP4ReadSample", result, track.TrackId, name);
+            ReportSampleCall("MP4ReadSample", result, track.TrackId, name);
             return ok;
         }
         std::printf("%u %s %u error %d\n", track.TrackId, name, number, int(result));
-        ReportCall("MP4ReadSample", result, track.TrackId, name, &number);
+        ReportSampleCall("MP4ReadSample", result, track.TrackId, name, &number);
     }
     return ok;
 }
@@ -59,7 +48,7 @@ void PrintModernSampleLine(MP4_local_file *file, uint32_t trackId, int32_t type,
     const char *name = TrackTypeName(type);
     if (result != 1) {
         std::printf("%u %s %u error %d\n", trackId, name, number, int(result));
-        ReportCall("MP4GetSampleInfo", result, trackId, name, &number);
+        ReportSampleCall("MP4GetSampleInfo", result, trackId, name, &number);
         return;
     }
     std::printf("%u %s %u %" PRIu64 " %d %u %u %" PRIu64 " %08x\n", trackId, name, number,

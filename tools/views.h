@@ -30,6 +30,11 @@ int OpenWithReader(const char *command, const char *path, int32_t tableMode, boo
 // CRC-32 as zlib and ffprobe's "CRC32" data hash compute it.
 uint32_t Crc32(const uint8_t *data, size_t size);
 
+// Reports a failed call of mp4core samples on standard error, beside its
+// line: the call, its result and meaning, the track and the sample number.
+void ReportSampleCall(const char *call, int32_t result, uint32_t trackId, const char *name,
+                      const uint32_t *number = nullptr);
+
 // "video", "audio", "hint", "od", "scene" or "other", by MP4TrackInfo's type.
 const char *TrackTypeName(int32_t type);
 

@@ -7,13 +7,6 @@
 
 namespace {
 
-constexpr int32_t kLoopDone = 1;
-constexpr int32_t kLoopNoMemoryForVideo = -94;  // also for a TrackNode
-constexpr int32_t kLoopNoMemoryForAudio = -93;
-constexpr int32_t kLoopNoMemoryForHint = -92;
-constexpr int32_t kLoopNoMemoryForOd = -91;
-constexpr int32_t kLoopNoMemoryForOther = -90;  // scene description and other handlers
-
 // The entries the fill expands; once a track has its tables nothing reads
 // them again, so that the open keeps a sample's record and not its table
 // entries beside it. "elst" stays for the track information.
@@ -78,12 +71,6 @@ void ReadMediaHeader(const AtomNode *trak, uint32_t *timescale, uint32_t *durati
     *timescale = GetBE32(record, wide ? field::kMdhdTimescaleV1 : field::kMdhdTimescale);
     *duration = wide ? uint32_t(GetBE64(record, field::kMdhdDurationV1))
                      : GetBE32(record, field::kMdhdDuration);
-}
-
-int32_t OtherNoMemoryCode(int32_t type) {
-    if (type == MP4_TRACK_HINT) return kLoopNoMemoryForHint;
-    if (type == MP4_TRACK_OD) return kLoopNoMemoryForOd;
-    return kLoopNoMemoryForOther;
 }
 
 int32_t FailOpen(MP4_local_file **file, TrackNode *node, int32_t code) {

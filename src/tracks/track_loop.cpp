@@ -7,12 +7,6 @@
 
 namespace {
 
-constexpr int32_t kLoopDone = 1;
-constexpr int32_t kLoopNoMemoryForVideo = -94;  // also for a TrackNode
-constexpr int32_t kLoopNoMemoryForAudio = -93;
-constexpr int32_t kLoopNoMemoryForHint = -92;
-constexpr int32_t kLoopNoMemoryForOd = -91;
-constexpr int32_t kLoopNoMemoryForScene = -90;
 
 // A "stsz" table entry takes this many bytes of the file.
 constexpr uint64_t kStszEntryBytes = 4;
@@ -76,12 +70,6 @@ void BuildTables(Record *record, uint32_t fileSize, int32_t mode, Create create,
     ReleaseExpandedEntries(record->Track->TrakAtom);
 }
 
-int32_t OtherNoMemoryCode(int32_t type) {
-    if (type == MP4_TRACK_HINT) return kLoopNoMemoryForHint;
-    if (type == MP4_TRACK_OD) return kLoopNoMemoryForOd;
-    return kLoopNoMemoryForScene;
-}
-
 }  // namespace
 
 bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize) {
@@ -96,6 +84,12 @@ bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize) {
     // Every sample takes at least one byte. A constant size is not held
     // against the file: a cut file keeps the samples it still holds whole.
     return count <= fileSize;
+}
+
+int32_t OtherNoMemoryCode(int32_t type) {
+    if (type == MP4_TRACK_HINT) return kLoopNoMemoryForHint;
+    if (type == MP4_TRACK_OD) return kLoopNoMemoryForOd;
+    return kLoopNoMemoryForScene;
 }
 
 int32_t RunTrackLoop(MP4_local_file **file) {

@@ -141,6 +141,15 @@ int32_t GetTrackType(AtomNode *trakAtom, int32_t *type);
 int32_t HandlerTrackType(const char *handler);
 int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record);
 int32_t ReadAudioTrackInfo(AtomNode *trakAtom, AudioTrackNode *record);
+// Results of the track loops (both readers).
+constexpr int32_t kLoopDone = 1;
+constexpr int32_t kLoopNoMemoryForVideo = -94;  // also for a TrackNode
+constexpr int32_t kLoopNoMemoryForAudio = -93;
+constexpr int32_t kLoopNoMemoryForHint = -92;
+constexpr int32_t kLoopNoMemoryForOd = -91;
+constexpr int32_t kLoopNoMemoryForScene = -90;  // and any other handler
+// The code for no memory for the record of a track of another type.
+int32_t OtherNoMemoryCode(int32_t type);
 // The track loop of MP4FileOpen: 1, or -94..-90 after it has closed the
 // handle (the caller's pointer is then null).
 int32_t RunTrackLoop(MP4_local_file **file);
