@@ -2,6 +2,7 @@
 // "tkhd", on the list of its kind whatever its handler or sample format,
 // with tables from the 64-bit aware fill. It prints nothing.
 #include <cstdlib>
+#include <iterator>
 
 #include "tracks/tracks.h"
 
@@ -14,14 +15,7 @@ constexpr const char *kExpandedAtoms[] = {"stts", "ctts", "stsz", "stz2",
                                           "stsc", "stco", "co64", "stss"};
 
 void ReleaseExpandedEntries(const AtomNode *trak) {
-    const char *const path[] = {"mdia", "minf", "stbl"};
-    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
-    if (stbl == nullptr) return;
-    for (AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
-        for (const char *name : kExpandedAtoms) {
-            if (AtomNameEquals(child->AtomName, name)) ReleaseVariablePart(child);
-        }
-    }
+    ReleaseSampleEntries(trak, kExpandedAtoms, std::size(kExpandedAtoms));
 }
 
 template <typename Record>

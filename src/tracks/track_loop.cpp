@@ -2,6 +2,7 @@
 // kind, with its tables built. A damaged track is skipped or kept without
 // tables; only exhausted memory ends the open.
 #include <cstdlib>
+#include <iterator>
 
 #include "tracks/tracks.h"
 
@@ -42,14 +43,7 @@ constexpr const char *kExpandedAtoms[] = {"stts", "stsz", "stsc", "stco", "stss"
 // the open keeps a sample's record and not its "stsz" entry beside it. The
 // atoms and their heads (entry counts, constant size) stay in the tree.
 void ReleaseExpandedEntries(const AtomNode *trak) {
-    const char *const path[] = {"mdia", "minf", "stbl"};
-    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
-    if (stbl == nullptr) return;
-    for (AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
-        for (const char *name : kExpandedAtoms) {
-            if (AtomNameEquals(child->AtomName, name)) ReleaseVariablePart(child);
-        }
-    }
+    ReleaseSampleEntries(trak, kExpandedAtoms, std::size(kExpandedAtoms));
 }
 
 // Tables for a track whose description has been read. A track whose count
@@ -84,6 +78,16 @@ bool SampleCountFitsFile(const AtomNode *trakAtom, uint32_t fileSize) {
     // Every sample takes at least one byte. A constant size is not held
     // against the file: a cut file keeps the samples it still holds whole.
     return count <= fileSize;
+}
+
+void ReleaseSampleEntries(const AtomNode *trak, const char *const *names, size_t count) {
+    const char *const path[] = {"mdia", "minf", "stbl"};
+    const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
+    if (stbl == nullptr) return;
+    for (AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
+        for (size_t i = 0; i < count; ++i)
+            if (AtomNameEquals(child->AtomName, names[i])) ReleaseVariablePart(child);
+    }
 }
 
 int32_t OtherNoMemoryCode(int32_t type) {

@@ -148,6 +148,9 @@ constexpr int32_t kLoopNoMemoryForAudio = -93;
 constexpr int32_t kLoopNoMemoryForHint = -92;
 constexpr int32_t kLoopNoMemoryForOd = -91;
 constexpr int32_t kLoopNoMemoryForScene = -90;  // and any other handler
+// Frees the entries of the named sample atoms of a "trak" once its tables
+// hold what they said; the atoms and their heads stay in the tree.
+void ReleaseSampleEntries(const AtomNode *trak, const char *const *names, size_t count);
 // The code for no memory for the record of a track of another type.
 int32_t OtherNoMemoryCode(int32_t type);
 // The track loop of MP4FileOpen: 1, or -94..-90 after it has closed the
