@@ -42,6 +42,19 @@ enum class ChildPlacement : uint8_t {
     kMetaProbe,      // "meta": 12 (a full atom), or 8 when "hdlr" follows at once
 };
 
+// A field of a full atom that one of its flags switches on ("tfhd",
+// "trun"): the flag and the field's bytes. A layout's fields stand in the
+// order of its list; the ones whose flag is clear take no room.
+struct FlaggedField {
+    uint32_t Flag;
+    uint8_t Bytes;
+};
+constexpr size_t kMaxFlaggedFields = 5;
+struct FlaggedLayout {
+    FlaggedField Head[kMaxFlaggedFields];   // behind the fixed head
+    FlaggedField Entry[kMaxFlaggedFields];  // in each table entry; none: no table
+};
+
 struct AtomSchema {
     uint32_t ChildOffset;  // bytes from the atom's start to its first child; 0: a leaf
     uint32_t RecordSize;   // as the catalogue states it, pointer field counted as 4
@@ -55,6 +68,9 @@ struct AtomSchema {
     uint32_t RecordSizeV1;
     uint32_t EntrySizeV1;
     ChildPlacement Placement;
+    // Modern reader only: the fields that the atom's flags switch on; null
+    // for an atom whose layout the flags don't change.
+    const FlaggedLayout *Flagged;
 };
 
 // ---- Catalogue (catalogue.cpp) ------------------------------------------
@@ -91,10 +107,18 @@ bool RecordHolds(const AtomNode *node, size_t bytes);
 // Bytes a node's record takes: its schema's allocation, on the modern path
 // the larger of the version 0 and version 1 heads.
 size_t NodeAllocSize(const AtomNode *node);
-// Where the head of a modern node's version lies: its record length and
-// the size of a table entry.
-uint32_t VersionHeadLength(const AtomSchema &schema, uint8_t version);
-uint32_t VersionEntrySize(const AtomSchema &schema, uint8_t version);
+// The head of a modern node of this version and these flags (24 bits),
+// and the size of its table entries: the version 1 layout where the row
+// has one, plus the fields its flags switch on.
+uint32_t ModernHeadLength(const AtomSchema &schema, uint8_t version, uint32_t flags);
+uint32_t ModernEntrySize(const AtomSchema &schema, uint8_t version, uint32_t flags);
+// Where the field that `flag` switches on lies under these flags: in the
+// head counted from the atom's first byte, or in a table entry counted from
+// the entry's first byte; -1 when the flags leave it out.
+int32_t FlaggedFieldOffset(const AtomSchema &schema, uint32_t flags, uint32_t flag, bool inEntry);
+// The flags of a full atom as its record holds them (the 24 bits behind
+// the version); 0 on the classic path, like NodeVersion.
+uint32_t NodeFlags(const AtomNode *node);
 // The pointer field of a record; null when the atom has none.
 void *GetRecordPointer(const AtomNode *node);
 void SetRecordPointer(AtomNode *node, void *pointer);

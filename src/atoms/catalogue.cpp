@@ -35,11 +35,31 @@ struct CatalogueRow {
     uint32_t recordSizeV1 = 0;
     uint32_t entrySizeV1 = 0;
     ChildPlacement placement = ChildPlacement::kFixed;
+    // Modern reader: fields that the atom's flags switch on.
+    const FlaggedLayout *flagged = nullptr;
 };
 
 constexpr KnownBy kModern = kModernOnly;
 constexpr ChildPlacement kSound = ChildPlacement::kSoundVersion;
 constexpr ChildPlacement kFixed = ChildPlacement::kFixed;
+
+// The track fragment header: behind the track ID, each default that its
+// flag announces.
+constexpr FlaggedLayout kTfhdLayout = {
+    {{flag::kTfhdBaseDataOffset, 8},
+     {flag::kTfhdDescriptionIndex, 4},
+     {flag::kTfhdDefaultDuration, 4},
+     {flag::kTfhdDefaultSize, 4},
+     {flag::kTfhdDefaultFlags, 4}},
+    {}};
+// The track run: behind the sample count, a data offset and the first
+// sample's flags; then one entry per sample with the fields its flags name.
+constexpr FlaggedLayout kTrunLayout = {
+    {{flag::kTrunDataOffset, 4}, {flag::kTrunFirstSampleFlags, 4}},
+    {{flag::kTrunDuration, 4},
+     {flag::kTrunSize, 4},
+     {flag::kTrunFlags, 4},
+     {flag::kTrunCompositionOffset, 4}}};
 
 // Sorted by the four name bytes, so that a lookup can bisect.
 constexpr CatalogueRow kCatalogue[] = {
@@ -70,6 +90,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"ec-3", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"edts", 8, 8, 0, 0, 0, {{"elst", 1, kReq}}},
     {"elst", 0, 20, 1, 0, 12, {}, kBothReaders, 0, 20, kFixed},
+    {"emsg", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"enca", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"encv", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"esds", 0, 228, 0, 0, 0, {}},
@@ -102,8 +123,11 @@ constexpr CatalogueRow kCatalogue[] = {
     {"mdat", 0, 8, 0, 0, 0, {}},
     {"mdhd", 0, 32, 0, 0, 0, {}, kBothReaders, 44, 0, kFixed},
     {"mdia", 8, 8, 0, 0, 0, {{"mdhd", 1, kReq}, {"hdlr", 1, kReq}, {"minf", 1, kReq}}},
+    {"mehd", 0, 16, 0, 0, 0, {}, kModern, 20, 0, kFixed},
     {"meta", 12, 12, 0, 0, 0, {}, kModern, 0, 0, ChildPlacement::kMetaProbe},
     {"mfhd", 0, 16, 0, 0, 0, {}},
+    {"mfra", 8, 8, 0, 0, 0, {{"tfra", kAny, 0}, {"mfro", 1, 0}}, kModern, 0, 0, kFixed},
+    {"mfro", 0, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"minf", 8, 8, 0, 0, 0,
      {{"vmhd", 1, 0}, {"smhd", 1, 0}, {"hmhd", 1, 0}, {"nmhd", 1, 0}, {"dinf", 1, kReq},
       {"stbl", 1, kReq}}},
@@ -124,6 +148,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"pasp", 0, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"payt", 0, 12, 0, 1, 0, {}},
     {"pmax", 0, 12, 0, 0, 0, {}},
+    {"prft", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"raw ", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"rtp ", 24, 24, 0, 0, 0, {{"tims", 1, kReq}, {"tsro", 1, 0}, {"snro", 1, 0}}},
     {"s263", 86, 88, 0, 0, 0, {{"d263", 1, kReq}}},
@@ -132,6 +157,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"schi", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"schm", 0, 20, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"sdp ", 0, 12, 0, 1, 1, {}},
+    {"sidx", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"sinf", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"skip", 0, 8, 0, 0, 0, {}},
     {"smhd", 0, 16, 0, 0, 0, {}},
@@ -150,9 +176,12 @@ constexpr CatalogueRow kCatalogue[] = {
     {"stss", 0, 20, 1, 0, 4, {}},
     {"stsz", 0, 24, 1, 0, 4, {}},
     {"stts", 0, 20, 1, 0, 8, {}},
+    {"styp", 0, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"stz2", 0, 24, 1, 0, 1, {}, kModern, 0, 0, kFixed},
     {"sync", 0, 12, 1, 0, 4, {}},
-    {"tfhd", 0, 16, 0, 0, 0, {}},
+    {"tfdt", 0, 16, 0, 0, 0, {}, kModern, 20, 0, kFixed},
+    {"tfhd", 0, 16, 0, 0, 0, {}, kBothReaders, 0, 0, kFixed, &kTfhdLayout},
+    {"tfra", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"tims", 0, 12, 0, 0, 0, {}},
     {"tkhd", 0, 92, 0, 0, 0, {}, kBothReaders, 104, 0, kFixed},
     {"tmax", 0, 12, 0, 0, 0, {}},
@@ -165,7 +194,7 @@ constexpr CatalogueRow kCatalogue[] = {
      {{"dpnd", 1, 0}, {"hint", 1, 0}, {"ipir", 1, 0}, {"mpod", 1, 0}, {"sync", 1, 0}}},
     {"trex", 0, 32, 0, 0, 0, {}},
     {"trpy", 0, 16, 0, 0, 0, {}},
-    {"trun", 0, 16, 0, 0, 0, {}},
+    {"trun", 0, 16, 0, 0, 0, {}, kBothReaders, 0, 0, kFixed, &kTrunLayout},
     {"tsro", 0, 12, 0, 0, 0, {}},
     {"twos", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"udta", 8, 8, 0, 0, 0, {{"cprt", kAny, 0}, {"hnti", 1, 0}, {"hinf", 1, 0}}},
@@ -227,6 +256,28 @@ const CatalogueRow *FindRow(const char *name, AtomReader reader) {
     return nullptr;
 }
 
+// Bytes of the fields of a list that these flags switch on.
+uint32_t FlaggedBytes(const FlaggedField (&fields)[kMaxFlaggedFields], uint32_t flags) {
+    uint32_t bytes = 0;
+    for (const FlaggedField &field : fields)
+        if ((flags & field.Flag) != 0) bytes += field.Bytes;
+    return bytes;
+}
+
+constexpr uint32_t kAllFlags = 0xFFFFFF;
+
+// Whether the record has a pointer field: a table behind a fixed head, or
+// one whose entries the flags lay out.
+bool HasPointer(const AtomSchema &schema) {
+    return schema.EntrySize != 0 || (schema.Flagged != nullptr && schema.Flagged->Entry[0].Flag != 0);
+}
+
+// The pointer field stands behind the longest head the atom can have.
+uint32_t PointerOffset(const AtomSchema &schema) {
+    const uint32_t head = RecordHeadLength(schema);
+    return schema.Flagged != nullptr ? head + FlaggedBytes(schema.Flagged->Head, kAllFlags) : head;
+}
+
 template <size_t N>
 uint32_t FillRules(const Rule (&rules)[N], AtomSchema *schema) {
     uint32_t count = 0;
@@ -265,6 +316,7 @@ int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema, AtomReader rea
     schema->RecordSizeV1 = row->recordSizeV1;
     schema->EntrySizeV1 = row->entrySizeV1;
     schema->Placement = row->placement;
+    schema->Flagged = reader == kModernReader ? row->flagged : nullptr;
     return 1;
 }
 
@@ -283,18 +335,38 @@ uint32_t RecordHeadLength(const AtomSchema &schema) {
 }
 
 size_t RecordAllocSize(const AtomSchema &schema) {
-    return schema.EntrySize != 0 ? RecordHeadLength(schema) + sizeof(void *) : schema.RecordSize;
+    if (HasPointer(schema)) return PointerOffset(schema) + sizeof(void *);
+    return schema.Flagged != nullptr ? PointerOffset(schema) : schema.RecordSize;
 }
 
-uint32_t VersionHeadLength(const AtomSchema &schema, uint8_t version) {
-    if (version == 1 && schema.RecordSizeV1 != 0) {
-        return schema.EntrySize != 0 ? schema.RecordSizeV1 - 4 : schema.RecordSizeV1;
-    }
-    return RecordHeadLength(schema);
+uint32_t ModernHeadLength(const AtomSchema &schema, uint8_t version, uint32_t flags) {
+    uint32_t head = RecordHeadLength(schema);
+    if (version == 1 && schema.RecordSizeV1 != 0)
+        head = schema.EntrySize != 0 ? schema.RecordSizeV1 - 4 : schema.RecordSizeV1;
+    if (schema.Flagged != nullptr) head += FlaggedBytes(schema.Flagged->Head, flags);
+    return head;
 }
 
-uint32_t VersionEntrySize(const AtomSchema &schema, uint8_t version) {
+uint32_t ModernEntrySize(const AtomSchema &schema, uint8_t version, uint32_t flags) {
+    if (schema.Flagged != nullptr) return FlaggedBytes(schema.Flagged->Entry, flags);
     return version == 1 && schema.EntrySizeV1 != 0 ? schema.EntrySizeV1 : schema.EntrySize;
+}
+
+int32_t FlaggedFieldOffset(const AtomSchema &schema, uint32_t flags, uint32_t flag, bool inEntry) {
+    if (schema.Flagged == nullptr) return -1;
+    const FlaggedField(&fields)[kMaxFlaggedFields] =
+        inEntry ? schema.Flagged->Entry : schema.Flagged->Head;
+    uint32_t at = inEntry ? 0 : RecordHeadLength(schema);
+    for (const FlaggedField &field : fields) {
+        if (field.Flag == flag) return (flags & flag) != 0 ? int32_t(at) : -1;
+        if ((flags & field.Flag) != 0) at += field.Bytes;
+    }
+    return -1;
+}
+
+uint32_t NodeFlags(const AtomNode *node) {
+    if (node->Reader != kModernReader || !RecordHolds(node, field::kVersionFlags + 4)) return 0;
+    return GetBE32(node->realStructure, field::kVersionFlags) & kAllFlags;
 }
 
 size_t NodeAllocSize(const AtomNode *node) {
@@ -322,18 +394,16 @@ uint32_t NodeHeadLength(const AtomNode *node) {
 
 void *GetRecordPointer(const AtomNode *node) {
     AtomSchema schema;
-    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 ||
-        schema.EntrySize == 0)
+    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 || !HasPointer(schema))
         return nullptr;
     void *pointer = nullptr;
-    std::memcpy(&pointer, node->realStructure + RecordHeadLength(schema), sizeof pointer);
+    std::memcpy(&pointer, node->realStructure + PointerOffset(schema), sizeof pointer);
     return pointer;
 }
 
 void SetRecordPointer(AtomNode *node, void *pointer) {
     AtomSchema schema;
-    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 ||
-        schema.EntrySize == 0)
+    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 || !HasPointer(schema))
         return;
-    std::memcpy(node->realStructure + RecordHeadLength(schema), &pointer, sizeof pointer);
+    std::memcpy(node->realStructure + PointerOffset(schema), &pointer, sizeof pointer);
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace field {
 
@@ -102,4 +103,43 @@ constexpr size_t kSchmType = 12;
 constexpr size_t kPaspH = 8;
 constexpr size_t kPaspV = 12;
 
+// Fragments. "trex": the defaults of a track's samples in fragments.
+constexpr size_t kTrexTrackId = 12;
+constexpr size_t kTrexDescriptionIndex = 16;
+constexpr size_t kTrexDuration = 20;
+constexpr size_t kTrexSize = 24;
+constexpr size_t kTrexFlags = 28;
+// "mfhd" sequence number, "tfhd" track ID, "trun" sample count, "tfdt"
+// base media decode time (32 bits, 64 in version 1), "mehd" fragment
+// duration (likewise).
+constexpr size_t kMfhdSequence = 12;
+constexpr size_t kTfhdTrackId = 12;
+constexpr size_t kTrunSampleCount = 12;
+constexpr size_t kTfdtDecodeTime = 12;
+constexpr size_t kMehdDuration = 12;
+
 }  // namespace field
+
+// The flags of "tfhd" and "trun" that switch fields on (the catalogue's
+// flagged layouts list the fields), and those that only mean something.
+namespace flag {
+
+constexpr uint32_t kTfhdBaseDataOffset = 0x000001;       // 64 bits
+constexpr uint32_t kTfhdDescriptionIndex = 0x000002;
+constexpr uint32_t kTfhdDefaultDuration = 0x000008;
+constexpr uint32_t kTfhdDefaultSize = 0x000010;
+constexpr uint32_t kTfhdDefaultFlags = 0x000020;
+constexpr uint32_t kTfhdDurationIsEmpty = 0x010000;
+constexpr uint32_t kTfhdDefaultBaseIsMoof = 0x020000;
+
+constexpr uint32_t kTrunDataOffset = 0x000001;           // signed 32 bits
+constexpr uint32_t kTrunFirstSampleFlags = 0x000004;
+constexpr uint32_t kTrunDuration = 0x000100;
+constexpr uint32_t kTrunSize = 0x000200;
+constexpr uint32_t kTrunFlags = 0x000400;
+constexpr uint32_t kTrunCompositionOffset = 0x000800;   // signed in version 1
+
+// In a sample's flags: the sample is not a sync sample.
+constexpr uint32_t kSampleIsNonSync = 0x00010000;
+
+}  // namespace flag

@@ -25,7 +25,8 @@ constexpr VariablePartRow kVariableParts[] = {
     {"stsc", VariablePart::kCountedTable}, {"stco", VariablePart::kCountedTable},
     {"co64", VariablePart::kCountedTable}, {"stss", VariablePart::kCountedTable},
     {"stsh", VariablePart::kCountedTable}, {"stdp", VariablePart::kCountedTable},
-    {"elst", VariablePart::kCountedTable}, {"stsz", VariablePart::kSampleSizes},
+    {"elst", VariablePart::kCountedTable}, {"trun", VariablePart::kCountedTable},
+    {"stsz", VariablePart::kSampleSizes},
     {"stz2", VariablePart::kPackedSizes},
     {"sdp ", VariablePart::kString},       {"url ", VariablePart::kString},
     {"urn ", VariablePart::kString},
@@ -167,16 +168,17 @@ uint8_t *LoadBlock(FILE *stream, uint64_t offset, uint64_t length) {
 // (and so inside the file), whatever its count says; the atom may hold
 // more than the table. A string is the rest of the atom.
 void ExtractModernVariablePart(AtomNode *node, const AtomSchema &schema, uint8_t version,
-                               uint64_t bodyEnd, FILE *stream) {
+                               uint32_t flags, uint64_t bodyEnd, FILE *stream) {
     const VariablePartRow *row = FindVariablePart(node);
     if (row == nullptr) return;
     const uint8_t *record = node->realStructure;
-    const uint64_t start = node->AtomOffset + node->LargeHead + VersionHeadLength(schema, version);
+    const uint64_t start =
+        node->AtomOffset + node->LargeHead + ModernHeadLength(schema, version, flags);
     const uint64_t room = bodyEnd > start ? bodyEnd - start : 0;
     uint64_t bytes = 0;
     switch (row->kind) {
     case VariablePart::kCountedTable:
-        bytes = uint64_t(VersionEntrySize(schema, version)) *
+        bytes = uint64_t(ModernEntrySize(schema, version, flags)) *
                 GetBE32(record, field::kTableEntryCount);
         break;
     case VariablePart::kSampleSizes:
@@ -196,7 +198,7 @@ void ExtractModernVariablePart(AtomNode *node, const AtomSchema &schema, uint8_t
 }
 
 // One modern node: the 8 bytes of its head (size field and name) and its
-// body up to the head of its version, never past the atom's end.
+// body up to the head of its version and flags, never past the atom's end.
 void ExtractModernRecord(AtomNode *node, FILE *stream) {
     uint8_t *record = node->realStructure;
     if (record == nullptr) return;
@@ -207,7 +209,9 @@ void ExtractModernRecord(AtomNode *node, FILE *stream) {
     if (std::fseek(stream, long(node->AtomOffset), SEEK_SET) != 0 ||
         std::fread(record, 1, kBareHeadLength, stream) != kBareHeadLength || !known)
         return;
-    const uint32_t fullHead = std::max(RecordHeadLength(schema), VersionHeadLength(schema, 1));
+    constexpr uint32_t kAllFlags = 0xFFFFFF;
+    const uint32_t fullHead =
+        std::max(RecordHeadLength(schema), ModernHeadLength(schema, 1, kAllFlags));
     const uint64_t room = bodyEnd > body ? bodyEnd - body : 0;
     const size_t want = size_t(std::min<uint64_t>(fullHead - kBareHeadLength, room));
     if (want > 0 && std::fseek(stream, long(body), SEEK_SET) == 0) {
@@ -215,13 +219,15 @@ void ExtractModernRecord(AtomNode *node, FILE *stream) {
         (void)ignored;
     }
     const uint8_t version = want > 0 ? record[field::kVersionFlags] : 0;
-    // A version 0 head is shorter than the one read: what lies behind it
-    // belongs to the body (a table, a child) and is cleared.
-    const uint32_t head = VersionHeadLength(schema, version);
+    const uint32_t flags = want >= 4 ? GetBE32(record, field::kVersionFlags) & kAllFlags : 0;
+    // A head of version 0, or with fewer flagged fields, is shorter than
+    // the one read: what lies behind it belongs to the body (a table, a
+    // child) and is cleared.
+    const uint32_t head = ModernHeadLength(schema, version, flags);
     if (head < fullHead) std::memset(record + head, 0, fullHead - head);
-    if (schema.EntrySize != 0) {
+    if (schema.EntrySize != 0 || schema.Flagged != nullptr) {
         SetRecordPointer(node, nullptr);
-        ExtractModernVariablePart(node, schema, version, bodyEnd, stream);
+        ExtractModernVariablePart(node, schema, version, flags, bodyEnd, stream);
     }
 }
 
