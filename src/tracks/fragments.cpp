@@ -44,6 +44,22 @@ struct RunView {
     uint32_t FirstFlags = 0;
 };
 
+// The layouts of "tfhd" and "trun", looked up once for a whole walk.
+struct FragmentLayouts {
+    AtomSchema Header{};
+    AtomSchema Run{};
+    FragmentLayouts() {
+        GetAtomSchemaByName("tfhd", &Header, kModernReader);
+        GetAtomSchemaByName("trun", &Run, kModernReader);
+    }
+};
+
+// The version and flags of a "tfhd" or "trun" record, which the modern
+// reader makes at least as long as the atom's fixed head.
+uint32_t FlagsOf(const AtomNode *node) {
+    return GetBE32(node->realStructure, field::kVersionFlags) & 0xFFFFFF;
+}
+
 // The flagged field `flag` of a record, or `fallback` when the flags leave
 // it out. Records hold the longest head their atom can have, so every
 // offset the catalogue gives lies inside them.
@@ -53,26 +69,25 @@ uint32_t FlaggedWord(const AtomNode *node, const AtomSchema &schema, uint32_t fl
     return at < 0 ? fallback : GetBE32(node->realStructure, size_t(at));
 }
 
-bool ReadHeader(const AtomNode *traf, FragmentHeader *header) {
+// The track fragment header: track, base, and its defaults over those of
+// the track's "trex" (given once the track is known).
+const AtomNode *FindHeader(const AtomNode *traf) {
     const AtomNode *tfhd = FindChild(traf, "tfhd");
-    AtomSchema schema{};
-    if (tfhd == nullptr || tfhd->realStructure == nullptr || GetAtomSchema(tfhd, &schema) != 1)
-        return false;
-    const uint32_t flags = NodeFlags(tfhd);
+    return tfhd != nullptr && tfhd->realStructure != nullptr ? tfhd : nullptr;
+}
+
+void ReadHeader(const AtomNode *tfhd, const AtomSchema &schema, FragmentHeader *header) {
+    const uint32_t flags = FlagsOf(tfhd);
     header->TrackId = GetBE32(tfhd->realStructure, field::kTfhdTrackId);
     header->Flags = flags;
     const int32_t base = FlaggedFieldOffset(schema, flags, flag::kTfhdBaseDataOffset, false);
     header->HasBase = base >= 0;
     if (header->HasBase) header->Base = GetBE64(tfhd->realStructure, size_t(base));
-    return true;
 }
 
-// The header's own defaults over those of the track's "trex".
-SampleDefaults DefaultsOf(const AtomNode *traf, const SampleDefaults &track) {
-    const AtomNode *tfhd = FindChild(traf, "tfhd");
-    AtomSchema schema{};
-    GetAtomSchema(tfhd, &schema);
-    const uint32_t flags = NodeFlags(tfhd);
+SampleDefaults DefaultsOf(const AtomNode *tfhd, const AtomSchema &schema,
+                          const SampleDefaults &track) {
+    const uint32_t flags = FlagsOf(tfhd);
     SampleDefaults defaults;
     defaults.Duration = FlaggedWord(tfhd, schema, flags, flag::kTfhdDefaultDuration, track.Duration);
     defaults.Size = FlaggedWord(tfhd, schema, flags, flag::kTfhdDefaultSize, track.Size);
@@ -85,13 +100,13 @@ SampleDefaults DefaultsOf(const AtomNode *traf, const SampleDefaults &track) {
 // file could hold at one byte each or `defaultSize` bytes each. False for
 // any other run: it and the runs behind it in its track fragment are left
 // out, since where their data lies is no longer known.
-bool ViewRun(const AtomNode *trun, uint64_t fileSize, uint32_t defaultSize, RunView *run) {
-    AtomSchema schema{};
-    if (trun->realStructure == nullptr || GetAtomSchema(trun, &schema) != 1) return false;
+bool ViewRun(const AtomNode *trun, const AtomSchema &schema, uint64_t fileSize,
+             uint32_t defaultSize, RunView *run) {
+    if (trun->realStructure == nullptr) return false;
     const uint8_t *record = trun->realStructure;
-    const uint32_t flags = NodeFlags(trun);
+    const uint32_t flags = FlagsOf(trun);
     run->Count = GetBE32(record, field::kTrunSampleCount);
-    run->EntrySize = ModernEntrySize(schema, NodeVersion(trun), flags);
+    run->EntrySize = ModernEntrySize(schema, record[field::kVersionFlags], flags);
     run->Entries = static_cast<const uint8_t *>(GetRecordPointer(trun));
     run->DurationAt = FlaggedFieldOffset(schema, flags, flag::kTrunDuration, true);
     run->SizeAt = FlaggedFieldOffset(schema, flags, flag::kTrunSize, true);
@@ -197,21 +212,25 @@ bool PlaceRun(const RunView &run, const SampleDefaults &defaults, uint64_t start
 // appended to the tracks' nodes and the runs' entries freed; without, they
 // are only counted.
 void WalkFragments(const Root_atom *root, FragmentTrack *tracks, size_t count, bool fill) {
+    const FragmentLayouts layouts;
     for (const AtomNode *moof = root->FirstAtom; moof != nullptr; moof = moof->NextSibling) {
         if (!IsWholeFragment(moof, root)) continue;
         // The first track fragment's data is counted from the "moof", each
         // later one's from where the data of the one before it ends.
         uint64_t previousEnd = moof->AtomOffset;
         for (AtomNode *traf = moof->FirstChild; traf != nullptr; traf = traf->NextSibling) {
+            if (!AtomNameEquals(traf->AtomName, "traf")) continue;
+            const AtomNode *tfhd = FindHeader(traf);
+            if (tfhd == nullptr) continue;
             FragmentHeader header;
-            if (!AtomNameEquals(traf->AtomName, "traf") || !ReadHeader(traf, &header)) continue;
+            ReadHeader(tfhd, layouts.Header, &header);
             FragmentTrack *track = FindTrack(tracks, count, header.TrackId);
             SampleDefaults trackDefaults;
             if (track != nullptr) {
                 trackDefaults = {track->DefaultDuration, track->DefaultSize, track->DefaultFlags};
                 ++track->Fragments;
             }
-            const SampleDefaults defaults = DefaultsOf(traf, trackDefaults);
+            const SampleDefaults defaults = DefaultsOf(tfhd, layouts.Header, trackDefaults);
             const uint64_t base = header.HasBase ? header.Base
                                   : (header.Flags & flag::kTfhdDefaultBaseIsMoof) != 0
                                       ? moof->AtomOffset
@@ -222,7 +241,7 @@ void WalkFragments(const Root_atom *root, FragmentTrack *tracks, size_t count, b
             for (AtomNode *trun = traf->FirstChild; trun != nullptr; trun = trun->NextSibling) {
                 if (!AtomNameEquals(trun->AtomName, "trun")) continue;
                 RunView run;
-                if (!ViewRun(trun, root->FileSize, defaults.Size, &run)) break;
+                if (!ViewRun(trun, layouts.Run, root->FileSize, defaults.Size, &run)) break;
                 if (!fill) {
                     if (track != nullptr)
                         track->Samples = uint32_t(

@@ -237,25 +237,6 @@ int32_t ReleaseTrackNodes(TrackNode **holder);
 // there is no memory (the old table stays).
 int32_t ReserveKeyFrames(TrackNode *node, uint32_t records);
 
-// ---- File reads (file_read.cpp) ------------------------------------------
-
-// Reads up to `count` bytes at `offset` of the stream's file in one
-// positioned read, without moving the stream or touching its buffer (the
-// file is only read, so the two never disagree). Gives the bytes read.
-size_t ReadFileAt(FILE *stream, uint64_t offset, uint8_t *bytes, size_t count);
-
-// Reads `count` bytes at `offset` of the root's file through the handle's
-// read-ahead window (ReadForm::SampleWindow), which is made on first use:
-// a request that the window holds is copied from it; any other one refills
-// the window with a single positioned read starting at `offset`. Requests
-// of more than half the window, or when there is no memory for it, are
-// read directly. Gives the bytes copied, fewer only when the file gives
-// fewer.
-size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t *bytes,
-                   size_t count);
-// Frees the window and nulls the pointer; a null window is fine.
-void ReleaseReadAhead(ReadAhead **window);
-
 // ---- Track loop (track_loop.cpp) -----------------------------------------
 
 // Whether the "stsz" of a track can describe its samples within a file of
