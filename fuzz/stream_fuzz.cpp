@@ -74,7 +74,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (StartStream(&state, &form, track, &out) == kStreamDone) {
         for (size_t i = 0; i < samples.size(); ++i) {
             auto block = Block(samples[i]);
-            const StreamSample sample{block.get(), samples[i].size(), i * 1024, uint64_t(flags[i] & 0x7F), (flags[i] & 0x80) != 0};
+            // An empty sample comes without bytes, as the tool gives it.
+            const StreamSample sample{samples[i].empty() ? nullptr : block.get(), samples[i].size(), i * 1024,
+                                      uint64_t(flags[i] & 0x7F), (flags[i] & 0x80) != 0};
             if (AddStreamSample(&state, sample, &out) == kStreamNoMemory) break;
             out.Size = 0;
         }

@@ -31,7 +31,7 @@ bool FindTrack(MP4_local_file *file, uint32_t trackId, MP4TrackInfo *info) {
 
 // Writes what the converters appended, and empties the buffer.
 bool Flush(StreamBuffer *buffer, FILE *out) {
-    const bool written = std::fwrite(buffer->Data, 1, buffer->Size, out) == buffer->Size;
+    const bool written = buffer->Size == 0 || std::fwrite(buffer->Data, 1, buffer->Size, out) == buffer->Size;
     buffer->Size = 0;
     if (!written)
         std::fprintf(stderr, "mp4core %s: can't write the output: %s\n", kExtractCommand.name,

@@ -32,6 +32,13 @@ uint32_t NalType(const AnnexBState &annexB, uint8_t first) {
     return annexB.Hevc ? (first >> 1) & 0x3F : first & 0x1F;
 }
 
+// A sample's length field of `size` bytes, big-endian.
+uint64_t ReadLength(const uint8_t *field, uint32_t size) {
+    uint64_t length = 0;
+    for (uint32_t i = 0; i < size; ++i) length = (length << 8) | field[i];
+    return length;
+}
+
 bool AppendUnit(StreamBuffer *out, const uint8_t *unit, size_t size) {
     return AppendBytes(out, kStartCode, sizeof kStartCode) && AppendBytes(out, unit, size);
 }
@@ -45,9 +52,9 @@ struct ConfigCursor {
 
 // Takes `count` units (a 16-bit length, then the unit) into `sets` in Annex
 // B form and marks their types. False when the configuration ends inside
-// them; `*full` false when the buffer can't grow.
+// them; `*grown` false when the buffer can't grow.
 bool TakeUnits(ConfigCursor *cursor, uint32_t count, AnnexBState *annexB, StreamBuffer *sets,
-               bool *full) {
+               bool *grown) {
     for (uint32_t i = 0; i < count; ++i) {
         if (cursor->Size - cursor->At < 2) return false;
         const size_t length = GetBE16(cursor->Bytes, cursor->At);
@@ -57,9 +64,26 @@ bool TakeUnits(ConfigCursor *cursor, uint32_t count, AnnexBState *annexB, Stream
         cursor->At += length;
         if (length == 0) continue;
         annexB->ParameterTypes |= uint64_t(1) << NalType(*annexB, unit[0]);
-        if (!AppendUnit(sets, unit, length)) *full = false;
+        if (!AppendUnit(sets, unit, length)) *grown = false;
     }
     return true;
+}
+
+const char *ConfigName(const AnnexBState &annexB) { return annexB.Hevc ? "hvcC" : "avcC"; }
+
+// The fields both configurations open with: more than `fixed` bytes, and
+// the length size less one in the low 2 bits of the byte at `lengthAt`.
+bool ReadLengthSize(StreamState *state, bool hevc, size_t fixed, size_t lengthAt) {
+    const StreamTrack &track = state->Track;
+    state->AnnexB.Hevc = hevc;
+    if (track.ConfigSize <= fixed) return false;
+    state->AnnexB.LengthSize = (track.Config[lengthAt] & 3) + 1;
+    return true;
+}
+
+int32_t RefuseShort(StreamState *state) {
+    return StreamMessage(state, kStreamRefused, "it has no \"%s\" configuration, or one cut short",
+                         ConfigName(state->AnnexB));
 }
 
 // Keeps the parameter sets gathered, or gives the result of a failure.
@@ -68,7 +92,7 @@ int32_t KeepSets(StreamState *state, bool whole, bool grown, StreamBuffer *sets)
         FreeStreamBuffer(sets);
         if (!grown) return kStreamNoMemory;
         return StreamMessage(state, kStreamRefused, "its \"%s\" configuration ends inside its parameter sets",
-                             state->AnnexB.Hevc ? "hvcC" : "avcC");
+                             ConfigName(state->AnnexB));
     }
     state->AnnexB.ParameterSets = sets->Data;
     state->AnnexB.ParameterSetsSize = sets->Size;
@@ -84,12 +108,9 @@ bool IsHighProfile(uint8_t profile) {
 }  // namespace
 
 int32_t StartAvc(StreamState *state, StreamBuffer *) {
+    if (!ReadLengthSize(state, false, kAvcSequenceSets, kAvcLengthSize)) return RefuseShort(state);
     const StreamTrack &track = state->Track;
-    if (track.ConfigSize <= kAvcSequenceSets)
-        return StreamMessage(state, kStreamRefused, "it has no \"avcC\" configuration, or one cut short");
     AnnexBState &annexB = state->AnnexB;
-    annexB.Hevc = false;
-    annexB.LengthSize = (track.Config[kAvcLengthSize] & 3) + 1;
     // Sequence parameter sets and their extensions first, then the picture
     // parameter sets, as a decoder meets them in a stream.
     StreamBuffer sets{}, pictures{};
@@ -112,12 +133,9 @@ int32_t StartAvc(StreamState *state, StreamBuffer *) {
 }
 
 int32_t StartHevc(StreamState *state, StreamBuffer *) {
+    if (!ReadLengthSize(state, true, kHevcArrays, kHevcLengthSize)) return RefuseShort(state);
     const StreamTrack &track = state->Track;
-    if (track.ConfigSize <= kHevcArrays)
-        return StreamMessage(state, kStreamRefused, "it has no \"hvcC\" configuration, or one cut short");
     AnnexBState &annexB = state->AnnexB;
-    annexB.Hevc = true;
-    annexB.LengthSize = (track.Config[kHevcLengthSize] & 3) + 1;
     StreamBuffer sets{};
     ConfigCursor cursor{track.Config, track.ConfigSize, kHevcArrays + 1};
     bool grown = true, whole = true;
@@ -144,8 +162,7 @@ int32_t AnnexBSample(StreamState *state, const StreamSample &sample, StreamBuffe
             damaged = true;
             break;
         }
-        uint64_t length = 0;
-        for (uint32_t i = 0; i < lengthSize; ++i) length = (length << 8) | sample.Data[end + i];
+        const uint64_t length = ReadLength(sample.Data + end, lengthSize);
         if (length > sample.Size - end - lengthSize) {
             damaged = true;
             damage = length;
@@ -159,8 +176,7 @@ int32_t AnnexBSample(StreamState *state, const StreamSample &sample, StreamBuffe
     bool setsDue = (state->Samples == 0 || sample.IsSync) && (annexB.ParameterTypes & ~types) != 0;
     const uint32_t delimiter = annexB.Hevc ? kHevcAccessUnitDelimiter : kAvcAccessUnitDelimiter;
     for (size_t at = 0; at < end;) {
-        size_t length = 0;
-        for (uint32_t i = 0; i < lengthSize; ++i) length = (length << 8) | sample.Data[at + i];
+        const size_t length = size_t(ReadLength(sample.Data + at, lengthSize));
         const uint8_t *unit = sample.Data + at + lengthSize;
         at += lengthSize + length;
         if (length == 0) continue;
@@ -174,9 +190,9 @@ int32_t AnnexBSample(StreamState *state, const StreamSample &sample, StreamBuffe
     if (!damaged) return kStreamDone;
     if (damage == 0)
         return StreamMessage(state, kStreamDamagedSample,
-                             "the sample ends inside a NAL unit's length field; the %zu bytes of whole units before it are written",
+                             "the sample ends inside a NAL unit's length field; the units in its first %zu bytes are written",
                              end);
     return StreamMessage(state, kStreamDamagedSample,
-                         "a NAL unit of %llu bytes runs past the sample's end (%zu bytes left); the %zu bytes of whole units before it are written",
+                         "a NAL unit of %llu bytes runs past the sample's end (%zu bytes left); the units in its first %zu bytes are written",
                          static_cast<unsigned long long>(damage), sample.Size - end - lengthSize, end);
 }

@@ -15,10 +15,6 @@ constexpr size_t kFrameHead = 12;
 constexpr uint8_t kTemporalDelimiter[2] = {0x12, 0x00};  // OBU type 2, with a size field of 0
 constexpr uint32_t kTemporalDelimiterType = 2;
 
-void PutLE(uint8_t *at, uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) at[i] = uint8_t(value >> (8 * i));
-}
-
 uint16_t Clamp16(uint32_t value) { return value > 0xFFFF ? 0xFFFF : uint16_t(value); }
 
 }  // namespace

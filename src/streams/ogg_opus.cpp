@@ -51,10 +51,6 @@ uint32_t OggCrc(uint32_t crc, const uint8_t *bytes, size_t size) {
     return crc;
 }
 
-void PutLE(uint8_t *at, uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) at[i] = uint8_t(value >> (8 * i));
-}
-
 // Writes the page being filled (with `flags` added) and starts an empty one.
 bool WritePage(StreamState *state, uint8_t flags, StreamBuffer *out) {
     OggState &ogg = state->Ogg;
@@ -93,7 +89,7 @@ bool AddPacket(StreamState *state, const uint8_t *packet, size_t size, uint64_t 
         }
         const size_t piece = size - done < 255 ? size - done : 255;
         ogg.Lacing[ogg.Segments++] = uint8_t(piece);
-        std::memcpy(ogg.Body + ogg.BodySize, packet + done, piece);
+        if (piece != 0) std::memcpy(ogg.Body + ogg.BodySize, packet + done, piece);
         ogg.BodySize += piece;
         done += piece;
         if (piece < 255) break;

@@ -17,11 +17,6 @@ constexpr size_t kSoundChildren[3] = {28, 44, 64};
 constexpr size_t kVisualChildren = 78;
 constexpr size_t kSoundVersion = 8;
 
-// The length of the entry's head: 16 with a 64-bit size, else 8.
-size_t HeadOf(const StreamTrack &track) {
-    return GetBE32(track.Entry, 0) == 1 ? kLargeHead : kHead;
-}
-
 // The payload of the child `name` among the atoms in [at, end), or one
 // level down in a "wave" among them. Each step passes at least one head,
 // so the walk ends.
@@ -47,9 +42,13 @@ const uint8_t *FindChild(const uint8_t *bytes, size_t at, size_t end, const char
 
 }  // namespace
 
+size_t EntryHead(const StreamTrack &track) {
+    return track.EntrySize >= kHead && GetBE32(track.Entry, 0) == 1 ? kLargeHead : kHead;
+}
+
 uint32_t SoundEntryVersion(const StreamTrack &track) {
     if (track.Entry == nullptr || track.EntrySize < kHead) return 0;
-    const size_t at = HeadOf(track) + kSoundVersion;
+    const size_t at = EntryHead(track) + kSoundVersion;
     return track.EntrySize >= at + 2 ? GetBE16(track.Entry, at) : 0;
 }
 
@@ -65,7 +64,7 @@ const uint8_t *FindEntryChild(const StreamTrack &track, const char *name, size_t
     } else {
         return nullptr;
     }
-    children += HeadOf(track);
+    children += EntryHead(track);
     if (children > track.EntrySize) return nullptr;
     return FindChild(track.Entry, children, track.EntrySize, name, size, true);
 }

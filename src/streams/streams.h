@@ -136,6 +136,12 @@ int32_t AddStreamSample(StreamState *state, const StreamSample &sample, StreamBu
 int32_t FinishStream(StreamState *state, StreamBuffer *out);
 void EndStream(StreamState *state);
 
+// Writes the low `bytes` bytes of `value` at `at`, least significant first,
+// as Ogg, WAV and IVF store their fields.
+inline void PutLE(uint8_t *at, uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) at[i] = uint8_t(value >> (8 * i));
+}
+
 // Sets state->Message and gives `result`.
 int32_t StreamMessage(StreamState *state, int32_t result, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
@@ -182,6 +188,9 @@ int32_t Av1IvfSample(StreamState *state, const StreamSample &sample, StreamBuffe
 // entries have their children behind the fields of their version (0, 1,
 // 2), visual entries behind theirs.
 const uint8_t *FindEntryChild(const StreamTrack &track, const char *name, size_t *size);
+// The length of the entry's head: 16 with a 64-bit size, else 8. Field
+// offsets count from behind it.
+size_t EntryHead(const StreamTrack &track);
 // The sound entry's QuickTime version, 0 when it has none.
 uint32_t SoundEntryVersion(const StreamTrack &track);
 

@@ -83,7 +83,7 @@ const PcmRow *PcmRowOf(const char *format) {
 // The layout, or a refusal's text in `why`.
 bool ReadLayout(const StreamTrack &track, const PcmRow &row, PcmLayout *layout, const char **why) {
     *layout = {row.wavFormat, row.bits, row.bigEndian, row.isSigned};
-    const size_t head = track.EntrySize >= 4 && GetBE32(track.Entry, 0) == 1 ? 16 : 8;
+    const size_t head = EntryHead(track);
     size_t size = 0;
     if (row.source == PcmSource::kRow) {
         const uint8_t *enda = FindEntryChild(track, "enda", &size);
@@ -113,10 +113,6 @@ bool ReadLayout(const StreamTrack &track, const PcmRow &row, PcmLayout *layout, 
     const bool companded = layout->wavFormat == kALaw || layout->wavFormat == kMuLaw;
     if (!integer && !floating && !companded) return *why = "its sample width has no WAV form", false;
     return true;
-}
-
-void PutLE(uint8_t *at, uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) at[i] = uint8_t(value >> (8 * i));
 }
 
 // Turns whole units in place: little-endian, then the sign bit WAV wants.
