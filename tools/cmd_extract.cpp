@@ -29,10 +29,12 @@ bool FindTrack(MP4_local_file *file, uint32_t trackId, MP4TrackInfo *info) {
     return false;
 }
 
-// Writes what the converters appended, and empties the buffer.
-bool Flush(StreamBuffer *buffer, FILE *out) {
+// Writes what the converters appended, and empties the buffer; a failure
+// is reported on a clean line (the progress line, if any, ended).
+bool Flush(StreamBuffer *buffer, FILE *out, Progress *progress) {
     const bool written = buffer->Size == 0 || std::fwrite(buffer->Data, 1, buffer->Size, out) == buffer->Size;
     buffer->Size = 0;
+    if (!written && progress != nullptr) EndProgress(progress);
     if (!written)
         std::fprintf(stderr, "mp4core %s: can't write the output: %s\n", kExtractCommand.name,
                      std::strerror(errno));
@@ -48,15 +50,17 @@ enum class Outcome {
 };
 
 // One sample through the converter. An empty sample (size 0) goes in
-// empty; one that can't be read is reported and passed over.
+// empty; one that can't be read is reported (on a clean line) and passed
+// over.
 Outcome ConvertSample(MP4_local_file *file, const StreamTrack &track, uint32_t number,
-                      StreamState *state, StreamBuffer *buffer) {
+                      StreamState *state, StreamBuffer *buffer, Progress *progress) {
     const char *name = kExtractCommand.name;
     char context[32];
     std::snprintf(context, sizeof context, "sample %u", number);
     MP4SampleInfo info{}, next{};
     int32_t result = MP4GetSampleInfo(file, track.TrackId, track.TrackType, number, &info);
     if (result != 1) {
+        EndProgress(progress);
         ReportFailure(name, "MP4GetSampleInfo", result, context);
         return Outcome::kPassedOver;
     }
@@ -70,12 +74,14 @@ Outcome ConvertSample(MP4_local_file *file, const StreamTrack &track, uint32_t n
         sample.Data = read->Data;
         sample.Size = read->Size;
     } else if (result != -94) {
+        EndProgress(progress);
         ReportFailure(name, "MP4ReadSample", result, context);
         return Outcome::kPassedOver;
     }
     result = AddStreamSample(state, sample, buffer);
     SampleDataFree(&read);
     if (result == kStreamDone) return Outcome::kWhole;
+    EndProgress(progress);
     std::fprintf(stderr, "mp4core %s: %s: %s\n", name, context,
                  result == kStreamNoMemory ? "no memory for the converted sample" : state->Message);
     return result == kStreamNoMemory ? Outcome::kStop : Outcome::kPartial;
@@ -92,13 +98,18 @@ bool WriteStream(MP4_local_file *file, const StreamTrack &track, StreamState *st
     Progress progress = StartProgress(kExtractCommand.name, "samples", track.SampleCount);
     for (uint32_t number = 0; outcome != Outcome::kStop && number < track.SampleCount; ++number) {
         UpdateProgress(&progress, number);
-        outcome = ConvertSample(file, track, number, state, &buffer);
-        if (!Flush(&buffer, out)) outcome = Outcome::kStop;
+        outcome = ConvertSample(file, track, number, state, &buffer, &progress);
+        if (!Flush(&buffer, out, &progress)) outcome = Outcome::kStop;
         if (outcome == Outcome::kWhole || outcome == Outcome::kPartial) ++*written;
         complete = complete && outcome == Outcome::kWhole;
     }
     EndProgress(&progress);
-    bool ok = outcome != Outcome::kStop && FinishStream(state, &buffer) == kStreamDone && Flush(&buffer, out);
+    bool ok = outcome != Outcome::kStop;
+    if (ok && FinishStream(state, &buffer) != kStreamDone) {
+        std::fprintf(stderr, "mp4core %s: no memory for the end of the stream\n", kExtractCommand.name);
+        ok = false;
+    }
+    ok = ok && Flush(&buffer, out, nullptr);
     FreeStreamBuffer(&buffer);
     return ok && complete;
 }
@@ -137,7 +148,7 @@ int Extract(MP4_local_file *file, const Options &options) {
         std::fprintf(stderr, "mp4core %s: can't create %s: %s\n", name, options.output, std::strerror(errno));
     } else {
         uint32_t written = 0;
-        const bool ok = Flush(&head, out) && WriteStream(file, track, &state, out, &written);
+        const bool ok = Flush(&head, out, nullptr) && WriteStream(file, track, &state, out, &written);
         const bool closed = std::fclose(out) == 0;
         if (!closed) std::fprintf(stderr, "mp4core %s: can't write %s\n", name, options.output);
         std::printf("track %u: %u samples written to %s (%s)\n", options.track, written, options.output,

@@ -20,38 +20,6 @@ constexpr uint16_t kALaw = 6;
 constexpr uint16_t kMuLaw = 7;
 constexpr uint16_t kExtensible = 0xFFFE;
 
-// Where a format's sample width and byte order come from.
-enum class PcmSource : uint8_t {
-    kRow,        // the row; QuickTime's "enda" (in "wave") may make it little-endian
-    kEntry,      // the width from the entry's sample size field, the order from the row
-    kLpcmFlags,  // QuickTime's version 2 sound description: width and format flags
-    kPcmConfig,  // "pcmC": format flags (bit 0: little-endian) and width
-};
-
-struct PcmRow {
-    char format[5];
-    uint16_t wavFormat;  // kIntegerPcm, kFloat, kALaw, kMuLaw; 0: from the flags
-    uint8_t bits;        // 0: from where `source` says
-    bool bigEndian;
-    bool isSigned;       // integer samples
-    PcmSource source;
-};
-
-constexpr PcmRow kPcmRows[] = {
-    {"sowt", kIntegerPcm, 0, false, true, PcmSource::kEntry},
-    {"twos", kIntegerPcm, 0, true, true, PcmSource::kEntry},
-    {"raw ", kIntegerPcm, 8, false, false, PcmSource::kRow},
-    {"in24", kIntegerPcm, 24, true, true, PcmSource::kRow},
-    {"in32", kIntegerPcm, 32, true, true, PcmSource::kRow},
-    {"fl32", kFloat, 32, true, true, PcmSource::kRow},
-    {"fl64", kFloat, 64, true, true, PcmSource::kRow},
-    {"alaw", kALaw, 8, false, false, PcmSource::kRow},
-    {"ulaw", kMuLaw, 8, false, false, PcmSource::kRow},
-    {"lpcm", 0, 0, false, false, PcmSource::kLpcmFlags},
-    {"ipcm", kIntegerPcm, 0, false, true, PcmSource::kPcmConfig},
-    {"fpcm", kFloat, 0, false, true, PcmSource::kPcmConfig},
-};
-
 // Offsets behind the entry's head: the sample size field of every sound
 // description, and of version 2 the width and the format flags.
 constexpr size_t kEntrySampleBits = 18;
@@ -66,46 +34,89 @@ constexpr uint32_t kLpcmNonInterleaved = 32;
 constexpr uint8_t kGuidTail[14] = {0x00, 0x00, 0x00, 0x00, 0x10, 0x00, 0x80,
                                    0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
 
-// How the samples of a track are stored, from its row and its entry.
+// How the samples of a track are stored: the row's defaults, then what its
+// entry says.
 struct PcmLayout {
-    uint16_t wavFormat;
+    uint16_t wavFormat;  // kIntegerPcm, kFloat, kALaw, kMuLaw
     uint32_t bits;
     bool bigEndian;
-    bool isSigned;
+    bool isSigned;       // integer samples
 };
 
-const PcmRow *PcmRowOf(const char *format) {
-    for (const PcmRow &row : kPcmRows)
-        if (std::memcmp(row.format, format, 4) == 0) return &row;
-    return nullptr;
+// Each reads what the entry says of the layout; false with a refusal's
+// text in `why`.
+using LayoutReader = bool (*)(const StreamTrack &track, PcmLayout *layout, const char **why);
+
+// QuickTime's "enda" (in "wave" or the entry) makes the row's samples
+// little-endian when its last byte is not 0.
+bool ReadEnda(const StreamTrack &track, PcmLayout *layout, const char **) {
+    size_t size = 0;
+    const uint8_t *enda = FindEntryChild(track, "enda", &size);
+    if (enda != nullptr && size >= 1) layout->bigEndian = enda[size - 1] == 0;
+    return true;
 }
 
-// The layout, or a refusal's text in `why`.
-bool ReadLayout(const StreamTrack &track, const PcmRow &row, PcmLayout *layout, const char **why) {
-    *layout = {row.wavFormat, row.bits, row.bigEndian, row.isSigned};
+// The width from the sample size field of the sound description.
+bool ReadEntryBits(const StreamTrack &track, PcmLayout *layout, const char **why) {
+    const size_t at = EntryHead(track) + kEntrySampleBits;
+    if (track.EntrySize < at + 2) return *why = "its sample entry is cut short", false;
+    layout->bits = GetBE16(track.Entry, at);
+    return true;
+}
+
+// QuickTime's version 2 sound description: width and format flags.
+bool ReadLpcmFlags(const StreamTrack &track, PcmLayout *layout, const char **why) {
     const size_t head = EntryHead(track);
+    if (SoundEntryVersion(track) != 2 || track.EntrySize < head + kLpcmFlags + 4)
+        return *why = "its \"lpcm\" entry is not a version 2 sound description", false;
+    const uint32_t flags = GetBE32(track.Entry, head + kLpcmFlags);
+    if (flags & kLpcmNonInterleaved) return *why = "its \"lpcm\" samples are not interleaved", false;
+    layout->bits = GetBE32(track.Entry, head + kLpcmBits);
+    layout->wavFormat = flags & kLpcmIsFloat ? kFloat : kIntegerPcm;
+    layout->bigEndian = (flags & kLpcmIsBigEndian) != 0;
+    layout->isSigned = (flags & kLpcmIsSigned) != 0;
+    return true;
+}
+
+// "pcmC": format flags (bit 0: little-endian), then the width.
+bool ReadPcmConfig(const StreamTrack &track, PcmLayout *layout, const char **why) {
     size_t size = 0;
-    if (row.source == PcmSource::kRow) {
-        const uint8_t *enda = FindEntryChild(track, "enda", &size);
-        if (enda != nullptr && size >= 1) layout->bigEndian = enda[size - 1] == 0;
-    } else if (row.source == PcmSource::kEntry) {
-        if (track.EntrySize < head + kEntrySampleBits + 2) return *why = "its sample entry is cut short", false;
-        layout->bits = GetBE16(track.Entry, head + kEntrySampleBits);
-    } else if (row.source == PcmSource::kLpcmFlags) {
-        if (SoundEntryVersion(track) != 2 || track.EntrySize < head + kLpcmFlags + 4)
-            return *why = "its \"lpcm\" entry is not a version 2 sound description", false;
-        const uint32_t flags = GetBE32(track.Entry, head + kLpcmFlags);
-        if (flags & kLpcmNonInterleaved) return *why = "its \"lpcm\" samples are not interleaved", false;
-        layout->bits = GetBE32(track.Entry, head + kLpcmBits);
-        layout->wavFormat = flags & kLpcmIsFloat ? kFloat : kIntegerPcm;
-        layout->bigEndian = (flags & kLpcmIsBigEndian) != 0;
-        layout->isSigned = (flags & kLpcmIsSigned) != 0;
-    } else {
-        const uint8_t *config = FindEntryChild(track, "pcmC", &size);
-        if (config == nullptr || size < 6) return *why = "it has no \"pcmC\" atom, or one cut short", false;
-        layout->bigEndian = (config[4] & 1) == 0;
-        layout->bits = config[5];
-    }
+    const uint8_t *config = FindEntryChild(track, "pcmC", &size);
+    if (config == nullptr || size < 6) return *why = "it has no \"pcmC\" atom, or one cut short", false;
+    layout->bigEndian = (config[4] & 1) == 0;
+    layout->bits = config[5];
+    return true;
+}
+
+struct PcmRow {
+    char format[5];
+    PcmLayout defaults;  // width 0: the reader gives it
+    LayoutReader read;
+};
+
+constexpr PcmRow kPcmRows[] = {
+    {"sowt", {kIntegerPcm, 0, false, true}, ReadEntryBits},
+    {"twos", {kIntegerPcm, 0, true, true}, ReadEntryBits},
+    {"raw ", {kIntegerPcm, 8, false, false}, ReadEnda},
+    {"in24", {kIntegerPcm, 24, true, true}, ReadEnda},
+    {"in32", {kIntegerPcm, 32, true, true}, ReadEnda},
+    {"fl32", {kFloat, 32, true, true}, ReadEnda},
+    {"fl64", {kFloat, 64, true, true}, ReadEnda},
+    {"alaw", {kALaw, 8, false, false}, ReadEnda},
+    {"ulaw", {kMuLaw, 8, false, false}, ReadEnda},
+    {"lpcm", {kIntegerPcm, 0, false, false}, ReadLpcmFlags},
+    {"ipcm", {kIntegerPcm, 0, false, true}, ReadPcmConfig},
+    {"fpcm", {kFloat, 0, false, true}, ReadPcmConfig},
+};
+
+// The layout of the track's samples, or a refusal's text in `why`.
+bool ReadLayout(const StreamTrack &track, PcmLayout *layout, const char **why) {
+    const PcmRow *row = nullptr;
+    for (const PcmRow &candidate : kPcmRows)
+        if (std::memcmp(candidate.format, track.Format, 4) == 0) row = &candidate;
+    if (row == nullptr) return *why = "it is no PCM format", false;
+    *layout = row->defaults;
+    if (!row->read(track, layout, why)) return false;
     const uint32_t bits = layout->bits;
     const bool integer = layout->wavFormat == kIntegerPcm &&
                          (bits == 8 || bits == 16 || bits == 24 || bits == 32);
@@ -130,11 +141,9 @@ void ConvertUnits(const PcmState &pcm, uint8_t *bytes, size_t size) {
 
 int32_t StartWav(StreamState *state, StreamBuffer *out) {
     const StreamTrack &track = state->Track;
-    const PcmRow *row = PcmRowOf(track.Format);
     PcmLayout layout{};
     const char *why = nullptr;
-    if (row == nullptr || !ReadLayout(track, *row, &layout, &why))
-        return StreamMessage(state, kStreamRefused, "%s", why != nullptr ? why : "it is no PCM format");
+    if (!ReadLayout(track, &layout, &why)) return StreamMessage(state, kStreamRefused, "%s", why);
     const uint32_t unit = layout.bits / 8;
     if (track.Channels == 0 || track.SampleRate == 0)
         return StreamMessage(state, kStreamRefused, "its channel count or sample rate is 0");
