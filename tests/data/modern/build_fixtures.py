@@ -306,6 +306,8 @@ class Fragmented:
         self.between = b""           # atoms between fragments
         self.description_index = False
         self.mehd = None             # fragment duration in movie ticks (version 1)
+        self.hole_before = None      # a "free" of `hole` unwritten bytes in front of this fragment
+        self.hole = 0
         self.__dict__.update(kw)
         for t in self.tracks:
             t.flags = [SYNC_FLAGS if k else NON_SYNC_FLAGS for k in t.keys]
@@ -423,9 +425,15 @@ class Fragmented:
         out += self.top_front
         for t in self.tracks:
             t.fragment_count = 0
+        hole_at, skip = None, 0
         for k, parts in self.fragments():
             out += self.between if k > 0 else b""
-            moof_at = len(out)
+            if k == self.hole_before:
+                # A "free" with a 64-bit size whose body is never written: a
+                # hole in a sparse file, which puts what follows far out.
+                out += struct.pack(">I4sQ", 1, b"free", 16 + self.hole)
+                hole_at, skip = len(out), self.hole
+            moof_at = len(out) + skip
             sizes = [sum(len(x) for x in t.samples[a:a + c]) for t, a, c in parts]
 
             def moof(data_start):
@@ -445,7 +453,13 @@ class Fragmented:
                     where[t.id].append(data_start + len(payload))
                     payload += x
             out += box("mdat", payload)
-        open(path, "wb").write(out)
+        with open(path, "wb") as f:
+            if hole_at is None:
+                f.write(out)
+            else:
+                f.write(out[:hole_at])
+                f.seek(skip, os.SEEK_CUR)
+                f.write(out[hole_at:])
         return where
 
     def jump_of(self, t, i):
