@@ -332,6 +332,34 @@ std::string SyntheticFile(const SyntheticShape &shape) {
     return WriteSynthetic(shape, path) ? path : "";
 }
 
+std::string TinyFragmentsFile(uint32_t fragments) {
+    std::string path = CacheDir() + "/tiny_fragments_" + std::to_string(fragments) + ".mp4";
+    if (Exists(path)) return path;
+    SyntheticShape one;
+    one.samples = 1;
+    const std::string temp = path + ".part";
+    if (!WriteSynthetic(one, temp)) return "";
+    // moof (mfhd, traf (tfhd with default-base-is-moof and the sample's
+    // duration, size and flags; trun of one sample with a data offset)),
+    // then an mdat of one byte: 89 bytes a fragment.
+    Bytes mfhd = Atom("mfhd", {0, 0, 0, 0, 0, 0, 0, 1});
+    Bytes tfhdBody = {0x00, 0x02, 0x00, 0x38};
+    for (uint32_t word : {1u, 40u, 1u, 0u}) Put32(tfhdBody, word);
+    Bytes trunBody = {0x00, 0x00, 0x00, 0x01};
+    for (uint32_t word : {1u, 88u}) Put32(trunBody, word);
+    Bytes fragment = Cat({Atom("moof", Cat({mfhd, Atom("traf", Cat({Atom("tfhd", tfhdBody),
+                                                                 Atom("trun", trunBody)}))})),
+                          Atom("mdat", {0x2A})});
+    FILE *out = std::fopen(temp.c_str(), "ab");
+    bool ok = out != nullptr;
+    for (uint32_t i = 0; ok && i < fragments; ++i)
+        ok = std::fwrite(fragment.data(), 1, fragment.size(), out) == fragment.size();
+    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+    ok = ok && std::rename(temp.c_str(), path.c_str()) == 0;
+    if (!ok) std::remove(temp.c_str());
+    return ok ? path : "";
+}
+
 size_t HeapInUse() {
     struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;

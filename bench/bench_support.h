@@ -46,6 +46,11 @@ struct SyntheticShape {
 // Writes the file (made once and kept in CacheDir) and gives its path.
 std::string SyntheticFile(const SyntheticShape &shape);
 
+// The synthetic file of one sample followed by `fragments` fragments of one
+// one-byte sample each (defaults in "tfhd"), made once in the cache folder;
+// empty when it can't be written.
+std::string TinyFragmentsFile(uint32_t fragments);
+
 // ---- Memory ----------------------------------------------------------------
 
 // Bytes of heap in use now (glibc mallinfo2).
