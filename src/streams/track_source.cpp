@@ -50,16 +50,15 @@ void ReadSampleEntry(Root_atom *root, const AtomNode *entry, SampleEntryFacts *f
     facts->Enda = LoadEntryAtom(root, entry, "enda", 0, &facts->EndaSize);
     facts->PcmConfig = LoadEntryAtom(root, entry, "pcmC", 0, &facts->PcmConfigSize);
     // The sound fields: only an entry of a sound layout has them in its
-    // record, and only the bytes the file holds count.
+    // record, and only what both the entry and the file hold counts.
     const uint8_t *record = entry->realStructure;
-    if (RecordHolds(entry, field::kAudioSampleBits + 2) &&
-        EntryHolds(root, entry, field::kAudioSampleBits + 2)) {
+    if (!RecordHolds(entry, field::kAudioSampleBits + 2)) return;
+    if (EntryHolds(root, entry, field::kAudioSampleBits + 2)) {
         facts->HasSampleBits = true;
         facts->SampleBits = GetBE16(record, field::kAudioSampleBits);
     }
     uint8_t lpcm[field::kAudioV2FormatFlags + 4 - field::kAudioV2BitsPerChannel];
-    if (RecordHolds(entry, field::kAudioVersion + 2) && GetBE16(record, field::kAudioVersion) == 2 &&
-        EntryHolds(root, entry, field::kAudioV2FormatFlags + 4) &&
+    if (GetBE16(record, field::kAudioVersion) == 2 && EntryHolds(root, entry, field::kAudioV2FormatFlags + 4) &&
         ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + field::kAudioV2BitsPerChannel,
                    lpcm, sizeof lpcm) == sizeof lpcm) {
         facts->Lpcm = true;
