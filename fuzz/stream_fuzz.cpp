@@ -1,6 +1,8 @@
 // Every stream form's converters on arbitrary track bytes: the first byte
 // picks a row of the table of forms, the next ones give the track's facts,
-// then come its decoder configuration and sample entry (each behind a
+// then come its decoder configuration (behind a 16-bit length), its sample
+// entry's facts (object type, a flag byte for the sample size field and
+// the version 2 fields, those fields, then "enda" and "pcmC" each behind a
 // 16-bit length) and its samples (a 16-bit length and a flag byte each),
 // every part in a block of exactly its size.
 #include <cstdint>
@@ -50,12 +52,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     track.Channels = in.Take(2);
     track.Width = track.Height = in.Take(2);
     const std::vector<uint8_t> config = in.Part(in.Take(2));
-    const std::vector<uint8_t> entry = in.Part(in.Take(2));
-    auto configBlock = Block(config), entryBlock = Block(entry);
+    SampleEntryFacts &entry = track.Entry;
+    entry.ObjectType = uint8_t(in.Take(1));
+    const uint32_t has = in.Take(1);
+    entry.HasSampleBits = (has & 1) != 0, entry.Lpcm = (has & 2) != 0;
+    entry.SampleBits = uint16_t(in.Take(2)), entry.LpcmBits = in.Take(4), entry.LpcmFlags = in.Take(4);
+    const std::vector<uint8_t> enda = in.Part(in.Take(2)), pcmConfig = in.Part(in.Take(2));
+    auto configBlock = Block(config), endaBlock = Block(enda), pcmBlock = Block(pcmConfig);
     track.Config = configBlock.get();
     track.ConfigSize = config.size();
-    track.Entry = entryBlock.get();
-    track.EntrySize = entry.size();
+    // An atom without payload is none, as ReadSampleEntry gives it.
+    entry.Enda = enda.empty() ? nullptr : endaBlock.get();
+    entry.EndaSize = enda.size();
+    entry.PcmConfig = pcmConfig.empty() ? nullptr : pcmBlock.get();
+    entry.PcmConfigSize = pcmConfig.size();
     std::vector<std::vector<uint8_t>> samples;
     std::vector<uint8_t> flags;
     while (in.size > 0 && samples.size() < 512) {

@@ -135,7 +135,7 @@ int Extract(MP4_local_file *file, const Options &options) {
     int status = 1;
     FILE *out = nullptr;
     if (form == nullptr) {
-        const uint8_t objectType = EntryObjectType(track);
+        const uint8_t objectType = track.Entry.ObjectType;
         char detail[40] = "";
         if (objectType != 0) std::snprintf(detail, sizeof detail, " (object type 0x%02X)", objectType);
         std::fprintf(stderr, "mp4core %s: track %u is \"%s\"%s: no stream form this tool writes\n", name,

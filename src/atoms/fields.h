@@ -67,6 +67,13 @@ constexpr size_t kAudioVersion = 16;  // QuickTime sound description version
 constexpr size_t kAudioChannelCount = 24;
 constexpr size_t kAudioSampleBits = 26;
 constexpr size_t kAudioSampleRate = 32;
+// QuickTime's version 2 sound description, behind the fields above (the
+// record ends before them): rate as a 64-bit float, channels, bits per
+// channel and the format flags of "lpcm".
+constexpr size_t kAudioV2SampleRate = 40;
+constexpr size_t kAudioV2ChannelCount = 48;
+constexpr size_t kAudioV2BitsPerChannel = 56;
+constexpr size_t kAudioV2FormatFlags = 60;
 
 // "mp4s"
 constexpr size_t kMp4sDataReferenceIndex = 14;

@@ -39,23 +39,28 @@ const ConfigRow *ConfigRowOf(const AtomNode *atom) {
     return nullptr;
 }
 
-// The configuration atom of a sample entry: among its children, or one
-// level down in a QuickTime "wave".
+// The configuration atom of a sample entry.
 const AtomNode *FindConfigAtom(const AtomNode *entry, const ConfigRow **row) {
-    for (const AtomNode *child = entry->FirstChild; child != nullptr; child = child->NextSibling) {
-        if ((*row = ConfigRowOf(child)) != nullptr) return child;
-        if (AtomNameEquals(child->AtomName, "wave")) {
-            const AtomNode *inner = FindConfigAtom(child, row);
-            if (inner != nullptr) return inner;
-        }
-    }
+    for (const AtomNode *atom = NextEntryAtom(entry, nullptr); atom != nullptr;
+         atom = NextEntryAtom(entry, atom))
+        if ((*row = ConfigRowOf(atom)) != nullptr) return atom;
     return nullptr;
 }
 
-// Reads the payload of `atom` from `skip` bytes behind its head to its end
-// into a new block. 1, kConfigNone when there is nothing, or a code.
-int32_t LoadPayload(Root_atom *root, const AtomNode *atom, uint32_t skip, uint8_t **data,
-                    uint32_t *size) {
+}  // namespace
+
+const AtomNode *NextEntryAtom(const AtomNode *entry, const AtomNode *atom) {
+    if (atom == nullptr) return entry->FirstChild;
+    if (AtomNameEquals(atom->AtomName, "wave") && atom->FirstChild != nullptr) return atom->FirstChild;
+    // The last atom of a "wave": on behind the "wave". The climb ends at
+    // the entry, as deep as the tree goes.
+    while (atom->NextSibling == nullptr && atom->ParentAtom != nullptr && atom->ParentAtom != entry)
+        atom = atom->ParentAtom;
+    return atom->NextSibling;
+}
+
+int32_t ReadAtomPayload(Root_atom *root, const AtomNode *atom, uint32_t skip, uint8_t **data,
+                        uint32_t *size) {
     const uint64_t head = uint64_t(kBareHeadLength) + atom->LargeHead + skip;
     if (atom->AtomSize <= head) return kConfigNone;
     const uint64_t length = atom->AtomSize - head;
@@ -71,6 +76,8 @@ int32_t LoadPayload(Root_atom *root, const AtomNode *atom, uint32_t skip, uint8_
     *size = uint32_t(length);
     return 1;
 }
+
+namespace {
 
 // Reads one descriptor head of an "esds" payload at `*at`: its tag and the
 // length of its body (1 to 4 bytes of 7 bits each). False when the head or
@@ -163,7 +170,7 @@ int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data
     if (atom == nullptr) return kConfigNone;
     uint8_t *payload = nullptr;
     uint32_t length = 0;
-    int32_t result = LoadPayload(root, atom, row->fullAtom ? kFullAtomFields : 0, &payload, &length);
+    int32_t result = ReadAtomPayload(root, atom, row->fullAtom ? kFullAtomFields : 0, &payload, &length);
     if (result != 1 || !AtomNameEquals(atom->AtomName, "esds")) {
         if (result == 1) {
             *data = payload;
@@ -199,14 +206,15 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
     }
     // QuickTime's sound description version 2 keeps rate (a double) and
     // channels behind the version 0 fields.
-    uint8_t v2[16];
+    uint8_t v2[field::kAudioV2ChannelCount + 4 - field::kAudioV2SampleRate];
     if (laidOut && GetBE16(entry->realStructure, field::kAudioVersion) == 2 &&
-        ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + 40, v2, 12) == 12) {
+        ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + field::kAudioV2SampleRate,
+                   v2, sizeof v2) == sizeof v2) {
         uint64_t bits = GetBE64(v2, 0);
         double value = 0;
         std::memcpy(&value, &bits, sizeof value);
         *rate = value > 0 && value < 1e9 ? uint32_t(value) : 0;
-        *channels = GetBE32(v2, 8);
+        *channels = GetBE32(v2, field::kAudioV2ChannelCount - field::kAudioV2SampleRate);
     }
     uint8_t *config = nullptr;
     uint32_t size = 0;

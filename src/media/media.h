@@ -107,6 +107,15 @@ struct Root_atom;
 const AtomNode *FindTrakAtom(const Root_atom *root, uint32_t trackId, int32_t trackType);
 // The first sample entry of a "trak", or null.
 const AtomNode *FirstSampleEntry(const AtomNode *trak);
+// The atoms of a sample entry in file order, those of a QuickTime "wave"
+// among them in its place: the one behind `atom`, the first for null; null
+// at the end. The walk of every look-up of a sample entry's own atoms.
+const AtomNode *NextEntryAtom(const AtomNode *entry, const AtomNode *atom);
+// The payload of `atom` from `skip` bytes behind its head to its end, read
+// from the file into a new block: 1, -97 none, -96 the file falls short or
+// the payload is above 1 MiB, -95 no memory.
+int32_t ReadAtomPayload(Root_atom *root, const AtomNode *atom, uint32_t skip, uint8_t **data,
+                        uint32_t *size);
 // The decoder configuration of a sample entry (see MP4GetDecoderConfig):
 // 1 with a new block, -97 none, -96 the file falls short, -95 no memory.
 int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data,

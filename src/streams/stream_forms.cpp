@@ -4,8 +4,6 @@
 #include <cstring>
 #include <iterator>
 
-#include "frame/frame.h"
-#include "media/media.h"
 #include "streams/streams.h"
 
 const StreamForm kStreamForms[] = {
@@ -48,21 +46,10 @@ const StreamForm kStreamForms[] = {
 };
 const size_t kStreamFormCount = std::size(kStreamForms);
 
-uint8_t EntryObjectType(const StreamTrack &track) {
-    size_t size = 0;
-    const uint8_t *esds = FindEntryChild(track, "esds", &size);
-    uint8_t objectType = 0;
-    size_t infoAt = 0, infoLength = 0;
-    // Behind the full atom's version and flags, the descriptors.
-    if (esds == nullptr || size < 4 || !WalkEsds(esds + 4, size - 4, &objectType, &infoAt, &infoLength))
-        return 0;
-    return objectType;
-}
-
 const StreamForm *FindStreamForm(const StreamTrack &track) {
     for (const StreamForm &form : kStreamForms) {
         if (std::memcmp(form.Format, track.Format, 4) != 0) continue;
-        if (form.ObjectType == 0 || form.ObjectType == EntryObjectType(track)) return &form;
+        if (form.ObjectType == 0 || form.ObjectType == track.Entry.ObjectType) return &form;
     }
     return nullptr;
 }

@@ -32,6 +32,21 @@ struct StreamBuffer {
 bool AppendBytes(StreamBuffer *buffer, const void *bytes, size_t size);
 void FreeStreamBuffer(StreamBuffer *buffer);
 
+// What the converters need of a track's sample entry beyond its decoder
+// configuration, as ReadSampleEntry takes it from the atom tree.
+struct SampleEntryFacts {
+    uint8_t ObjectType;       // of its "esds" (among its atoms or in "wave"); 0 none
+    bool HasSampleBits;       // the entry and the file hold the sound sample size field
+    uint16_t SampleBits;      // that field
+    bool Lpcm;                // a version 2 sound description that holds the two below
+    uint32_t LpcmBits;        // its bits per channel
+    uint32_t LpcmFlags;       // its format flags
+    const uint8_t *Enda;      // the payload of "enda" (among its atoms or in "wave"), or null
+    size_t EndaSize;
+    const uint8_t *PcmConfig; // the payload of "pcmC", version and flags included, or null
+    size_t PcmConfigSize;
+};
+
 // What the converters know of a track. The blocks stay the caller's.
 struct StreamTrack {
     char Format[5];           // sample entry format; of a protected entry the original
@@ -46,8 +61,7 @@ struct StreamTrack {
     uint32_t SampleRate, Channels;  // as MP4GetTrackInfo gives them (audio)
     const uint8_t *Config;    // MP4GetDecoderConfig's payload, or null
     size_t ConfigSize;
-    const uint8_t *Entry;     // the whole sample entry atom, head included, or null
-    size_t EntrySize;
+    SampleEntryFacts Entry;
 };
 
 // One sample as the converters take it.
@@ -120,10 +134,6 @@ struct StreamForm {
 extern const StreamForm kStreamForms[];
 extern const size_t kStreamFormCount;
 
-// The object type indication of the "esds" in a sample entry (directly, or
-// in a QuickTime "wave"); 0 without one.
-uint8_t EntryObjectType(const StreamTrack &track);
-
 // The form of a track, or null when no row takes it.
 const StreamForm *FindStreamForm(const StreamTrack &track);
 
@@ -181,25 +191,22 @@ int32_t StartIvf(StreamState *state, StreamBuffer *out);
 int32_t IvfSample(StreamState *state, const StreamSample &sample, StreamBuffer *out);
 int32_t Av1IvfSample(StreamState *state, const StreamSample &sample, StreamBuffer *out);
 
-// ---- The sample entry's own atoms (sample_entry_atoms.cpp) --------------
-
-// The payload of a child atom of the sample entry by name, among its
-// children or one level down in "wave"; null when there is none. Sound
-// entries have their children behind the fields of their version (0, 1,
-// 2), visual entries behind theirs.
-const uint8_t *FindEntryChild(const StreamTrack &track, const char *name, size_t *size);
-// The length of the entry's head: 16 with a 64-bit size, else 8. Field
-// offsets count from behind it.
-size_t EntryHead(const StreamTrack &track);
-// The sound entry's QuickTime version, 0 when it has none.
-uint32_t SoundEntryVersion(const StreamTrack &track);
-
 // ---- Tracks of a read handle (track_source.cpp) -------------------------
 
 // The converters' view of a track of a read handle: its facts, decoder
-// configuration, sample entry and sample sizes. Reads the file. The
+// configuration, sample entry facts and sample sizes. Reads the file. The
 // blocks in `track` are new (release with FreeStreamTrack); a
-// configuration or entry that can't be read is left null. Results: 1, or
+// configuration or payload that can't be read is left null. Results: 1, or
 // MP4GetSampleInfo's code when the samples can't be listed.
 int32_t ReadStreamTrack(MP4_local_file *file, const MP4TrackInfo &info, StreamTrack *track);
 void FreeStreamTrack(StreamTrack *track);
+
+struct AtomNode;
+struct Root_atom;
+
+// The facts of a sample entry of the file's tree (null: none): the sound
+// fields from its record, QuickTime's version 2 fields and the payloads of
+// its atoms from the file, each payload up to 1 MiB. The payloads are new
+// blocks (release with FreeSampleEntry).
+void ReadSampleEntry(Root_atom *root, const AtomNode *entry, SampleEntryFacts *facts);
+void FreeSampleEntry(SampleEntryFacts *facts);

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <utility>
 
-#include "frame/frame.h"
 #include "streams/streams.h"
 
 namespace {
@@ -20,11 +19,7 @@ constexpr uint16_t kALaw = 6;
 constexpr uint16_t kMuLaw = 7;
 constexpr uint16_t kExtensible = 0xFFFE;
 
-// Offsets behind the entry's head: the sample size field of every sound
-// description, and of version 2 the width and the format flags.
-constexpr size_t kEntrySampleBits = 18;
-constexpr size_t kLpcmBits = 48;
-constexpr size_t kLpcmFlags = 52;
+// The format flags of QuickTime's version 2 sound description.
 constexpr uint32_t kLpcmIsFloat = 1;
 constexpr uint32_t kLpcmIsBigEndian = 2;
 constexpr uint32_t kLpcmIsSigned = 4;
@@ -50,28 +45,24 @@ using LayoutReader = bool (*)(const StreamTrack &track, PcmLayout *layout, const
 // QuickTime's "enda" (in "wave" or the entry) makes the row's samples
 // little-endian when its last byte is not 0.
 bool ReadEnda(const StreamTrack &track, PcmLayout *layout, const char **) {
-    size_t size = 0;
-    const uint8_t *enda = FindEntryChild(track, "enda", &size);
-    if (enda != nullptr && size >= 1) layout->bigEndian = enda[size - 1] == 0;
+    const SampleEntryFacts &entry = track.Entry;
+    if (entry.Enda != nullptr && entry.EndaSize >= 1) layout->bigEndian = entry.Enda[entry.EndaSize - 1] == 0;
     return true;
 }
 
 // The width from the sample size field of the sound description.
 bool ReadEntryBits(const StreamTrack &track, PcmLayout *layout, const char **why) {
-    const size_t at = EntryHead(track) + kEntrySampleBits;
-    if (track.EntrySize < at + 2) return *why = "its sample entry is cut short", false;
-    layout->bits = GetBE16(track.Entry, at);
+    if (!track.Entry.HasSampleBits) return *why = "its sample entry is cut short", false;
+    layout->bits = track.Entry.SampleBits;
     return true;
 }
 
 // QuickTime's version 2 sound description: width and format flags.
 bool ReadLpcmFlags(const StreamTrack &track, PcmLayout *layout, const char **why) {
-    const size_t head = EntryHead(track);
-    if (SoundEntryVersion(track) != 2 || track.EntrySize < head + kLpcmFlags + 4)
-        return *why = "its \"lpcm\" entry is not a version 2 sound description", false;
-    const uint32_t flags = GetBE32(track.Entry, head + kLpcmFlags);
+    if (!track.Entry.Lpcm) return *why = "its \"lpcm\" entry is not a version 2 sound description", false;
+    const uint32_t flags = track.Entry.LpcmFlags;
     if (flags & kLpcmNonInterleaved) return *why = "its \"lpcm\" samples are not interleaved", false;
-    layout->bits = GetBE32(track.Entry, head + kLpcmBits);
+    layout->bits = track.Entry.LpcmBits;
     layout->wavFormat = flags & kLpcmIsFloat ? kFloat : kIntegerPcm;
     layout->bigEndian = (flags & kLpcmIsBigEndian) != 0;
     layout->isSigned = (flags & kLpcmIsSigned) != 0;
@@ -80,9 +71,9 @@ bool ReadLpcmFlags(const StreamTrack &track, PcmLayout *layout, const char **why
 
 // "pcmC": format flags (bit 0: little-endian), then the width.
 bool ReadPcmConfig(const StreamTrack &track, PcmLayout *layout, const char **why) {
-    size_t size = 0;
-    const uint8_t *config = FindEntryChild(track, "pcmC", &size);
-    if (config == nullptr || size < 6) return *why = "it has no \"pcmC\" atom, or one cut short", false;
+    const uint8_t *config = track.Entry.PcmConfig;
+    if (config == nullptr || track.Entry.PcmConfigSize < 6)
+        return *why = "it has no \"pcmC\" atom, or one cut short", false;
     layout->bigEndian = (config[4] & 1) == 0;
     layout->bits = config[5];
     return true;

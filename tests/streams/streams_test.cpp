@@ -1,9 +1,11 @@
 // The stream converters on memory, one row of tests/data/streams/converters.rows
 // per case (the form a sample entry gets, its configuration and samples,
-// each edge a row), and what each call gave and appended, compared with
+// each edge a row; the entry's facts as track_source.cpp reads them), and
+// what each call gave and appended, compared with
 // tests/data/streams/converters.txt in one assertion.
 #include <sstream>
 
+#include "frame/frame.h"
 #include "media/media_support.h"
 #include "streams/streams.h"
 
@@ -34,6 +36,18 @@ std::string Result(int32_t result, const StreamState &state, StreamBuffer *out) 
     return text;
 }
 
+// A sample entry's facts as ReadStreamTrack takes them from a file's atom
+// tree, here that of a file whose one atom is an "stsd" holding the entry.
+SampleEntryFacts ReadEntry(const Bytes &entry) {
+    const TempFile file(FullAtom("stsd", 0, {U32(1), entry}));
+    MP4_local_file *handle = nullptr;
+    SampleEntryFacts facts{};
+    if (MP4FileOpenEx(&handle, file.c_str(), MP4_TABLE_MARKS, MP4_OPEN_MODERN) == 1)
+        ReadSampleEntry(handle->RootAtom, handle->RootAtom->FirstAtom->FirstChild, &facts);
+    MP4FileClose(&handle);
+    return facts;
+}
+
 // Row: what | format | facts (key=value) | configuration | sample entry | samples, where a
 // sample is parts joined by '+' ('-' none), '~' in front for one that is no sync sample,
 // and "Nx" in front of that for N such samples.
@@ -61,13 +75,11 @@ std::string RunRow(const std::vector<std::string> &row) {
         if (key == "largest") largest = value;
     }
     const Bytes config = row[3] == "-" ? Bytes{} : Hex(row[3]);
-    const Bytes entry = row[4] == "-" ? Bytes{} : Hex(row[4]);
     auto configBlock = media_support::Block(config, config.size());
-    auto entryBlock = media_support::Block(entry, entry.size());
     track.Config = row[3] == "-" ? nullptr : configBlock.get();
     track.ConfigSize = config.size();
-    track.Entry = row[4] == "-" ? nullptr : entryBlock.get();
-    track.EntrySize = entry.size();
+    if (row[4] != "-") track.Entry = ReadEntry(Hex(row[4]));
+    const std::unique_ptr<SampleEntryFacts, void (*)(SampleEntryFacts *)> held(&track.Entry, FreeSampleEntry);
     std::vector<Bytes> samples;
     std::vector<bool> sync;
     std::istringstream words(row.size() > 5 ? row[5] : "");
