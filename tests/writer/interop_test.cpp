@@ -157,7 +157,8 @@ TEST(Mux, RefusesMissingOutputAndUnreadableStreams) {
         std::string arguments, output;
     } kCases[] = {
         {"--video x.m4v",
-         "usage: mp4core mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] [--scene] [--fps N]\n"},
+         "usage: mp4core mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] [--scene] [--fps N] "
+         "[--fragmented] [--verbose]\n"},
         {to + "--video /nonexistent.m4v", "mp4core mux: can't read the video stream\n"},
         {to + "--audio '" + FixturePath("sample.m4v") + "'", "mp4core mux: the audio stream is no ADTS stream\n"},
     };
