@@ -164,12 +164,12 @@ int32_t TakeFragmentFrame(MP4_local_file *file, size_t index, const IntakeFrame 
         Report("The file was given up after a failed write", call);
         return kFailed;
     }
-    if (frame.data == nullptr && frame.size != 0) {
-        Report("There are no bytes for the frame", call);
-        return kFailed;
-    }
     if (frame.size >= kMaxFrameBytes) {
         Report("The frame is too large for a fragment", call);
+        return kFailed;
+    }
+    if (frame.data == nullptr && frame.size != 0) {
+        Report("There are no bytes for the frame", call);
         return kFailed;
     }
     if (track.Started != 0 && frame.timeStamp < track.LastStamp) {

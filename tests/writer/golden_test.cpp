@@ -6,7 +6,10 @@
 // MP4CORE_UPDATE_GOLDEN=1 set the goldens are rewritten instead: read their
 // diff before committing them.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <cstdio>
@@ -69,7 +72,8 @@ void HexLines(const Bytes &b, size_t from, size_t to, const std::string &indent,
 // Where the children of a container begin, from its first byte.
 const std::map<std::string, size_t> kContainers = {
     {"moov", 8}, {"trak", 8}, {"mdia", 8}, {"minf", 8}, {"stbl", 8}, {"dinf", 8}, {"tref", 8},
-    {"stsd", 16}, {"dref", 16}, {"mp4s", 16}, {"mp4a", 36}, {"mp4v", 86}};
+    {"stsd", 16}, {"dref", 16}, {"mp4s", 16}, {"mp4a", 36}, {"mp4v", 86},
+    {"mvex", 8}, {"moof", 8}, {"traf", 8}, {"mfra", 8}};
 
 void DumpAtoms(const Bytes &b, size_t at, size_t end, const std::string &indent, std::string &out) {
     while (at + 8 <= end) {
@@ -117,6 +121,16 @@ std::string State(const MP4_local_file *file) {
                                b->SampleRecords[n - 1].TempOffset);
         }
     }
+    if (const FragmentWriter *f = w.Fragments) {
+        text += Format("\n  fragments: %u written, file end %llu%s%s, leading %zu from %llu", f->Sequence,
+                       (unsigned long long)f->FileEnd, f->HeaderWritten ? "" : ", no header",
+                       f->Failed ? ", failed" : "", f->Leading, (unsigned long long)f->FragmentStart);
+        if (f->CutPending) text += Format(", cut at %llu", (unsigned long long)f->CutTime);
+        for (const FragmentTrack &t : f->Tracks)
+            if (t.Track != nullptr)
+                text += Format("\n    track %u: %zu frames held (%zu bytes), last duration %u, %zu index entries",
+                               t.Track->TrackId, t.FrameCount, t.ByteCount, t.LastDuration, t.IndexCount);
+    }
     return text + "\n";
 }
 
@@ -130,8 +144,18 @@ struct Case {
         EXPECT_EQ(MP4FileNew(&file, output.c_str()), 1);
     }
     ~Case() {
-        CaptureStream quiet(stdout);
+        CaptureStream quiet(stdout), quieter(stderr);
         if (file != nullptr) MP4FileFlush(file);
+        Limit({});
+    }
+    // A file-size limit of so many bytes (none without), which makes writes
+    // past it fail instead of ending the process.
+    static std::string Limit(const Args &a) {
+        static const rlimit kWas = [] { rlimit was{}; getrlimit(RLIMIT_FSIZE, &was); return was; }();
+        rlimit limit = kWas;
+        if (a.count("bytes")) limit.rlim_cur = Num(a, "bytes", 0);
+        std::signal(SIGXFSZ, a.count("bytes") ? SIG_IGN : SIG_DFL);
+        return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? "" : "  setrlimit failed\n";
     }
     MP4_local_file *Handle(const Args &a) const { return a.count("handle") ? nullptr : file; }
 
@@ -151,14 +175,15 @@ struct Case {
         const uint32_t every = Num(a, "keyevery", 0);
         std::map<int32_t, uint32_t> counts;
         for (uint32_t i = 0; i < Num(a, "n", times.empty() ? 1 : uint32_t(times.size())); ++i) {
-            const Bytes frame = Pattern(Num(a, "size", 4) + i % Num(a, "mod", 1), uint8_t(Num(a, "seed", 0) + i));
+            const uint32_t size = Num(a, "size", 4) + i % Num(a, "mod", 1);
+            const Bytes frame = a.count("null") ? Bytes() : Pattern(size, uint8_t(Num(a, "seed", 0) + i));
             const uint32_t time = i < times.size() ? times[i] : Num(a, "time", 0) + i * Num(a, "step", 40);
             const uint8_t *data = a.count("null") ? nullptr : frame.data();
             uint32_t flag = i < flags.size() ? flags[i] : Num(a, "key", 0);
             if ((every != 0 && i % every == 0) || std::count(keys.begin(), keys.end(), i)) flag = 1;
-            ++counts[video ? AddVideoFrame(Handle(a), uint32_t(frame.size()), data, i < cts.size() ? cts[i] : 0,
-                                           time, flag, uint8_t(Num(a, "ctflag", 0)))
-                           : AddAudioFrame(Handle(a), uint32_t(frame.size()), data, time)];
+            ++counts[video ? AddVideoFrame(Handle(a), size, data, i < cts.size() ? cts[i] : 0, time, flag,
+                                           uint8_t(Num(a, "ctflag", 0)))
+                           : AddAudioFrame(Handle(a), size, data, time)];
         }
         std::string text = "  =";
         for (const auto &[result, count] : counts)
@@ -220,6 +245,21 @@ struct Case {
             return Format("  = %d%s%s\n", result, made == nullptr ? " handle null" : "",
                           !path.empty() && FileExists(path) ? " created" : "");
         }
+        if (command == "newex") {  // this case's handle made again by MP4FileNewEx, or a refusal
+            {
+                CaptureStream quiet(stdout), quieter(stderr);
+                if (file != nullptr) MP4FileFlush(file);
+            }
+            std::remove(output.c_str());
+            const char *path = a.count("full") ? "/dev/full" : a.count("missing") ? "/nonexistent-folder/out.mp4"
+                                                                                  : output.c_str();
+            file = reinterpret_cast<MP4_local_file *>(1);
+            const int32_t result = MP4FileNewEx(a.count("nohandle") ? nullptr : &file, path, Num(a, "flags", 0));
+            const std::string text = Format("  = %d%s\n", result, file == nullptr ? " handle null" : "");
+            if (result != 1) file = nullptr;
+            return text;
+        }
+        if (command == "limit") return Limit(a);
         return command == "flush" ? Flush(a) : "  unknown command\n";
     }
 };
@@ -278,7 +318,8 @@ TEST(TrackBlocks, RefuseNoSlotsNoBlockAndNoTrakAtom) {
     EXPECT_EQ(SerializeTrack(&head), -99);
 }
 
-INSTANTIATE_TEST_SUITE_P(Written, Golden, ::testing::Values("new_file", "headers", "layout", "tables", "intake"),
+INSTANTIATE_TEST_SUITE_P(Written, Golden,
+                         ::testing::Values("new_file", "headers", "layout", "tables", "intake", "fragmented"),
                          [](const ::testing::TestParamInfo<const char *> &info) { return std::string(info.param); });
 
 }  // namespace
