@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "media/media_support.h"
 #include "mp4core.h"
 #include "support/listing.h"
 #include "support/test_support.h"
@@ -148,6 +149,13 @@ TEST(SlowMux, FfmpegStreamsDecodeToTheSamePicturesAndSamples) {
         EXPECT_EQ(pictures, Decoded(video, "v"));
         EXPECT_EQ(Decoded(out.path(), "a"), Decoded(audio, "a"));
     }
+}
+
+// tests/data/written/fragmented_ffmpeg.txt: fragmented files of `mp4core mux
+// --fragmented` against ffprobe and ffmpeg, and against the classic file.
+TEST(SlowFragmentedInterop, FfmpegReadsTheClassicFilesPacketsAndDecodesThem) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
+    media_support::ExpectTranscript("written/fragmented_ffmpeg.txt");
 }
 
 TEST(Mux, RefusesMissingOutputAndUnreadableStreams) {
