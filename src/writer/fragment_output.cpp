@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "writer/writer.h"
 
@@ -78,9 +77,14 @@ int32_t WriteAtFileEnd(FragmentWriter *writer, const iovec *blocks, int count) {
 }
 
 void SyncFolderOf(const char *path) {
-    const char *slash = std::strrchr(path, '/');
-    const std::string folder = slash == nullptr ? "." : slash == path ? "/" : std::string(path, slash);
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    // The handle's path fits FilePath, so its folder does.
+    char folder[kFilePathBytes] = ".";
+    if (const char *slash = std::strrchr(path, '/')) {
+        const size_t length = slash == path ? 1 : size_t(slash - path);
+        std::memcpy(folder, path, length);
+        folder[length] = '\0';
+    }
+    const int fd = open(folder, O_RDONLY | O_DIRECTORY);
     if (fd < 0) return;
     (void)!fsync(fd);
     close(fd);
