@@ -142,16 +142,21 @@ struct Paths {
     }
 };
 
-// The public write API from new file to flush. Gives 1 or the first failure.
-int32_t Mp4coreWrite(const Workload &work, const Paths &paths) {
+// The public write API from new file to flush, on a classic handle or
+// (flags) a fragmented one, which takes no temp files. Gives 1 or the first
+// failure.
+int32_t Mp4coreWrite(const Workload &work, const Paths &paths, uint32_t flags = 0) {
     MP4_local_file *file = nullptr;
-    int32_t result = MP4FileNew(&file, paths.output.c_str());
+    int32_t result = MP4FileNewEx(&file, paths.output.c_str(), flags);
     if (result != 1) return result;
+    const bool temps = flags == 0;
     result = CreateTrack(file, MP4_TRACK_VIDEO, kWidth, kHeight, 25, kVideoTimescale, 0x03, 0, 0,
-                         0, sizeof kVideoConfig, kVideoConfig, paths.videoTemp.c_str(), 0);
+                         0, sizeof kVideoConfig, kVideoConfig,
+                         temps ? paths.videoTemp.c_str() : nullptr, 0);
     if (result == 1)
         result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, kAudioRate, 0, 1, 2, kAudioRate,
-                             sizeof kAudioConfig, kAudioConfig, paths.audioTemp.c_str(), 0);
+                             sizeof kAudioConfig, kAudioConfig,
+                             temps ? paths.audioTemp.c_str() : nullptr, 0);
     for (size_t i = 0; result == 1 && i < work.frames.size(); ++i) {
         const Frame &frame = work.frames[i];
         result = frame.video ? AddVideoFrame(file, frame.size, frame.data, 0, frame.time,
@@ -159,26 +164,6 @@ int32_t Mp4coreWrite(const Workload &work, const Paths &paths) {
                              : AddAudioFrame(file, frame.size, frame.data, frame.time);
     }
     int32_t flushed = MP4FileFlush(file);  // releases the handle in any case
-    return result == 1 ? flushed : result;
-}
-
-// The fragmented write API from new file to flush; no temp files.
-int32_t Mp4coreWriteFragmented(const Workload &work, const Paths &paths) {
-    MP4_local_file *file = nullptr;
-    int32_t result = MP4FileNewEx(&file, paths.output.c_str(), MP4_NEW_FRAGMENTED);
-    if (result != 1) return result;
-    result = CreateTrack(file, MP4_TRACK_VIDEO, kWidth, kHeight, 25, kVideoTimescale, 0x03, 0, 0,
-                         0, sizeof kVideoConfig, kVideoConfig, nullptr, 0);
-    if (result == 1)
-        result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, kAudioRate, 0, 1, 2, kAudioRate,
-                             sizeof kAudioConfig, kAudioConfig, nullptr, 0);
-    for (size_t i = 0; result == 1 && i < work.frames.size(); ++i) {
-        const Frame &frame = work.frames[i];
-        result = frame.video ? AddVideoFrame(file, frame.size, frame.data, 0, frame.time,
-                                             frame.key ? 1 : 0, 0)
-                             : AddAudioFrame(file, frame.size, frame.data, frame.time);
-    }
-    int32_t flushed = MP4FileFlush(file);
     return result == 1 ? flushed : result;
 }
 
@@ -311,7 +296,7 @@ void BM_CopyTwice(benchmark::State &state, const Workload *work) {
 void BM_Mp4coreFragmented(benchmark::State &state, const Workload *work) {
     Paths paths(MemoryDir());
     for (auto _ : state) {
-        int32_t result = Mp4coreWriteFragmented(*work, paths);
+        int32_t result = Mp4coreWrite(*work, paths, MP4_NEW_FRAGMENTED);
         if (result != 1) {
             state.SkipWithError(("write failed with " + std::to_string(result)).c_str());
             break;
@@ -489,7 +474,7 @@ int main(int argc, char **argv) {
     std::printf("peak resident growth (a quarter of the frames / all of them):\n");
     auto mp4core = [](const Workload &w, const Paths &p) { return Mp4coreWrite(w, p) == 1; };
     std::printf("  mp4core      %s / %s\n", PeakOf(mp4core, 4).c_str(), PeakOf(mp4core, 1).c_str());
-    auto fragments = [](const Workload &w, const Paths &p) { return Mp4coreWriteFragmented(w, p) == 1; };
+    auto fragments = [](const Workload &w, const Paths &p) { return Mp4coreWrite(w, p, MP4_NEW_FRAGMENTED) == 1; };
     std::printf("  fragmented   %s / %s\n", PeakOf(fragments, 4).c_str(), PeakOf(fragments, 1).c_str());
     auto copy = [](const Workload &w, const Paths &p) { return CopyTwice(w, p); };
     std::printf("  copy floor   %s / %s\n", PeakOf(copy, 4).c_str(), PeakOf(copy, 1).c_str());
