@@ -149,9 +149,9 @@ int32_t WriteFragment(FragmentWriter *writer, const size_t counts[2]);
 uint32_t TrexDefaultSampleFlags(const TrackNode &track);
 // Writes "mfra" with a "tfra" for each track, and "mfro".
 int32_t WriteFragmentIndex(FragmentWriter *writer);
-// Writes the blocks behind FileEnd as one whole: one positioned write
-// (continued if the system takes it in parts), made durable with Sync.
-// On a failure the file is cut back to FileEnd and the writer is given up.
+// Writes the blocks behind FileEnd with one positioned write, made durable
+// with Sync. A write that fails or is taken in part cuts the file back to
+// FileEnd and gives the writer up.
 int32_t WriteAtFileEnd(FragmentWriter *writer, const struct iovec *blocks, int count);
 // Makes the folder entry of a new file durable, where the file system
 // allows: a file made just before a power cut could otherwise be lost with

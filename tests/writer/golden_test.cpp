@@ -195,7 +195,14 @@ struct Case {
         const std::string result = "  = " + std::to_string(MP4FileFlush(Handle(a))) + "\n";
         if (a.count("handle")) return result;
         file = nullptr;
-        const Bytes written = ReadWholeFile(output.path());
+        // from=N: the bytes from N on, of a file mostly sparse.
+        Bytes written = ReadWholeFile(a.count("from") ? "/dev/null" : output.path());
+        if (a.count("from")) {
+            std::FILE *in = std::fopen(output.c_str(), "rb");
+            std::fseek(in, long(std::stoll(a.at("from"))), SEEK_SET);
+            for (int c; (c = std::fgetc(in)) != EOF;) written.push_back(uint8_t(c));
+            std::fclose(in);
+        }
         std::string text = result + Format("  file of %zu bytes\n", written.size());
         if (FileExists(videoTemp.path()) || FileExists(audioTemp.path())) text += "  a temp file is left\n";
         DumpAtoms(written, 0, written.size(), "  ", text);
@@ -224,6 +231,13 @@ struct Case {
             const std::map<std::string, TrackNode *> kTracks = {
                 {"video", w.VideoTrack}, {"audio", w.AudioTrack}, {"od", w.OdTrack}, {"scene", w.SceneTrack}};
             if (a.count("broken")) kTracks.at(a.at("broken"))->SampleBase = 1;
+            // As if the fragmented file ended at so many bytes, and its
+            // frames held so many ticks.
+            if (FragmentWriter *f = w.Fragments) {
+                if (a.count("fileend")) f->FileEnd = std::stoull(a.at("fileend"));
+                for (FragmentTrack &t : f->Tracks)
+                    for (size_t i = 0; i < t.FrameCount; ++i) t.Frames[i].Time += std::stoull(a.count("ticks") ? a.at("ticks") : "0");
+            }
             return "";
         }
         if (command == "state") return State(file);
