@@ -4,6 +4,10 @@
 #   make_bench_files.sh small DIR   small_h264_aac.mp4: 100 seconds of 160x120
 #                                   H.264 at 1000 pictures per second with
 #                                   48 kHz AAC, 104689 small samples
+#   make_bench_files.sh frag DIR    frag_h264_aac.mp4: 60 seconds of 160x120
+#                                   H.264 at 1000 pictures per second with
+#                                   48 kHz AAC, one fragment per picture
+#                                   (62814 samples in 60000 fragments)
 #   make_bench_files.sh hd DIR      hd_h264_aac.mp4: 12 seconds of 1920x1080
 #                                   H.264 at a high quality (about 110 KB a
 #                                   picture) with 48 kHz AAC, 864 samples
@@ -12,8 +16,8 @@
 # only the shape of the files. Each file is written beside its final name
 # and moved there when whole, so a cut-off run leaves nothing half made.
 set -euo pipefail
-kind=${1:?usage: make_bench_files.sh small|hd DIR}
-dir=${2:?usage: make_bench_files.sh small|hd DIR}
+kind=${1:?usage: make_bench_files.sh small|frag|hd DIR}
+dir=${2:?usage: make_bench_files.sh small|frag|hd DIR}
 mkdir -p "$dir"
 ff() { ffmpeg -hide_banner -nostdin -v error -y "$@"; }
 # tone SECONDS: a 48 kHz tone
@@ -25,6 +29,11 @@ case $kind in
     out=$dir/small_h264_aac.mp4
     ff -f lavfi -i "testsrc=size=160x120:rate=1000:duration=100" $(tone 100) \
        "${x264[@]}" -c:a aac -b:a 64k -ac 2 -movflags +faststart "$out.part.mp4" ;;
+  frag)
+    out=$dir/frag_h264_aac.mp4
+    ff -f lavfi -i "testsrc=size=160x120:rate=1000:duration=60" $(tone 60) \
+       "${x264[@]}" -c:a aac -b:a 64k -ac 2 \
+       -movflags +frag_every_frame+empty_moov+default_base_moof "$out.part.mp4" ;;
   hd)
     out=$dir/hd_h264_aac.mp4
     ff -f lavfi -i "testsrc2=size=1920x1080:rate=25:duration=12" $(tone 12) \

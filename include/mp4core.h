@@ -163,7 +163,9 @@ typedef struct MP4TrackInfo {
     int64_t EditMediaTime;   /* media time of the first non-empty edit; -1
                                 without an edit list */
     uint64_t EditDelay;      /* leading empty edits, in media ticks */
-    uint32_t Reserved[8];
+    uint32_t FragmentCount;  /* track fragments ("traf") of the track in the
+                                file's "moof" atoms; 0 on a classic handle */
+    uint32_t Reserved[7];
 } MP4TrackInfo;
 
 /* One sample as MP4GetSampleInfo describes it, without its bytes. 32
@@ -234,7 +236,12 @@ MP4CORE_API int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t
  *          "ctts"; any sample entry (a "vide" track is video and a "soun"
  *          track audio whatever their format; tracks of other handlers
  *          are listed with type 0 and read by number); files of any
- *          size. Without "stss" every sample is a sync sample. Edit lists
+ *          size. Without "stss" every sample is a sync sample. Fragmented
+ *          files: the samples of every whole "moof" ("traf", "tfhd",
+ *          "tfdt", "trun", with the defaults of "trex") follow a track's
+ *          "stbl" samples in file order, read once, at the open; a sample
+ *          is a sync sample when its flags say it is not a non-sync one;
+ *          a "moof" cut by the end of the file is left out. Edit lists
  *          are not applied to the samples (MP4GetTrackInfo reports them).
  *          It prints nothing.
  * The handle is a read handle for MP4FileClose and every reading call.

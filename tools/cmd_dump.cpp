@@ -46,6 +46,11 @@ const char *MissingTableNote(const MP4_local_file *file, const AtomNode *node) {
 // Entry count of a table atom as its record holds it, and whether the
 // table came with it.
 void PrintTable(const MP4_local_file *file, const AtomNode *node, const AtomSchema &schema) {
+    // A run of a fragment: its samples went to its track's table.
+    if (AtomNameEquals(node->AtomName, "trun") && RecordHolds(node, field::kTrunSampleCount + 4)) {
+        std::printf("  samples=%u", GetBE32(node->realStructure, field::kTrunSampleCount));
+        return;
+    }
     if (node->realStructure == nullptr || schema.EntrySize == 0 || schema.HasString) return;
     const uint8_t *record = node->realStructure;
     const bool loaded = GetRecordPointer(node) != nullptr;

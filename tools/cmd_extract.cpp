@@ -1,16 +1,16 @@
 // mp4core extract FILE --track ID -o OUT: one track as a raw stream, in
-// the form its help text (kExtractCommand) lists.
+// the form its help text (kExtractCommand) lists. The file is opened with
+// the modern reader and the samples are read by number; the forms and
+// their converters are the library's (src/streams).
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "atoms/atoms.h"
 #include "commands.h"
-#include "media/media.h"
 #include "mp4core.h"
 #include "progress.h"
 #include "result_text.h"
-#include "tracks/tracks.h"
+#include "streams/streams.h"
 
 namespace {
 
@@ -20,144 +20,144 @@ struct Options {
     uint32_t track = 0;
 };
 
-enum class StreamKind { kUnknown, kAdts, kMpegAudio, kMpeg4Video, kH263, kAmrNarrow, kAmrWide };
+// The track with this "tkhd" ID, among all tracks.
+bool FindTrack(MP4_local_file *file, uint32_t trackId, MP4TrackInfo *info) {
+    uint32_t count = 0;
+    MP4GetTrackCount(file, &count);
+    for (uint32_t index = 0; index < count; ++index)
+        if (MP4GetTrackInfo(file, index, info) == 1 && info->TrackId == trackId) return true;
+    return false;
+}
 
-struct Track {
-    int32_t Type = 0;
-    const TrackNode *Node = nullptr;
-    uint32_t SampleCount = 0;
+// Writes what the converters appended, and empties the buffer; a failure
+// is reported on a clean line (the progress line, if any, ended).
+bool Flush(StreamBuffer *buffer, FILE *out, Progress *progress) {
+    const bool written = buffer->Size == 0 || std::fwrite(buffer->Data, 1, buffer->Size, out) == buffer->Size;
+    buffer->Size = 0;
+    if (!written && progress != nullptr) EndProgress(progress);
+    if (!written)
+        std::fprintf(stderr, "mp4core %s: can't write the output: %s\n", kExtractCommand.name,
+                     std::strerror(errno));
+    return written;
+}
+
+// What became of one sample.
+enum class Outcome {
+    kWhole,       // converted and written
+    kPartial,     // damaged: what was whole of it is written
+    kPassedOver,  // it can't be read
+    kStop,        // the stream can't go on (no memory, the output can't be written)
 };
 
-Track FindTrack(MP4_local_file *file, uint32_t trackId) {
-    for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
-        if (v->TrackId == trackId) return {MP4_TRACK_VIDEO, v->Track, v->SampleCount};
-    for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)
-        if (a->TrackId == trackId) return {MP4_TRACK_AUDIO, a->Track, a->SampleCount};
-    return {};
-}
-
-StreamKind KindOf(const AtomNode *entry, const Mp4MediaInfo *info) {
-    if (entry == nullptr) return StreamKind::kUnknown;
-    if (AtomNameEquals(entry->AtomName, "mp4v")) return StreamKind::kMpeg4Video;
-    if (AtomNameEquals(entry->AtomName, "s263")) return StreamKind::kH263;
-    if (AtomNameEquals(entry->AtomName, "samr")) return StreamKind::kAmrNarrow;
-    if (AtomNameEquals(entry->AtomName, "sawb")) return StreamKind::kAmrWide;
-    if (AtomNameEquals(entry->AtomName, "mp4a") && info != nullptr && info->EsdsSize != 0) {
-        DecoderConfigPlace place;
-        if (FindDecoderConfig(info->EsdsData, info->EsdsSize, &place) != 1) return StreamKind::kUnknown;
-        const uint8_t objectType = info->EsdsData[place.ObjectTypeOffset];
-        return objectType == 0x6B || objectType == 0x69 ? StreamKind::kMpegAudio : StreamKind::kAdts;
+// One sample through the converter. An empty sample (size 0) goes in
+// empty; one that can't be read is reported (on a clean line) and passed
+// over.
+Outcome ConvertSample(MP4_local_file *file, const StreamTrack &track, uint32_t number,
+                      StreamState *state, StreamBuffer *buffer, Progress *progress) {
+    const char *name = kExtractCommand.name;
+    char context[32];
+    std::snprintf(context, sizeof context, "sample %u", number);
+    MP4SampleInfo info{}, next{};
+    int32_t result = MP4GetSampleInfo(file, track.TrackId, track.TrackType, number, &info);
+    if (result != 1) {
+        EndProgress(progress);
+        ReportFailure(name, "MP4GetSampleInfo", result, context);
+        return Outcome::kPassedOver;
     }
-    return StreamKind::kUnknown;
+    StreamSample sample{nullptr, 0, info.DecodeTime, 0, info.IsKeyFrame != 0};
+    const bool last = number + 1 >= track.SampleCount ||
+                      MP4GetSampleInfo(file, track.TrackId, track.TrackType, number + 1, &next) != 1;
+    sample.Duration = (last ? track.Duration : next.DecodeTime) - info.DecodeTime;
+    MP4Sample *read = nullptr;
+    result = MP4ReadSample(file, track.TrackId, track.TrackType, number, &read);
+    if (result == 1) {
+        sample.Data = read->Data;
+        sample.Size = read->Size;
+    } else if (result != -94) {
+        EndProgress(progress);
+        ReportFailure(name, "MP4ReadSample", result, context);
+        return Outcome::kPassedOver;
+    }
+    result = AddStreamSample(state, sample, buffer);
+    SampleDataFree(&read);
+    if (result == kStreamDone) return Outcome::kWhole;
+    EndProgress(progress);
+    std::fprintf(stderr, "mp4core %s: %s: %s\n", name, context,
+                 result == kStreamNoMemory ? "no memory for the converted sample" : state->Message);
+    return result == kStreamNoMemory ? Outcome::kStop : Outcome::kPartial;
 }
 
-bool WriteAll(const uint8_t *bytes, size_t size, FILE *out) {
-    return std::fwrite(bytes, 1, size, out) == size;
-}
-
-// The whole decoder specific info of an "mp4v" entry: the stream header
-// that goes in front of the first picture. The media information holds
-// only its first 18 bytes, so this reads the track's "esds" record.
-bool WriteVideoConfig(const AtomNode *entry, FILE *out) {
-    const AtomNode *esds = entry->FirstChild;
-    if (esds == nullptr || !AtomNameEquals(esds->AtomName, "esds")) return false;
-    size_t offset = 0, size = 0;
-    if (FindDecoderSpecificInfo(esds->realStructure, AtomRecordBytes(esds), &offset, &size) != 1)
-        return false;
-    return WriteAll(esds->realStructure + offset, size, out);
-}
-
-// Writes the samples; false if one could not be read or written. A
-// sample that can't be read (-82) is reported and passed over, and the
-// rest still goes out.
-bool WriteSamples(MP4_local_file *file, uint32_t trackId, const Track &track, StreamKind kind,
-                  const Mp4MediaInfo *info, FILE *out, uint32_t *written) {
-    Progress progress = StartProgress(kExtractCommand.name, "samples", track.SampleCount);
+// Writes the stream behind the form's start: every sample, then the
+// form's finish. False when a sample was left out or damaged, or the
+// stream could not be written.
+bool WriteStream(MP4_local_file *file, const StreamTrack &track, StreamState *state, FILE *out,
+                 uint32_t *written) {
+    StreamBuffer buffer{};
     bool complete = true;
-    // Every turn reads one sample or ends, so the bound only keeps the
-    // loop finite whatever the track holds.
-    for (uint64_t number = 0; number <= uint64_t(track.SampleCount) + 1; ++number) {
+    Outcome outcome = Outcome::kWhole;
+    Progress progress = StartProgress(kExtractCommand.name, "samples", track.SampleCount);
+    for (uint32_t number = 0; outcome != Outcome::kStop && number < track.SampleCount; ++number) {
         UpdateProgress(&progress, number);
-        MP4Sample *sample = nullptr;
-        const int32_t result = GetNextSample(file, trackId, track.Type, &sample);
-        if (result == 0) break;
-        char context[48];
-        std::snprintf(context, sizeof context, "sample %llu", static_cast<unsigned long long>(number));
-        if (result != 1) {
-            EndProgress(&progress);
-            ReportFailure(kExtractCommand.name, "GetNextSample", result, context);
-            complete = false;
-            if (result == -82) continue;
-            return false;
-        }
-        bool ok = true;
-        if (kind == StreamKind::kAdts) {
-            uint8_t header[7];
-            uint32_t headerSize = 0;
-            const int32_t made = AAC_EsdsToAdtsHead(info->EsdsData, sample->Size, header, &headerSize);
-            if (made != 1) {
-                SampleDataFree(&sample);
-                EndProgress(&progress);
-                ReportFailure(kExtractCommand.name, "AAC_EsdsToAdtsHead", made, context);
-                return false;
-            }
-            ok = WriteAll(header, headerSize, out);
-        }
-        ok = ok && WriteAll(sample->Data, sample->Size, out);
-        SampleDataFree(&sample);
-        if (!ok) {
-            EndProgress(&progress);
-            std::fprintf(stderr, "mp4core %s: can't write the output: %s\n", kExtractCommand.name,
-                         std::strerror(errno));
-            return false;
-        }
-        ++*written;
+        outcome = ConvertSample(file, track, number, state, &buffer, &progress);
+        if (!Flush(&buffer, out, &progress)) outcome = Outcome::kStop;
+        if (outcome == Outcome::kWhole || outcome == Outcome::kPartial) ++*written;
+        complete = complete && outcome == Outcome::kWhole;
     }
     EndProgress(&progress);
-    return complete;
+    bool ok = outcome != Outcome::kStop;
+    if (ok && FinishStream(state, &buffer) != kStreamDone) {
+        std::fprintf(stderr, "mp4core %s: no memory for the end of the stream\n", kExtractCommand.name);
+        ok = false;
+    }
+    ok = ok && Flush(&buffer, out, nullptr);
+    FreeStreamBuffer(&buffer);
+    return ok && complete;
 }
 
 int Extract(MP4_local_file *file, const Options &options) {
     const char *name = kExtractCommand.name;
-    const Track track = FindTrack(file, options.track);
-    if (track.Type == 0) {
-        std::fprintf(stderr, "mp4core %s: no video or audio track %u\n", name, options.track);
+    MP4TrackInfo info{};
+    if (!FindTrack(file, options.track, &info)) {
+        std::fprintf(stderr, "mp4core %s: no track %u\n", name, options.track);
         return 1;
     }
-    Mp4MediaInfo *info = nullptr;
-    const int32_t described = RetMp4MediaInfo(file, options.track, track.Type, &info);
-    const AtomNode *entry = TrackSampleEntry(track.Node);
-    const StreamKind kind = KindOf(entry, info);
+    StreamTrack track{};
+    const int32_t read = ReadStreamTrack(file, info, &track);
+    if (read != 1) {
+        char context[32];
+        std::snprintf(context, sizeof context, "track %u", options.track);
+        FreeStreamTrack(&track);
+        return ReportFailure(name, "MP4GetSampleInfo", read, context);
+    }
+    const StreamForm *form = FindStreamForm(track);
+    StreamState state{};
+    StreamBuffer head{};
     int status = 1;
     FILE *out = nullptr;
-    if (kind == StreamKind::kUnknown) {
-        // Only an audio track's stream form needs the media information.
-        if (described != 1) ReportFailure(name, "RetMp4MediaInfo", described);
-        std::fprintf(stderr, "mp4core %s: track %u has no stream form this tool writes\n", name,
-                     options.track);
+    if (form == nullptr) {
+        const uint8_t objectType = EntryObjectType(track);
+        char detail[40] = "";
+        if (objectType != 0) std::snprintf(detail, sizeof detail, " (object type 0x%02X)", objectType);
+        std::fprintf(stderr, "mp4core %s: track %u is \"%s\"%s: no stream form this tool writes\n", name,
+                     options.track, track.Format, detail);
+    } else if (const int32_t started = StartStream(&state, form, track, &head); started != kStreamDone) {
+        std::fprintf(stderr, "mp4core %s: track %u (\"%s\") can't be written as %s: %s\n", name,
+                     options.track, track.Format, form->Name,
+                     started == kStreamNoMemory ? "no memory" : state.Message);
     } else if ((out = std::fopen(options.output, "wb")) == nullptr) {
-        std::fprintf(stderr, "mp4core %s: can't create %s: %s\n", name, options.output,
-                     std::strerror(errno));
+        std::fprintf(stderr, "mp4core %s: can't create %s: %s\n", name, options.output, std::strerror(errno));
     } else {
-        bool ok = true;
-        if (kind == StreamKind::kAmrNarrow) ok = std::fputs("#!AMR\n", out) >= 0;
-        if (kind == StreamKind::kAmrWide) ok = std::fputs("#!AMR-WB\n", out) >= 0;
-        if (kind == StreamKind::kMpeg4Video && !WriteVideoConfig(entry, out)) {
-            std::fprintf(stderr, "mp4core %s: track %u has no decoder configuration\n", name,
-                         options.track);
-            ok = false;
-        }
         uint32_t written = 0;
-        ok = ok && WriteSamples(file, options.track, track, kind, info, out, &written);
+        const bool ok = Flush(&head, out, nullptr) && WriteStream(file, track, &state, out, &written);
         const bool closed = std::fclose(out) == 0;
         if (!closed) std::fprintf(stderr, "mp4core %s: can't write %s\n", name, options.output);
-        std::printf("track %u: %u samples written to %s\n", options.track, written, options.output);
+        std::printf("track %u: %u samples written to %s (%s)\n", options.track, written, options.output,
+                    form->Name);
         status = ok && closed ? 0 : 1;
     }
-    if (info != nullptr) {
-        void *blocks[] = {info->EsdsData, info->D263Data, info->DamrData, info};
-        for (void *&block : blocks) MP4freeData(&block);
-    }
+    FreeStreamBuffer(&head);
+    EndStream(&state);
+    FreeStreamTrack(&track);
     return status;
 }
 
@@ -169,8 +169,8 @@ int RunExtract(const Arguments &arguments) {
     if (!ParseU32(track, &options.track) || options.track == 0)
         return UsageError(kExtractCommand, "--track takes a track ID above 0, not '%s'", track);
     MP4_local_file *file = nullptr;
-    const int32_t opened = MP4FileOpen(&file, options.path, MP4_TABLE_MARKS);
-    if (opened != 1) return ReportFailure(kExtractCommand.name, "MP4FileOpen", opened);
+    const int32_t opened = MP4FileOpenEx(&file, options.path, MP4_TABLE_MARKS, MP4_OPEN_MODERN);
+    if (opened != 1) return ReportFailure(kExtractCommand.name, "MP4FileOpenEx", opened);
     const int status = Extract(file, options);
     MP4FileClose(&file);
     return status;
@@ -190,11 +190,21 @@ extern const CommandRow kExtractCommand = {
     "a track as a raw stream",
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
     "\nWrites the samples of one track to OUT in the raw form of its stream:\n"
-    "  AAC             ADTS: a header from AAC_EsdsToAdtsHead before each frame\n"
-    "  MPEG-1/2 audio  the frames as they are\n"
+    "  H.264, HEVC     Annex B: start codes, the parameter sets in front of the\n"
+    "                  first picture and of key frames without them (.264, .265)\n"
+    "  AAC             ADTS (.aac); HE-AAC as its core object type and rate\n"
+    "  MPEG-1/2 audio  the frames as they are (.mp3)\n"
+    "  AC-3, E-AC-3    the frames as they are (.ac3, .eac3)\n"
+    "  Opus            Ogg Opus (.opus)\n"
+    "  FLAC            a FLAC stream (.flac)\n"
+    "  PCM             WAV (.wav): sowt, twos, raw, in24, in32, fl32, fl64,\n"
+    "                  alaw, ulaw, lpcm, ipcm, fpcm\n"
+    "  AV1, VP9        IVF (.ivf)\n"
     "  MPEG-4 video    the decoder configuration, then the samples (.m4v)\n"
     "  H.263           the samples (.263)\n"
     "  AMR             \"#!AMR\\n\" or \"#!AMR-WB\\n\", then the samples (.amr)\n"
-    "On a terminal, standard error shows the progress.\n",
+    "Other tracks (ALAC, timed text, ...) are refused, naming their format.\n"
+    "A sample that can't be read or is damaged is reported and passed over\n"
+    "(exit status 1). On a terminal, standard error shows the progress.\n",
     RunExtract,
 };

@@ -74,7 +74,9 @@ bool PrintTrack(MP4_local_file *file, const MP4TrackInfo &track) {
     } else if (track.TrackType == MP4_TRACK_AUDIO) {
         std::printf(", %u Hz, %u channels", track.SampleRate, track.Channels);
     }
-    std::printf(", %u samples\n", track.SampleCount);
+    std::printf(", %u samples", track.SampleCount);
+    if (track.FragmentCount > 0) std::printf(", %u fragments", track.FragmentCount);
+    std::printf("\n");
 
     std::printf("    timescale %u, duration %" PRIu64, track.Timescale, track.Duration);
     if (track.Timescale) std::printf(" (%.3f s)", double(track.Duration) / track.Timescale);

@@ -16,6 +16,9 @@ bool ListTrack(MP4_local_file *file, const MP4TrackInfo &track) {
         std::printf("%u %s no samples\n", track.TrackId, name);
         return true;
     }
+    if (track.FragmentCount > 0)
+        std::printf("# track %u %s: %u samples, %u fragments\n", track.TrackId, name,
+                    track.SampleCount, track.FragmentCount);
     bool ok = true;
     for (uint32_t number = 0; number < track.SampleCount; ++number) {
         MP4Sample *sample = nullptr;

@@ -82,6 +82,10 @@ struct AtomSchema {
 int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema);
 int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema,
                             AtomReader reader = kClassicReader);
+// As GetAtomSchema, without the child rules (RuleCount and ChildRules are
+// left as they were): for the walks that ask a node's layout many times.
+// 1 known, -1 no row ("root" included).
+int32_t GetAtomLayout(const AtomNode *node, AtomSchema *schema);
 // 1 for every catalogue name of the reader and "free", 0 for "root", -1
 // otherwise.
 int32_t IsKnownAtomName(const char *name, AtomReader reader = kClassicReader);
@@ -144,8 +148,12 @@ struct TreeRules {
 constexpr TreeRules kClassicTreeRules{kClassicReader, true, false, false};
 constexpr TreeRules kModernTreeRules{kModernReader, false, true, true};
 
-int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules = kClassicTreeRules);
-int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules = kClassicTreeRules);
+// With a window (the modern open passes the handle's read-ahead window)
+// heads are read through it; without one, from the stream.
+int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules = kClassicTreeRules,
+                     ReadAhead **window = nullptr);
+int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules = kClassicTreeRules,
+                          ReadAhead **window = nullptr);
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset);
 
 // ---- Validation (validation.cpp) -----------------------------------------
@@ -163,9 +171,10 @@ int32_t AllocTreeRecords(Root_atom *root);
 // ---- Payload records (records.cpp) ---------------------------------------
 
 int32_t ExtractTreeRecords(Root_atom *root);
-// The modern path: heads by version and bounded by the atom, tables that
-// fit their atom, no messages.
-int32_t ExtractModernTreeRecords(Root_atom *root);
+// The modern path: heads by version and flags and bounded by the atom,
+// tables that fit their atom, no messages; read in file order through the
+// read-ahead window.
+int32_t ExtractModernTreeRecords(Root_atom *root, ReadAhead **window);
 int32_t ExtractChildRecords(AtomNode *node, FILE *stream);
 int32_t ReadRecordHead(uint32_t byteCount, AtomNode *node, FILE *stream, uint8_t *record);
 int32_t ExtractVariablePart(AtomNode *node, const AtomSchema *schema, FILE *stream);

@@ -236,18 +236,47 @@ constexpr Rule kRootRules[] = {{"ftyp", 1, kReq}, {"moov", 1, kReq}, {"mdat", kA
                                {"free", kAny, 0}, {"skip", kAny, 0}, {"udta", kAny, 0},
                                {"moof", kAny, 0}};
 
+// A name's four bytes as one big-endian number: comparing two numbers
+// orders names as their bytes do.
+constexpr uint32_t NameKey(const char *name) {
+    return (uint32_t(uint8_t(name[0])) << 24) | (uint32_t(uint8_t(name[1])) << 16) |
+           (uint32_t(uint8_t(name[2])) << 8) | uint8_t(name[3]);
+}
+
+// Where the rows of each first byte begin: a lookup bisects only the rows
+// that share its name's first byte (a walk over a fragmented file asks the
+// catalogue a few dozen times for each of its many small atoms).
+struct FirstByteIndex {
+    uint8_t Start[257];
+};
+
+constexpr FirstByteIndex MakeFirstByteIndex() {
+    FirstByteIndex index{};
+    size_t row = 0;
+    for (size_t b = 0; b <= 256; ++b) {
+        while (row < kCatalogueRows && uint8_t(kCatalogue[row].name[0]) < b) ++row;
+        index.Start[b] = uint8_t(row);
+    }
+    return index;
+}
+
+static_assert(kCatalogueRows < 256, "row numbers fit the first-byte index");
+constexpr FirstByteIndex kFirstByteIndex = MakeFirstByteIndex();
+
 const CatalogueRow *FindRow(const char *name, AtomReader reader) {
-    size_t lo = 0;
-    size_t hi = kCatalogueRows;
+    const uint32_t key = NameKey(name);
+    const uint8_t first = uint8_t(name[0]);
+    size_t lo = kFirstByteIndex.Start[first];
+    size_t hi = kFirstByteIndex.Start[first + 1];
     while (lo < hi) {
         size_t mid = (lo + hi) / 2;
-        int order = std::memcmp(name, kCatalogue[mid].name, 4);
-        if (order == 0) {
+        const uint32_t rowKey = NameKey(kCatalogue[mid].name);
+        if (key == rowKey) {
             const CatalogueRow *row = &kCatalogue[mid];
             if (row->knownBy == kModernOnly && reader != kModernReader) return nullptr;
             return row;
         }
-        if (order < 0) {
+        if (key < rowKey) {
             hi = mid;
         } else {
             lo = mid + 1;
@@ -300,6 +329,33 @@ bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, cons
     return true;
 }
 
+namespace {
+
+// The layout of a row, all of the schema but the child rules.
+void FillLayout(const CatalogueRow &row, AtomReader reader, AtomSchema *schema) {
+    schema->ChildOffset = row.childOffset;
+    schema->RecordSize = row.recordSize;
+    schema->HasTable = row.hasTable;
+    schema->HasString = row.hasString;
+    schema->EntrySize = row.entrySize;
+    schema->RecordSizeV1 = row.recordSizeV1;
+    schema->EntrySizeV1 = row.entrySizeV1;
+    schema->Placement = row.placement;
+    schema->Flagged = reader == kModernReader ? row.flagged : nullptr;
+}
+
+// A node's layout, for the questions about its record that every walk
+// asks many times (its size, its pointer, its version): without the
+// copying of the child rules. False when the catalogue has no row for it.
+bool LayoutOf(const AtomNode *node, AtomSchema *schema) {
+    const CatalogueRow *row = FindRow(node->AtomName, AtomReader(node->Reader));
+    if (row == nullptr) return false;
+    FillLayout(*row, AtomReader(node->Reader), schema);
+    return true;
+}
+
+}  // namespace
+
 int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema, AtomReader reader) {
     if (std::memcmp(name, "root", 4) == 0) {
         schema->RuleCount = FillRules(kRootRules, schema);
@@ -307,21 +363,17 @@ int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema, AtomReader rea
     }
     const CatalogueRow *row = FindRow(name, reader);
     if (row == nullptr) return -1;  // unknown, or "free"
-    schema->ChildOffset = row->childOffset;
-    schema->RecordSize = row->recordSize;
-    schema->HasTable = row->hasTable;
-    schema->HasString = row->hasString;
-    schema->EntrySize = row->entrySize;
+    FillLayout(*row, reader, schema);
     schema->RuleCount = FillRules(row->rules, schema);
-    schema->RecordSizeV1 = row->recordSizeV1;
-    schema->EntrySizeV1 = row->entrySizeV1;
-    schema->Placement = row->placement;
-    schema->Flagged = reader == kModernReader ? row->flagged : nullptr;
     return 1;
 }
 
 int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema) {
     return GetAtomSchemaByName(node->AtomName, schema, AtomReader(node->Reader));
+}
+
+int32_t GetAtomLayout(const AtomNode *node, AtomSchema *schema) {
+    return LayoutOf(node, schema) ? 1 : -1;
 }
 
 int32_t IsKnownAtomName(const char *name, AtomReader reader) {
@@ -371,7 +423,7 @@ uint32_t NodeFlags(const AtomNode *node) {
 
 size_t NodeAllocSize(const AtomNode *node) {
     AtomSchema schema{};
-    if (GetAtomSchema(node, &schema) <= 0) return kBareHeadLength;
+    if (!LayoutOf(node, &schema)) return kBareHeadLength;
     const size_t size = RecordAllocSize(schema);
     if (node->Reader != kModernReader || schema.RecordSizeV1 <= schema.RecordSize) return size;
     return size + (schema.RecordSizeV1 - schema.RecordSize);
@@ -388,13 +440,13 @@ bool RecordHolds(const AtomNode *node, size_t bytes) {
 
 uint32_t NodeHeadLength(const AtomNode *node) {
     AtomSchema schema;
-    if (GetAtomSchema(node, &schema) <= 0) return kBareHeadLength;
+    if (!LayoutOf(node, &schema)) return kBareHeadLength;
     return RecordHeadLength(schema);
 }
 
 void *GetRecordPointer(const AtomNode *node) {
     AtomSchema schema;
-    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 || !HasPointer(schema))
+    if (node->realStructure == nullptr || !LayoutOf(node, &schema) || !HasPointer(schema))
         return nullptr;
     void *pointer = nullptr;
     std::memcpy(&pointer, node->realStructure + PointerOffset(schema), sizeof pointer);
@@ -403,7 +455,7 @@ void *GetRecordPointer(const AtomNode *node) {
 
 void SetRecordPointer(AtomNode *node, void *pointer) {
     AtomSchema schema;
-    if (node->realStructure == nullptr || GetAtomSchema(node, &schema) <= 0 || !HasPointer(schema))
+    if (node->realStructure == nullptr || !LayoutOf(node, &schema) || !HasPointer(schema))
         return;
     std::memcpy(node->realStructure + PointerOffset(schema), &pointer, sizeof pointer);
 }

@@ -152,15 +152,19 @@ uint64_t PackedTableBytes(uint8_t fieldBits, uint64_t count) {
     return (count * fieldBits + 7) / 8;
 }
 
+// What the modern extraction reads from: the file through the handle's
+// read-ahead window, and the file's size as the open measured it.
+struct ModernSource {
+    Root_atom *Root;
+    ReadAhead **Window;
+};
+
 // Reads `length` bytes at `offset` into a new zeroed block; a file cut
 // inside the block leaves a zeroed tail.
-uint8_t *LoadBlock(FILE *stream, uint64_t offset, uint64_t length) {
+uint8_t *LoadBlock(const ModernSource &source, uint64_t offset, uint64_t length) {
     uint8_t *block = static_cast<uint8_t *>(ZeroAlloc(size_t(length)));
     if (block == nullptr || length == 0) return block;
-    if (std::fseek(stream, long(offset), SEEK_SET) == 0) {
-        size_t ignored = std::fread(block, 1, size_t(length), stream);
-        (void)ignored;
-    }
+    ReadAheadAt(source.Window, source.Root, offset, block, size_t(length));
     return block;
 }
 
@@ -168,7 +172,7 @@ uint8_t *LoadBlock(FILE *stream, uint64_t offset, uint64_t length) {
 // (and so inside the file), whatever its count says; the atom may hold
 // more than the table. A string is the rest of the atom.
 void ExtractModernVariablePart(AtomNode *node, const AtomSchema &schema, uint8_t version,
-                               uint32_t flags, uint64_t bodyEnd, FILE *stream) {
+                               uint32_t flags, uint64_t bodyEnd, const ModernSource &source) {
     const VariablePartRow *row = FindVariablePart(node);
     if (row == nullptr) return;
     const uint8_t *record = node->realStructure;
@@ -193,31 +197,29 @@ void ExtractModernVariablePart(AtomNode *node, const AtomSchema &schema, uint8_t
         bytes = room;
         break;
     }
-    if (bytes > room || bytes > FileSizeNow(stream)) return;  // the table stays missing
-    SetRecordPointer(node, LoadBlock(stream, start, bytes));
+    if (bytes > room || bytes > source.Root->FileSize) return;  // the table stays missing
+    SetRecordPointer(node, LoadBlock(source, start, bytes));
 }
 
 // One modern node: the 8 bytes of its head (size field and name) and its
 // body up to the head of its version and flags, never past the atom's end.
-void ExtractModernRecord(AtomNode *node, FILE *stream) {
+void ExtractModernRecord(AtomNode *node, const ModernSource &source) {
     uint8_t *record = node->realStructure;
     if (record == nullptr) return;
     AtomSchema schema{};
-    const bool known = GetAtomSchema(node, &schema) > 0;
+    const bool known = GetAtomLayout(node, &schema) > 0;
     const uint64_t bodyEnd = node->AtomOffset + node->AtomSize;
     const uint64_t body = node->AtomOffset + node->LargeHead + kBareHeadLength;
-    if (std::fseek(stream, long(node->AtomOffset), SEEK_SET) != 0 ||
-        std::fread(record, 1, kBareHeadLength, stream) != kBareHeadLength || !known)
+    if (ReadAheadAt(source.Window, source.Root, node->AtomOffset, record, kBareHeadLength) !=
+            kBareHeadLength ||
+        !known)
         return;
     constexpr uint32_t kAllFlags = 0xFFFFFF;
     const uint32_t fullHead =
         std::max(RecordHeadLength(schema), ModernHeadLength(schema, 1, kAllFlags));
     const uint64_t room = bodyEnd > body ? bodyEnd - body : 0;
     const size_t want = size_t(std::min<uint64_t>(fullHead - kBareHeadLength, room));
-    if (want > 0 && std::fseek(stream, long(body), SEEK_SET) == 0) {
-        size_t ignored = std::fread(record + kBareHeadLength, 1, want, stream);
-        (void)ignored;
-    }
+    if (want > 0) ReadAheadAt(source.Window, source.Root, body, record + kBareHeadLength, want);
     const uint8_t version = want > 0 ? record[field::kVersionFlags] : 0;
     const uint32_t flags = want >= 4 ? GetBE32(record, field::kVersionFlags) & kAllFlags : 0;
     // A head of version 0, or with fewer flagged fields, is shorter than
@@ -227,23 +229,26 @@ void ExtractModernRecord(AtomNode *node, FILE *stream) {
     if (head < fullHead) std::memset(record + head, 0, fullHead - head);
     if (schema.EntrySize != 0 || schema.Flagged != nullptr) {
         SetRecordPointer(node, nullptr);
-        ExtractModernVariablePart(node, schema, version, flags, bodyEnd, stream);
+        ExtractModernVariablePart(node, schema, version, flags, bodyEnd, source);
     }
 }
 
-void ExtractModernChildren(AtomNode *node, FILE *stream) {
+// A node before its children, so that the reads follow the file forward
+// and the window serves them.
+void ExtractModernChildren(AtomNode *node, const ModernSource &source) {
     for (AtomNode *child = node->FirstChild; child != nullptr; child = child->NextSibling) {
-        if (child->FirstChild != nullptr) ExtractModernChildren(child, stream);
-        ExtractModernRecord(child, stream);
+        ExtractModernRecord(child, source);
+        if (child->FirstChild != nullptr) ExtractModernChildren(child, source);
     }
 }
 
 }  // namespace
 
-int32_t ExtractModernTreeRecords(Root_atom *root) {
+int32_t ExtractModernTreeRecords(Root_atom *root, ReadAhead **window) {
+    const ModernSource source{root, window};
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
-        ExtractModernChildren(atom, root->FileStream);
-        ExtractModernRecord(atom, root->FileStream);
+        ExtractModernRecord(atom, source);
+        ExtractModernChildren(atom, source);
     }
     return 1;
 }

@@ -17,10 +17,24 @@ constexpr uint32_t kSizeLarge = 1;
 
 enum class HeadRead { kOk, kShort };
 
-// One seek and one read per head. Positions are 64-bit: a position plus a
-// stored size may pass 32 bits, and such an atom then simply reaches past
-// the end of the file.
-HeadRead ReadHead(FILE *stream, uint64_t position, uint8_t *head, size_t count) {
+// Where the heads come from: the classic reader seeks and reads the
+// stream for each head; the modern one reads through the handle's
+// read-ahead window, so that the thousands of small atoms of a fragmented
+// file cost a positioned read per window rather than a seek per atom.
+struct HeadSource {
+    Root_atom *Root;
+    ReadAhead **Window;  // null: the stream
+};
+
+// One read per head. Positions are 64-bit: a position plus a stored size
+// may pass 32 bits, and such an atom then simply reaches past the end of
+// the file.
+HeadRead ReadHead(const HeadSource &source, uint64_t position, uint8_t *head, size_t count) {
+    if (source.Window != nullptr)
+        return ReadAheadAt(source.Window, source.Root, position, head, count) == count
+                   ? HeadRead::kOk
+                   : HeadRead::kShort;
+    FILE *stream = source.Root->FileStream;
     if (std::fseek(stream, long(position), SEEK_SET) != 0) return HeadRead::kShort;
     if (std::fread(head, 1, count, stream) != count) return HeadRead::kShort;
     return HeadRead::kOk;
@@ -38,9 +52,9 @@ struct Head {
 // `end`. On the classic path the size is the 32-bit field. On the modern
 // path a size of 1 takes the 64-bit size behind the name and a size of 0
 // runs to `end`. A size shorter than the head itself comes back as 0.
-HeadRead ReadSizedHead(FILE *stream, uint64_t position, uint64_t end, const TreeRules &rules,
+HeadRead ReadSizedHead(const HeadSource &source, uint64_t position, uint64_t end, const TreeRules &rules,
                        Head *head) {
-    if (ReadHead(stream, position, head->Bytes, kHeadBytes) != HeadRead::kOk)
+    if (ReadHead(source, position, head->Bytes, kHeadBytes) != HeadRead::kOk)
         return HeadRead::kShort;
     head->LargeHead = 0;
     head->Size = ReadBE32(head->Bytes);
@@ -48,7 +62,7 @@ HeadRead ReadSizedHead(FILE *stream, uint64_t position, uint64_t end, const Tree
     if (head->Size == kSizeToEnd) {
         head->Size = end > position ? end - position : 0;
     } else if (head->Size == kSizeLarge) {
-        if (ReadHead(stream, position + kHeadBytes, head->Bytes + kHeadBytes, 8) != HeadRead::kOk)
+        if (ReadHead(source, position + kHeadBytes, head->Bytes + kHeadBytes, 8) != HeadRead::kOk)
             return HeadRead::kShort;
         head->Size = GetBE64(head->Bytes, kHeadBytes);
         head->LargeHead = kLargeHeadBytes - kHeadBytes;
@@ -81,19 +95,19 @@ uint32_t DepthOf(const AtomNode *node) {
 // modern set place them by what they hold: a sound sample entry by its
 // version (QuickTime adds 16 or 36 bytes of fields), a "meta" by whether it
 // is a full atom (ISO) or a plain container (QuickTime, with "hdlr" first).
-uint64_t ChildStart(FILE *stream, const AtomNode *node) {
+uint64_t ChildStart(const HeadSource &source, const AtomNode *node) {
     AtomSchema schema{};
-    if (GetAtomSchema(node, &schema) <= 0 || schema.ChildOffset == 0) return 0;
+    if (GetAtomLayout(node, &schema) <= 0 || schema.ChildOffset == 0) return 0;
     if (node->Reader != kModernReader || schema.Placement == ChildPlacement::kFixed)
         return schema.ChildOffset;
     const uint64_t body = node->AtomOffset + node->LargeHead;
     uint8_t probe[8];
     if (schema.Placement == ChildPlacement::kSoundVersion) {
-        if (ReadHead(stream, body + 16, probe, 2) != HeadRead::kOk) return schema.ChildOffset;
+        if (ReadHead(source, body + 16, probe, 2) != HeadRead::kOk) return schema.ChildOffset;
         const uint16_t version = GetBE16(probe, 0);
         return node->LargeHead + (version == 1 ? 52u : version == 2 ? 72u : schema.ChildOffset);
     }
-    if (ReadHead(stream, body + 8, probe, 8) != HeadRead::kOk) return schema.ChildOffset;
+    if (ReadHead(source, body + 8, probe, 8) != HeadRead::kOk) return schema.ChildOffset;
     const bool plain = probe[4] == 'h' && probe[5] == 'd' && probe[6] == 'l' && probe[7] == 'r';
     return node->LargeHead + (plain ? kHeadBytes : schema.ChildOffset);
 }
@@ -102,8 +116,8 @@ uint64_t ChildStart(FILE *stream, const AtomNode *node) {
 // kMaxAtomDepth a container's scan ends before it starts: no valid file
 // nests that deep, and the bound keeps the recursion off the end of the
 // stack on a hostile one.
-int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint64_t childOffset, uint32_t depth,
-                       const TreeRules &rules) {
+int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t childOffset,
+                       uint32_t depth, const TreeRules &rules) {
     const uint64_t parentEnd = parent->AtomOffset + parent->AtomSize;
     uint64_t position = parent->AtomOffset + childOffset;
     if (position >= parentEnd) return 1;
@@ -112,7 +126,7 @@ int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint64_t childOffset, uin
     AtomNode *last = nullptr;
     for (;;) {
         Head head;
-        if (ReadSizedHead(stream, position, parentEnd, rules, &head) != HeadRead::kOk) {
+        if (ReadSizedHead(source, position, parentEnd, rules, &head) != HeadRead::kOk) {
             if (!rules.Quiet) std::printf("Read data from file error!\n");
             return -99;
         }
@@ -133,8 +147,8 @@ int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint64_t childOffset, uin
         last = node;
 
         const uint64_t next = position + node->AtomSize;
-        const uint64_t children = known ? ChildStart(stream, node) : 0;
-        if (children > 0) ReadChildrenAt(stream, node, children, depth + 1, rules);
+        const uint64_t children = known ? ChildStart(source, node) : 0;
+        if (children > 0) ReadChildrenAt(source, node, children, depth + 1, rules);
         position = next;
         if (position >= parentEnd) return 1;
     }
@@ -143,17 +157,20 @@ int32_t ReadChildrenAt(FILE *stream, AtomNode *parent, uint64_t childOffset, uin
 }  // namespace
 
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset) {
-    return ReadChildrenAt(stream, parent, childOffset, DepthOf(parent), kClassicTreeRules);
+    Root_atom file{};
+    file.FileStream = stream;
+    return ReadChildrenAt(HeadSource{&file, nullptr}, parent, childOffset, DepthOf(parent),
+                          kClassicTreeRules);
 }
 
-int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules) {
-    FILE *stream = root->FileStream;
+int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
+    const HeadSource source{root, window};
     uint64_t position = 0;
     AtomNode *last = nullptr;
     root->FirstAtom = nullptr;
     for (;;) {
         Head head;
-        if (ReadSizedHead(stream, position, root->FileSize, rules, &head) != HeadRead::kOk) {
+        if (ReadSizedHead(source, position, root->FileSize, rules, &head) != HeadRead::kOk) {
             if (!rules.Quiet) std::printf("Read data from file error!\n");
             return -99;
         }
@@ -181,12 +198,13 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules) {
     }
 }
 
-int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules) {
-    if (ReadTopLevelAtoms(root, rules) < 0) return -99;
+int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
+    if (ReadTopLevelAtoms(root, rules, window) < 0) return -99;
+    const HeadSource source{root, window};
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
         const bool known = IsKnownAtomName(atom->AtomName, rules.Reader) >= 0;
-        const uint64_t children = known ? ChildStart(root->FileStream, atom) : 0;
-        if (children > 0) ReadChildrenAt(root->FileStream, atom, children, 0, rules);
+        const uint64_t children = known ? ChildStart(source, atom) : 0;
+        if (children > 0) ReadChildrenAt(source, atom, children, 0, rules);
     }
     return 1;
 }

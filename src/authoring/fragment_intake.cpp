@@ -41,9 +41,9 @@ constexpr int kMaxPasses = 8;
 
 using Wide = unsigned __int128;
 
-uint64_t ClockOf(const FragmentTrack &track) { return track.Track->Timescale; }
+uint64_t ClockOf(const RecordingTrack &track) { return track.Track->Timescale; }
 
-const PendingFrame &Newest(const FragmentTrack &track) { return track.Frames[track.FrameCount - 1]; }
+const PendingFrame &Newest(const RecordingTrack &track) { return track.Frames[track.FrameCount - 1]; }
 
 // Whether time a of a track with clock aClock lies at or after time b of a
 // track with clock bClock.
@@ -67,7 +67,7 @@ int32_t ReportWrite(int32_t result, const char *call) {
 // How many of a track's frames go into the fragment that ends before the
 // cut (without a cut: wherever the known durations end): those before it
 // whose durations are known, which are all but the newest.
-size_t FramesBefore(const FragmentWriter &writer, const FragmentTrack &track, bool hasCut,
+size_t FramesBefore(const FragmentWriter &writer, const RecordingTrack &track, bool hasCut,
                     uint64_t cut) {
     if (track.Track == nullptr || track.FrameCount == 0) return 0;
     const size_t known = track.FrameCount - 1;
@@ -88,7 +88,7 @@ bool EndsFragment(const FragmentWriter &writer, const PendingFrame &frame) {
 
 // Looks for the cut among the leading track's frames from `from` on.
 void FindCut(FragmentWriter &writer, size_t from) {
-    const FragmentTrack &lead = writer.Tracks[writer.Leading];
+    const RecordingTrack &lead = writer.Tracks[writer.Leading];
     for (size_t i = from; i < lead.FrameCount && writer.CutPending == 0; ++i) {
         if (!EndsFragment(writer, lead.Frames[i])) continue;
         writer.CutPending = 1;
@@ -103,7 +103,7 @@ int32_t WriteUpTo(FragmentWriter &writer, bool hasCut, uint64_t cut) {
                               FramesBefore(writer, writer.Tracks[1], hasCut, cut)};
     const int32_t written = WriteFragment(&writer, counts);
     if (written != kFragmentDone) return written;
-    const FragmentTrack &lead = writer.Tracks[writer.Leading];
+    const RecordingTrack &lead = writer.Tracks[writer.Leading];
     if (lead.FrameCount > 0) writer.FragmentStart = lead.Frames[0].Time;
     writer.CutPending = 0;
     FindCut(writer, 0);
@@ -111,10 +111,10 @@ int32_t WriteUpTo(FragmentWriter &writer, bool hasCut, uint64_t cut) {
 }
 
 bool CutComplete(const FragmentWriter &writer) {
-    const FragmentTrack &lead = writer.Tracks[writer.Leading];
+    const RecordingTrack &lead = writer.Tracks[writer.Leading];
     if (Newest(lead).Time - writer.CutTime >= kStallWait * ClockOf(lead)) return true;
     for (size_t t = 0; t < 2; ++t) {
-        const FragmentTrack &other = writer.Tracks[t];
+        const RecordingTrack &other = writer.Tracks[t];
         if (t == writer.Leading || other.Track == nullptr) continue;
         if (other.FrameCount == 0 ||
             !AtOrAfter(Newest(other).Time, ClockOf(other), writer.CutTime, ClockOf(lead)))
@@ -125,7 +125,7 @@ bool CutComplete(const FragmentWriter &writer) {
 
 bool HoldsTooLong(const FragmentWriter &writer) {
     for (size_t t = 0; t < 2; ++t) {
-        const FragmentTrack &other = writer.Tracks[t];
+        const RecordingTrack &other = writer.Tracks[t];
         if (t == writer.Leading || other.Track == nullptr || other.FrameCount == 0) continue;
         if (Newest(other).Time - other.Frames[0].Time >= kLongestHold * ClockOf(other)) return true;
     }
@@ -159,7 +159,7 @@ int32_t BeginFile(MP4_local_file *file) {
 int32_t TakeFragmentFrame(MP4_local_file *file, size_t index, const IntakeFrame &frame,
                           const char *call, const char *fallingMessage) {
     FragmentWriter &writer = *file->write.Fragments;
-    FragmentTrack &track = writer.Tracks[index];
+    RecordingTrack &track = writer.Tracks[index];
     if (writer.Failed != 0) {
         Report("The file was given up after a failed write", call);
         return kFailed;

@@ -89,7 +89,10 @@ int32_t OpenWith(MP4_local_file **file, const char *path, int32_t tableMode, boo
     handle->read.TableMode = tableMode;
     handle->read.Modern = modern ? 1 : 0;
 
-    if (ReadAtomTree(root, modern ? kModernTreeRules : kClassicTreeRules) < 0) {
+    // The modern reader reads heads and records through the handle's
+    // read-ahead window, which the sample reads then go on using.
+    ReadAhead **window = modern ? &handle->read.SampleWindow : nullptr;
+    if (ReadAtomTree(root, modern ? kModernTreeRules : kClassicTreeRules, window) < 0) {
         MP4FileClose(file);
         return kOpenCannotRead;
     }
@@ -99,7 +102,7 @@ int32_t OpenWith(MP4_local_file **file, const char *path, int32_t tableMode, boo
         return kOpenBadSize;
     }
     if (modern) {
-        ExtractModernTreeRecords(root);
+        ExtractModernTreeRecords(root, window);
         return RunModernTrackLoop(file);
     }
     ExtractTreeRecords(root);

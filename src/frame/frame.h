@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "mp4core.h"
 
@@ -81,7 +82,9 @@ struct MP4_local_file {
 uint32_t ReadBE32(const uint8_t *bytes);
 uint32_t SwapBytes32(uint32_t value);
 uint16_t SwapBytes16(uint16_t value);
-bool AtomNameEquals(const char *a, const char *b);
+// Four name bytes against four: every caller compares a name with one of
+// the library's own four-character names, which hold no terminator.
+inline bool AtomNameEquals(const char *a, const char *b) { return std::memcmp(a, b, 4) == 0; }
 bool CopyAtomName(char *destination, const char *source);
 void *ZeroAlloc(size_t size);
 void FreeIfSet(void *pointer);
@@ -129,6 +132,25 @@ inline void PutBE16(uint8_t *record, size_t offset, uint16_t value) {
     record[offset] = uint8_t(value >> 8);
     record[offset + 1] = uint8_t(value);
 }
+
+// ---- File reads (file_read.cpp) ------------------------------------------
+
+// Reads up to `count` bytes at `offset` of the stream's file in one
+// positioned read, without moving the stream or touching its buffer (the
+// file is only read, so the two never disagree). Gives the bytes read.
+size_t ReadFileAt(FILE *stream, uint64_t offset, uint8_t *bytes, size_t count);
+
+// Reads `count` bytes at `offset` of the root's file through a read-ahead
+// window (the handle's ReadForm::SampleWindow), which is made on first use:
+// a request that the window holds is copied from it; any other one refills
+// the window with a single positioned read starting at `offset`. Requests
+// of more than half the window, or when there is no memory for it, are
+// read directly. Gives the bytes copied, fewer only when the file gives
+// fewer.
+size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t *bytes,
+                   size_t count);
+// Frees the window and nulls the pointer; a null window is fine.
+void ReleaseReadAhead(ReadAhead **window);
 
 // The debug channel of the authoring calls; on this platform it is
 // standard error.

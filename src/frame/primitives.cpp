@@ -16,8 +16,6 @@ uint32_t SwapBytes32(uint32_t value) {
 
 uint16_t SwapBytes16(uint16_t value) { return uint16_t((value >> 8) | (value << 8)); }
 
-bool AtomNameEquals(const char *a, const char *b) { return std::strncmp(a, b, 4) == 0; }
-
 bool CopyAtomName(char *destination, const char *source) {
     if (destination == nullptr || source == nullptr) return false;
     std::memcpy(destination, source, 4);

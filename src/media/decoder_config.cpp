@@ -90,9 +90,8 @@ bool ReadDescriptor(const uint8_t *bytes, size_t end, size_t *at, uint8_t *tag, 
     return true;
 }
 
-// The ES descriptor of an "esds" payload (behind version and flags): the
-// object type of its decoder configuration and where its decoder specific
-// info lies. False when a descriptor is missing or passes the payload.
+}  // namespace
+
 bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *infoAt,
               size_t *infoLength) {
     size_t at = 0;
@@ -118,6 +117,8 @@ bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *in
     }
     return true;
 }
+
+namespace {
 
 constexpr uint32_t kAc3Channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
 constexpr uint32_t kAc3Rates[3] = {48000, 44100, 32000};

@@ -116,6 +116,12 @@ const AtomNode *FirstSampleEntry(const AtomNode *trak);
 // 1 with a new block, -97 none, -96 the file falls short, -95 no memory.
 int32_t ReadDecoderConfig(Root_atom *root, const AtomNode *entry, uint8_t **data,
                           uint32_t *size);
+// The ES descriptor of an "esds" payload (behind version and flags): the
+// object type of its decoder configuration and where its decoder specific
+// info lies (length 0: none). False when a descriptor is missing or passes
+// the `size` bytes.
+bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *infoAt,
+              size_t *infoLength);
 // Sample rate and channels of an audio sample entry: from its decoder
 // configuration where it has one, else from its own fields; an "esds"
 // without one (MP3) from the frame header at `firstSample` (UINT64_MAX:

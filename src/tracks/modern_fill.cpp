@@ -112,32 +112,20 @@ bool FindModernAtoms(const AtomNode *trak, ModernAtoms *atoms) {
 }
 
 // Decoding times: sample i starts at the sum of the deltas before it. Past
-// the end of "stts" the last delta goes on. The high halves are kept as
-// the list of samples where they go up.
+// the end of "stts" the last delta goes on.
 int32_t FillTimes(TrackNode *node, const Table &times) {
     uint64_t time = 0;
     uint32_t entry = 0;
     uint64_t left = times.Count > 0 ? times.Word(0) : 0;
     uint32_t delta = times.Count > 0 ? times.Word(0, 4) : 0;
-    uint32_t wrapCapacity = 0;
-    uint32_t high = 0;
     for (uint32_t i = 0; i < node->SampleCount; ++i) {
         while (left == 0 && entry + 1 < times.Count) {
             ++entry;
             left = times.Word(entry);
             delta = times.Word(entry, 4);
         }
-        node->SampleRecords[i].Time = uint32_t(time);
-        if (uint32_t(time >> 32) != high) {
-            high = uint32_t(time >> 32);
-            if (node->TimeWrapCount == wrapCapacity) {
-                wrapCapacity = wrapCapacity == 0 ? 4 : wrapCapacity * 2;
-                void *grown = std::realloc(node->TimeWraps, wrapCapacity * sizeof(uint32_t));
-                if (grown == nullptr) return kModernFillNoMemory;
-                node->TimeWraps = static_cast<uint32_t *>(grown);
-            }
-            node->TimeWraps[node->TimeWrapCount++] = i;
-        }
+        const int32_t result = SetDecodeTime(node, i, time);
+        if (result != 1) return result;
         time += delta;
         if (left > 0) --left;
     }
@@ -188,18 +176,62 @@ void FillCompositionOffsets(TrackNode *node, const Table &offsets) {
     }
 }
 
-// Sync flags; IsKeyFrame is the classic mark, which audio never carries.
-// TableMode 1 video gets the KeyFrameTable of the sync samples in order.
-int32_t FillSyncs(TrackNode *node, const ModernAtoms &atoms, int32_t trackType, int32_t mode) {
+// Sync flags from "stss"; without it every sample is a sync sample.
+void FillSyncs(TrackNode *node, const ModernAtoms &atoms) {
     SampleRecord *records = node->SampleRecords;
     if (!atoms.HasSyncTable) {
         for (uint32_t i = 0; i < node->SampleCount; ++i) records[i].IsSync = 1;
-    } else {
-        for (uint32_t e = 0; e < atoms.Syncs.Count; ++e) {
-            const uint32_t number = atoms.Syncs.Word(e);
-            if (number >= 1 && number <= node->SampleCount) records[number - 1].IsSync = 1;
-        }
+        return;
     }
+    for (uint32_t e = 0; e < atoms.Syncs.Count; ++e) {
+        const uint32_t number = atoms.Syncs.Word(e);
+        if (number >= 1 && number <= node->SampleCount) records[number - 1].IsSync = 1;
+    }
+}
+
+}  // namespace
+
+int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time) {
+    node->SampleRecords[index].Time = uint32_t(time);
+    const uint32_t high = uint32_t(time >> 32);
+    const uint32_t count = node->TimeHighCount;
+    if (high == (count > 0 ? node->TimeHighs[count - 1].High : 0)) return 1;
+    // The list's room doubles from 4, so that a track whose time keeps
+    // jumping costs amortised constant time per change: it is full at 0, 4
+    // and every larger power of two.
+    if (count == 0 || (count >= 4 && (count & (count - 1)) == 0)) {
+        const size_t capacity = count == 0 ? 4 : size_t(count) * 2;
+        void *grown = std::realloc(node->TimeHighs, capacity * sizeof(TimeHigh));
+        if (grown == nullptr) return kModernFillNoMemory;
+        node->TimeHighs = static_cast<TimeHigh *>(grown);
+    }
+    node->TimeHighs[count] = TimeHigh{index, high};
+    node->TimeHighCount = count + 1;
+    return 1;
+}
+
+int32_t FillModernTables(TrackNode *node, uint32_t count) {
+    node->Modern = 1;
+    node->SampleCount = 0;
+    // A track whose samples all lie in fragments needs none of the atoms.
+    if (count == 0) return 1;
+    ModernAtoms atoms;
+    if (!FindModernAtoms(node->TrakAtom, &atoms)) return kModernFillMissingAtom;
+    node->SampleCount = count < node->SampleCapacity ? count : node->SampleCapacity;
+    for (uint32_t i = 0; i < node->SampleCount; ++i)
+        node->SampleRecords[i].Size = atoms.SampleSizes.Of(i);
+    FillOffsets(node, atoms);
+    const int32_t result = FillTimes(node, atoms.Times);
+    if (result != 1) return result;
+    FillCompositionOffsets(node, atoms.Offsets);
+    FillSyncs(node, atoms);
+    return 1;
+}
+
+// IsKeyFrame is the classic mark, which audio never carries. TableMode 1
+// video gets the KeyFrameTable of the sync samples in order.
+int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode) {
+    SampleRecord *records = node->SampleRecords;
     uint32_t keys = 0;
     for (uint32_t i = 0; i < node->SampleCount; ++i) {
         records[i].IsKeyFrame = trackType == MP4_TRACK_VIDEO ? records[i].IsSync : 0;
@@ -218,20 +250,4 @@ int32_t FillSyncs(TrackNode *node, const ModernAtoms &atoms, int32_t trackType, 
         ++k;
     }
     return 1;
-}
-
-}  // namespace
-
-int32_t FillModernTables(TrackNode *node, int32_t trackType, int32_t mode) {
-    ModernAtoms atoms;
-    if (!FindModernAtoms(node->TrakAtom, &atoms)) return kModernFillMissingAtom;
-    node->Modern = 1;
-    node->SampleCount = node->SampleCapacity;
-    for (uint32_t i = 0; i < node->SampleCount; ++i)
-        node->SampleRecords[i].Size = atoms.SampleSizes.Of(i);
-    FillOffsets(node, atoms);
-    const int32_t result = FillTimes(node, atoms.Times);
-    if (result != 1) return result;
-    FillCompositionOffsets(node, atoms.Offsets);
-    return FillSyncs(node, atoms, trackType, mode);
 }

@@ -1,8 +1,10 @@
 // The track loop of the modern reader: one record per "trak" with a
 // "tkhd", on the list of its kind whatever its handler or sample format,
 // with tables from the 64-bit aware fill. It prints nothing.
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <memory>
 
 #include "tracks/tracks.h"
 
@@ -29,23 +31,43 @@ void Append(Record *record, Record **first, Record **last, Record **current) {
     *last = record;
 }
 
-// Tables for one track; a track whose count the file can't hold, or whose
-// tables can't describe its samples, keeps its record with Track null.
-void BuildModernTables(TrackNode **holder, uint64_t fileSize, int32_t mode) {
+// Tables for one track, sized for the samples of its "stbl" and of its
+// fragments, with the "stbl" samples filled in. A track whose count the
+// file can't hold, or whose tables can't describe its samples, keeps its
+// record with Track null.
+void BuildModernTables(TrackNode **holder, uint64_t fileSize, int32_t mode,
+                       uint32_t fragmentSamples) {
     TrackNode *node = *holder;
     bool fits = false;
-    const uint32_t count = ModernSampleCount(node->TrakAtom, fileSize, &fits);
+    const uint32_t stored = ModernSampleCount(node->TrakAtom, fileSize, &fits);
+    const uint64_t count = uint64_t(stored) + fragmentSamples;
     const bool video = node->TrackType == MP4_TRACK_VIDEO;
     const int32_t created =
-        !fits || count < 1 || count > INT32_MAX ? -1
+        (stored > 0 && !fits) || count < 1 || count > INT32_MAX ? -1
         : video ? CreateVideoTables(holder, int32_t(count), mode)
                 : CreateAudioTables(holder, int32_t(count), mode);
-    if (created != 1 || FillModernTables(*holder, node->TrackType, mode) != 1) {
+    if (created != 1 || FillModernTables(*holder, stored) != 1) {
         ReleaseTrackNodes(holder);
         return;
     }
     ReleaseExpandedEntries((*holder)->TrakAtom);
 }
+
+// Once the fragments are in: the marks and key frame table over all the
+// samples, or the track given up when it ran out of memory on the way.
+void FinishTables(FragmentTrack &track, int32_t mode) {
+    TrackNode *node = *track.Holder;
+    if (node == nullptr) return;
+    if (track.Failed || FinishModernTables(node, node->TrackType, mode) != 1) {
+        ReleaseTrackNodes(track.Holder);
+        return;
+    }
+    node->FragmentCount = track.Fragments;
+}
+
+struct FreeTracks {
+    void operator()(FragmentTrack *tracks) const { std::free(tracks); }
+};
 
 const uint8_t *VisualEntryRecord(const AtomNode *trak) {
     const char *const path[] = {"mdia", "minf", "stbl", "stsd"};
@@ -117,6 +139,16 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
     while (moov != nullptr && !AtomNameEquals(moov->AtomName, "moov")) moov = moov->NextSibling;
     if (moov == nullptr) return kLoopDone;
 
+    // Every track the fragments may name, by its ID; made before the
+    // records so that a failed open has nothing half-linked to undo.
+    size_t trakCount = 0;
+    for (const AtomNode *trak = moov->FirstChild; trak != nullptr; trak = trak->NextSibling)
+        trakCount += AtomNameEquals(trak->AtomName, "trak") ? 1 : 0;
+    std::unique_ptr<FragmentTrack, FreeTracks> tracks(
+        static_cast<FragmentTrack *>(std::calloc(trakCount + 1, sizeof(FragmentTrack))));
+    if (tracks == nullptr) return FailOpen(file, nullptr, kLoopNoMemoryForVideo);
+    size_t count = 0;
+
     for (AtomNode *trak = moov->FirstChild; trak != nullptr; trak = trak->NextSibling) {
         if (!AtomNameEquals(trak->AtomName, "trak")) continue;
         const uint32_t trackId = ModernTrackId(trak);
@@ -127,6 +159,7 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
         node->TrackType = ModernTrackType(trak);
         node->TrackId = trackId;
 
+        TrackNode **holder = nullptr;
         if (node->TrackType == MP4_TRACK_VIDEO) {
             auto *record = static_cast<VideoTrackNode *>(ZeroAlloc(sizeof(VideoTrackNode)));
             if (record == nullptr) return FailOpen(file, node, kLoopNoMemoryForVideo);
@@ -139,8 +172,7 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
                 record->TrackWidth = GetBE16(entry, field::kVisualWidth);
                 record->TrackHeight = GetBE16(entry, field::kVisualHeight);
             }
-            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
-            if (record->Track != nullptr) record->SampleCount = record->Track->SampleCount;
+            holder = &record->Track;
         } else if (node->TrackType == MP4_TRACK_AUDIO) {
             auto *record = static_cast<AudioTrackNode *>(ZeroAlloc(sizeof(AudioTrackNode)));
             if (record == nullptr) return FailOpen(file, node, kLoopNoMemoryForAudio);
@@ -149,8 +181,7 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
             record->Track = node;
             Append(record, &form.AudioFirst, &form.AudioLast, &form.AudioCurrent);
             ReadMediaHeader(trak, &record->Timescale, &record->TrackDuration);
-            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
-            if (record->Track != nullptr) record->SampleCount = record->Track->SampleCount;
+            holder = &record->Track;
         } else {
             auto *record = static_cast<OtherTrackNode *>(ZeroAlloc(sizeof(OtherTrackNode)));
             if (record == nullptr) return FailOpen(file, node, OtherNoMemoryCode(node->TrackType));
@@ -158,8 +189,25 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
             record->TrackId = trackId;
             record->Track = node;
             Append(record, &form.OtherFirst, &form.OtherLast, &form.OtherCurrent);
-            BuildModernTables(&record->Track, root->FileSize, form.TableMode);
+            holder = &record->Track;
         }
+        tracks.get()[count++] = FragmentTrack{trackId, holder, 0, 0, 0, 0, 0, 0, false};
     }
+
+    // Of two tracks with one ID the first in the file takes the fragments.
+    FragmentTrack *first = tracks.get();
+    std::stable_sort(first, first + count, [](const FragmentTrack &a, const FragmentTrack &b) {
+        return a.TrackId < b.TrackId;
+    });
+    CountFragmentSamples(root, first, count);
+    for (size_t i = 0; i < count; ++i)
+        BuildModernTables(first[i].Holder, root->FileSize, form.TableMode, first[i].Samples);
+    FillFragmentSamples(root, first, count);
+    for (size_t i = 0; i < count; ++i) FinishTables(first[i], form.TableMode);
+
+    for (VideoTrackNode *v = form.VideoFirst; v != nullptr; v = v->NextTrack)
+        v->SampleCount = v->Track != nullptr ? v->Track->SampleCount : 0;
+    for (AudioTrackNode *a = form.AudioFirst; a != nullptr; a = a->NextTrack)
+        a->SampleCount = a->Track != nullptr ? a->Track->SampleCount : 0;
     return kLoopDone;
 }

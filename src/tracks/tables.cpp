@@ -93,8 +93,11 @@ int32_t ReserveKeyFrames(TrackNode *node, uint32_t records) {
 }
 
 uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index) {
-    const uint32_t *wraps = node->TimeWraps;
-    const uint64_t high = uint64_t(std::upper_bound(wraps, wraps + node->TimeWrapCount, index) - wraps);
+    const TimeHigh *first = node->TimeHighs;
+    const TimeHigh *last = first + node->TimeHighCount;
+    const TimeHigh *after = std::upper_bound(
+        first, last, index, [](uint32_t i, const TimeHigh &h) { return i < h.FirstSample; });
+    const uint64_t high = after == first ? 0 : (after - 1)->High;
     return (high << 32) | node->SampleRecords[index].Time;
 }
 
@@ -110,7 +113,7 @@ int32_t ReleaseTrackNodes(TrackNode **holder) {
         TrackNode *next = block->NextBlock;
         std::free(block->SampleRecords);
         std::free(block->KeyFrameRecords);
-        std::free(block->TimeWraps);
+        std::free(block->TimeHighs);
         std::free(block);
         block = next;
     }

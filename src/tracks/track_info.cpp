@@ -155,6 +155,7 @@ void FillCounts(const MP4_local_file *file, const AtomNode *trak, MP4TrackInfo *
     if (node != nullptr && node->Modern) {
         info->SampleCount = node->SampleCount;
         info->Duration = node->DecodeDuration;
+        info->FragmentCount = node->FragmentCount;
         return;
     }
     bool fits = false;

@@ -31,6 +31,12 @@ inline uint64_t SampleFileOffset(const SampleRecord &record) {
     return (uint64_t(record.FileOffsetHigh) << 32) | record.FileOffset;
 }
 
+// From sample FirstSample on, the decoding times' high 32 bits are High.
+struct TimeHigh {
+    uint32_t FirstSample;
+    uint32_t High;
+};
+
 struct KeyFrameRecord {
     uint32_t Time;
     uint32_t SampleIndex;  // 0-based sample number over the whole track
@@ -53,14 +59,16 @@ struct TrackNode {
     TrackNode *NextBlock;
 
     // Read side, modern handle only. Decoding times are 64 bits: a
-    // record keeps the low half, and TimeWraps lists, rising, the samples
-    // at which the high half goes up by one (a delta is below 2^32, so a
-    // sample passes at most one such boundary). DecodeDuration is the
-    // sum of all sample durations.
+    // record keeps the low half, and TimeHighs lists, by rising sample,
+    // where the high half changes (a track's times pass 2^32 rarely, and a
+    // fragment's own decoding time may jump either way). DecodeDuration is
+    // the sum of all sample durations; FragmentCount the track's fragments
+    // ("traf") in the file's whole "moof" atoms.
     uint8_t Modern;
-    uint32_t *TimeWraps;
-    uint32_t TimeWrapCount;
+    TimeHigh *TimeHighs;
+    uint32_t TimeHighCount;
     uint64_t DecodeDuration;
+    uint32_t FragmentCount;
 
     // Write side only.
     uint32_t SampleBase;
@@ -171,16 +179,51 @@ uint32_t ModernTrackId(const AtomNode *trak);
 // built from the 64-bit aware fill. 1, or -94..-90 after it has closed the
 // handle.
 int32_t RunModernTrackLoop(MP4_local_file **file);
-// Fills a node that has SampleCapacity records from its "trak" (TrakAtom):
-// times, sizes ("stsz" or "stz2"), offsets ("stco" or "co64"),
-// composition offsets, sync flags (all samples without "stss"), and for
-// TableMode 1 video a KeyFrameTable. 1, or a negative code when the tables
-// can't describe the samples.
-int32_t FillModernTables(TrackNode *node, int32_t trackType, int32_t mode);
+// Fills the first `count` records of a node (no more than SampleCapacity)
+// from the sample atoms of its "trak" (TrakAtom): times, sizes ("stsz" or
+// "stz2"), offsets ("stco" or "co64"), composition offsets and sync flags
+// (all samples without "stss"). SampleCount becomes the samples placed. 1,
+// or a negative code when the tables can't describe the samples.
+int32_t FillModernTables(TrackNode *node, uint32_t count);
+// What every sample of a filled node gives: the classic key frame marks
+// (video only), KeyFrameCount, and for TableMode 1 video a KeyFrameTable.
+// 1, or a negative code when there is no memory.
+int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode);
+// Sets the decoding time of record `index`, the next one of its track
+// (records are timed in order). 1, or a negative code when there is no
+// memory for the list of high halves.
+int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time);
 // The sample count that the size table of a "trak" claims, and whether the
 // file could hold that many samples (a table of sizes inside its atom, or a
 // constant size times the count inside the file).
 uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits);
+
+// ---- Fragments (fragments.cpp) ---------------------------------------------
+
+// One track of the modern loop as the fragment reader sees it.
+struct FragmentTrack {
+    uint32_t TrackId;
+    TrackNode **Holder;        // the record's Track field; *Holder null without tables
+    uint32_t DefaultDuration;  // "trex" defaults
+    uint32_t DefaultSize;
+    uint32_t DefaultFlags;
+    uint32_t Samples;          // samples its track fragments hold (counted)
+    uint32_t Fragments;        // its track fragments in whole "moof" atoms
+    uint64_t NextTime;         // where its samples so far end
+    bool Failed;               // no memory while its samples were appended
+};
+// Counts the samples and fragments of each track in the file's "moof"
+// atoms. `tracks` is sorted by TrackId. A "moof" that reaches past the end
+// of the file is left out, and so is a run whose sample count its atom (or,
+// without per-sample fields, the file) can't hold.
+void CountFragmentSamples(const Root_atom *root, FragmentTrack *tracks, size_t count);
+// Appends the samples of the "moof" atoms, in file order, to the nodes of
+// `tracks`, behind the samples they hold: sizes, offsets, decoding times,
+// composition offsets and sync flags, with the defaults of "tfhd" and of
+// the track's "trex"; and frees each run's entries once read. A track
+// whose node can't take its samples (no memory) is marked Failed, for the
+// caller to give up.
+void FillFragmentSamples(const Root_atom *root, FragmentTrack *tracks, size_t count);
 
 // ---- Tables (tables.cpp) -------------------------------------------------
 
@@ -193,25 +236,6 @@ int32_t ReleaseTrackNodes(TrackNode **holder);
 // zeroing the new ones; never shrinks below what is in use. 1, or -1 when
 // there is no memory (the old table stays).
 int32_t ReserveKeyFrames(TrackNode *node, uint32_t records);
-
-// ---- File reads (file_read.cpp) ------------------------------------------
-
-// Reads up to `count` bytes at `offset` of the stream's file in one
-// positioned read, without moving the stream or touching its buffer (the
-// file is only read, so the two never disagree). Gives the bytes read.
-size_t ReadFileAt(FILE *stream, uint64_t offset, uint8_t *bytes, size_t count);
-
-// Reads `count` bytes at `offset` of the root's file through the handle's
-// read-ahead window (ReadForm::SampleWindow), which is made on first use:
-// a request that the window holds is copied from it; any other one refills
-// the window with a single positioned read starting at `offset`. Requests
-// of more than half the window, or when there is no memory for it, are
-// read directly. Gives the bytes copied, fewer only when the file gives
-// fewer.
-size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t *bytes,
-                   size_t count);
-// Frees the window and nulls the pointer; a null window is fine.
-void ReleaseReadAhead(ReadAhead **window);
 
 // ---- Track loop (track_loop.cpp) -----------------------------------------
 

@@ -54,7 +54,7 @@ AtomNode *NewAtom(const char *name) {
 bool AppendMovieExtends(AtomNode *moov, const FragmentWriter &writer) {
     AtomNode *mvex = NewAtom("mvex");
     if (mvex == nullptr) return false;
-    for (const FragmentTrack &track : writer.Tracks) {
+    for (const RecordingTrack &track : writer.Tracks) {
         if (track.Track == nullptr) continue;
         AtomNode *trex = NewAtom("trex");
         if (trex == nullptr) {
@@ -94,11 +94,11 @@ int32_t WriteMovieHeader(MP4_local_file *file) {
     AtomNode *moov = file->RootAtom->FirstAtom;
     // A try that ran out of memory may have done the first steps; they
     // are done again or passed over.
-    for (const FragmentTrack &track : writer.Tracks) {
+    for (const RecordingTrack &track : writer.Tracks) {
         if (track.Track == nullptr) continue;
         if (SerializeTrack(track.Track) < 1) return kFragmentNoMemory;
     }
-    for (const FragmentTrack &track : writer.Tracks)
+    for (const RecordingTrack &track : writer.Tracks)
         if (track.Track != nullptr && track.Track->TrakAtom->ParentAtom == nullptr)
             AppendChild(moov, track.Track->TrakAtom);
     const bool hasTracks = writer.Tracks[0].Track != nullptr || writer.Tracks[1].Track != nullptr;

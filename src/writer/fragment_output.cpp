@@ -23,7 +23,7 @@ FragmentWriter *NewFragmentWriter(int fd, bool sync) {
 
 void ReleaseFragmentWriter(FragmentWriter *writer) {
     if (writer == nullptr) return;
-    for (FragmentTrack &track : writer->Tracks) {
+    for (RecordingTrack &track : writer->Tracks) {
         std::free(track.Frames);
         std::free(track.Bytes);
         std::free(track.Index);

@@ -87,19 +87,19 @@ void PutVersionFlags(uint8_t *out, size_t at, uint8_t version, uint32_t flags) {
 
 // A frame lasts up to its track's next frame; the last frame held, which
 // only the flush writes, lasts as long as the frame before it.
-uint32_t DurationOf(const FragmentTrack &track, size_t i) {
+uint32_t DurationOf(const RecordingTrack &track, size_t i) {
     if (i + 1 < track.FrameCount) return uint32_t(track.Frames[i + 1].Time - track.Frames[i].Time);
     return track.LastDuration;
 }
 
-uint64_t DataBytes(const FragmentTrack &track, size_t count) {
+uint64_t DataBytes(const RecordingTrack &track, size_t count) {
     uint64_t bytes = 0;
     for (size_t i = 0; i < count; ++i) bytes += track.Frames[i].Size;
     return bytes;
 }
 
 // Fills one "traf" at `at`; gives where it ends.
-size_t PutTrackFragment(uint8_t *out, size_t at, const FragmentTrack &track, size_t count,
+size_t PutTrackFragment(uint8_t *out, size_t at, const RecordingTrack &track, size_t count,
                         uint64_t trafSize, uint64_t dataOffset) {
     const TrackNode &node = *track.Track;
     const RunLayout run = RunLayoutOf(node);
@@ -135,7 +135,7 @@ size_t PutTrackFragment(uint8_t *out, size_t at, const FragmentTrack &track, siz
     return at;
 }
 
-uint64_t TrackFragmentSize(const FragmentTrack &track, size_t count) {
+uint64_t TrackFragmentSize(const RecordingTrack &track, size_t count) {
     const RunLayout run = RunLayoutOf(*track.Track);
     return HeadOf("traf") + ModernHeadLength(SchemaOf("tfhd"), 0, kTfhdFlags) +
            FullHeadOf("tfdt", VersionFor(track.Frames[0].Time)) + run.head +
@@ -143,7 +143,7 @@ uint64_t TrackFragmentSize(const FragmentTrack &track, size_t count) {
 }
 
 // Drops the first `count` frames and their bytes from a track.
-void Consume(FragmentTrack &track, size_t count, uint64_t bytes) {
+void Consume(RecordingTrack &track, size_t count, uint64_t bytes) {
     track.FrameCount -= count;
     if (track.FrameCount > 0)
         std::memmove(track.Frames, track.Frames + count, track.FrameCount * sizeof(PendingFrame));
@@ -163,12 +163,12 @@ int32_t WriteFragment(FragmentWriter *writer, const size_t counts[2]) {
     uint64_t moofSize = moofHead + mfhdSize;
     size_t points = 0;
     for (size_t t = 0; t < 2; ++t) {
-        const FragmentTrack &track = writer->Tracks[t];
+        const RecordingTrack &track = writer->Tracks[t];
         if (counts[t] == 0 || track.Track == nullptr) continue;
         trafSizes[t] = TrackFragmentSize(track, counts[t]);
         bytes[t] = DataBytes(track, counts[t]);
         moofSize += trafSizes[t];
-        FragmentTrack &indexed = writer->Tracks[t];
+        RecordingTrack &indexed = writer->Tracks[t];
         if (!GrowRecords(&indexed.Index, &indexed.IndexCapacity, indexed.IndexCount + 1))
             return kFragmentNoMemory;
         ++points;
@@ -189,7 +189,7 @@ int32_t WriteFragment(FragmentWriter *writer, const size_t counts[2]) {
     bool hasPoint[2] = {false, false};
     for (size_t t = 0; t < 2; ++t) {
         if (trafSizes[t] == 0) continue;
-        const FragmentTrack &track = writer->Tracks[t];
+        const RecordingTrack &track = writer->Tracks[t];
         ++trafNumber;
         // The track's random access point here: its first sync sample.
         for (size_t i = 0; i < counts[t] && !hasPoint[t]; ++i) {
@@ -211,7 +211,7 @@ int32_t WriteFragment(FragmentWriter *writer, const size_t counts[2]) {
 
     ++writer->Sequence;
     for (size_t t = 0; t < 2; ++t) {
-        FragmentTrack &track = writer->Tracks[t];
+        RecordingTrack &track = writer->Tracks[t];
         if (hasPoint[t]) track.Index[track.IndexCount++] = found[t];
         if (trafSizes[t] != 0) Consume(track, counts[t], bytes[t]);
     }
@@ -224,7 +224,7 @@ int32_t WriteFragmentIndex(FragmentWriter *writer) {
     uint8_t versions[2] = {0, 0};
     uint32_t entrySizes[2] = {0, 0};
     for (size_t t = 0; t < 2; ++t) {
-        const FragmentTrack &track = writer->Tracks[t];
+        const RecordingTrack &track = writer->Tracks[t];
         if (track.Track == nullptr) continue;
         for (size_t i = 0; i < track.IndexCount; ++i)
             versions[t] |= VersionFor(track.Index[i].Time) | VersionFor(track.Index[i].MoofOffset);
@@ -236,7 +236,7 @@ int32_t WriteFragmentIndex(FragmentWriter *writer) {
     uint8_t *out = writer->Head;
     size_t at = PutHead(out, 0, size, "mfra", mfraHead);
     for (size_t t = 0; t < 2; ++t) {
-        const FragmentTrack &track = writer->Tracks[t];
+        const RecordingTrack &track = writer->Tracks[t];
         if (track.Track == nullptr) continue;
         PutHead(out, at, tfraHead + uint64_t(track.IndexCount) * entrySizes[t], "tfra", tfraHead);
         PutVersionFlags(out, at, versions[t], 0);

@@ -88,7 +88,7 @@ struct RandomAccessPoint {
 
 // A video or audio track of a fragmented handle: the frames not yet
 // written with their bytes, and the index of the fragments written.
-struct FragmentTrack {
+struct RecordingTrack {
     TrackNode *Track;            // the handle's track; null: there is none
     PendingFrame *Frames;        // oldest first
     size_t FrameCount;
@@ -107,7 +107,7 @@ struct FragmentTrack {
 
 // The state of a fragmented handle (WriteForm::Fragments).
 struct FragmentWriter {
-    FragmentTrack Tracks[2];     // video, audio: the order of "trak", "trex" and "traf"
+    RecordingTrack Tracks[2];     // video, audio: the order of "trak", "trex" and "traf"
     int Fd;                      // the output's descriptor; its stream is never written
     uint8_t Sync;                // MP4_NEW_SYNC: every write is made durable
     uint8_t HeaderWritten;       // "ftyp" and "moov" are in the file

@@ -49,7 +49,7 @@
     FIELD(MP4TrackInfo, Language, 60, 4) FIELD(MP4TrackInfo, Encrypted, 64, 1)    \
     FIELD(MP4TrackInfo, Pad, 65, 3) FIELD(MP4TrackInfo, Scheme, 68, 4)            \
     FIELD(MP4TrackInfo, EditMediaTime, 72, 8) FIELD(MP4TrackInfo, EditDelay, 80, 8) \
-    FIELD(MP4TrackInfo, Reserved, 88, 32)                                         \
+    FIELD(MP4TrackInfo, FragmentCount, 88, 4) FIELD(MP4TrackInfo, Reserved, 92, 28) \
     RECORD(MP4SampleInfo, 32)                                                     \
     FIELD(MP4SampleInfo, FileOffset, 0, 8) FIELD(MP4SampleInfo, DecodeTime, 8, 8) \
     FIELD(MP4SampleInfo, CompositionOffset, 16, 4) FIELD(MP4SampleInfo, Size, 20, 4) \

@@ -86,7 +86,7 @@ inline std::string HexBytes(const uint8_t *bytes, size_t size) {
 // The bytes in a block of exactly their size, so that the sanitizers see a read behind them.
 inline std::unique_ptr<uint8_t[]> Block(const Bytes &bytes, size_t length) {
     std::unique_ptr<uint8_t[]> block(new uint8_t[length + 1]);
-    memcpy(block.get(), bytes.data(), length);
+    if (length != 0) memcpy(block.get(), bytes.data(), length);  // an empty vector may have no data
     return block;
 }
 

@@ -52,6 +52,9 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         {"stz2 claims 10^9", Fixture("modern/claims_stz2_count.mp4"), 1, 1, -97, 1000000000},
         {"co64 claims 10^9", Fixture("modern/claims_co64_count.mp4"), 1, 1, -97, 3},
         {"ctts claims 10^9", Fixture("modern/claims_ctts_count.mp4"), 1, 1, -97, 3},
+        {"trun claims 10^9", Fixture("modern/claims_trun_count.mp4"), 1, 1, -97, 0},
+        {"trun of defaults claims 10^9", Fixture("modern/claims_trun_defaults_count.mp4"), 1, 1,
+         -97, 0},
         {"constant size times 10^9 passes the file", MiniFile("video 3 stsz 1,1000000000"), 1, 1, -97,
          1000000000},
         {"samples no chunk holds are cut off", MiniFile("video 3 chunk 2 stco 1,28"), 1, 1, 1, 2},
@@ -83,6 +86,34 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         EXPECT_LT(took, std::chrono::seconds(1));  // natively about 1 ms; valgrind is slower
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     }
+}
+
+// Ten thousand fragments of one sample of one byte, their defaults in
+// "tfhd": the open takes time and memory in proportion to the file, and
+// the last fragment's sample is where its run says.
+TEST(ModernEdges, TinyFragmentsOpenInProportionToTheFile) {
+    constexpr uint32_t kFragments = 10000;
+    const Bytes fragment = Cat(
+        {Atom("moof", {FullAtom("mfhd", 0, {U32(1)}),
+                       Atom("traf", {FullAtom("tfhd", 0x020038, {U32(1), U32(10), U32(1), U32(0)}),
+                                     FullAtom("trun", 0x000001, {U32(1), U32(88)})})}),
+         Atom("mdat", {U8(7)})});
+    Bytes bytes = MiniFile("video 1 moov first");
+    for (uint32_t i = 0; i < kFragments; ++i) bytes.insert(bytes.end(), fragment.begin(), fragment.end());
+    const size_t heapBefore = mallinfo2().uordblks;
+    const auto start = std::chrono::steady_clock::now();
+    ModernFile f(bytes);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_LT(mallinfo2().uordblks - heapBefore, 12 * bytes.size());
+    MP4TrackInfo info{};
+    ASSERT_EQ(MP4GetTrackInfo(f.handle, 0, &info), 1);
+    EXPECT_EQ(info.SampleCount, kFragments + 1);
+    EXPECT_EQ(info.FragmentCount, kFragments);
+    EXPECT_EQ(info.Duration, 10u * (kFragments + 1));
+    MP4Sample *sample = nullptr;
+    ASSERT_EQ(MP4ReadSample(f.handle, 1, MP4_TRACK_VIDEO, kFragments, &sample), 1);
+    EXPECT_EQ(Bytes(sample->Data, sample->Data + sample->Size), Bytes{7});
+    SampleDataFree(&sample);
 }
 
 TEST(ModernEdges, UnknownFlagGives100AndWritesNothing) {

@@ -126,7 +126,7 @@ std::string State(const MP4_local_file *file) {
                        (unsigned long long)f->FileEnd, f->HeaderWritten ? "" : ", no header",
                        f->Failed ? ", failed" : "", f->Leading, (unsigned long long)f->FragmentStart);
         if (f->CutPending) text += Format(", cut at %llu", (unsigned long long)f->CutTime);
-        for (const FragmentTrack &t : f->Tracks)
+        for (const RecordingTrack &t : f->Tracks)
             if (t.Track != nullptr)
                 text += Format("\n    track %u: %zu frames held (%zu bytes), last duration %u, %zu index entries",
                                t.Track->TrackId, t.FrameCount, t.ByteCount, t.LastDuration, t.IndexCount);
@@ -235,7 +235,7 @@ struct Case {
             // frames held so many ticks.
             if (FragmentWriter *f = w.Fragments) {
                 if (a.count("fileend")) f->FileEnd = std::stoull(a.at("fileend"));
-                for (FragmentTrack &t : f->Tracks)
+                for (RecordingTrack &t : f->Tracks)
                     for (size_t i = 0; i < t.FrameCount; ++i) t.Frames[i].Time += std::stoull(a.count("ticks") ? a.at("ticks") : "0");
             }
             return "";

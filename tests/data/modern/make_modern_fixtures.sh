@@ -99,6 +99,29 @@ ff $(video 16x16 2 6) "${x264[@]}" -g 4 -video_track_timescale 1000000000 \
    "${exact[@]}" timescale_1ghz.mp4
 finish timescale_1ghz.mp4
 
+# Fragmented files as FFmpeg writes them for recorders and for DASH, HLS and
+# CMAF: H.264 (B-frames) with AAC, fragments at key frames with an empty
+# "moov" and with the first fragment's samples in "moov", with a global
+# "sidx", one fragment per picture (CMAF: "trun" version 1), and HEVC; then
+# the first cut in the middle of its last fragment's data and in the middle
+# of its last "moof".
+frag=($(video 160x120 25 1) $(audio 44100 1) "${x264[@]}" -c:a aac -b:a 32k -ac 2 "${exact[@]}")
+ff "${frag[@]}" -movflags frag_keyframe+empty_moov frag_empty_moov.mp4
+finish frag_empty_moov.mp4
+ff "${frag[@]}" -movflags frag_keyframe frag_keyframe.mp4
+finish frag_keyframe.mp4
+ff "${frag[@]}" -movflags dash+global_sidx frag_dash_sidx.mp4
+finish frag_dash_sidx.mp4
+ff "${frag[@]}" -movflags cmaf+frag_every_frame frag_cmaf_every_frame.mp4
+finish frag_cmaf_every_frame.mp4
+ff $(video 160x120 25 1) "${x265[@]}" -x265-params "$x265p" -tag:v hvc1 "${exact[@]}" \
+   -movflags frag_keyframe+empty_moov frag_hevc.mp4
+finish frag_hevc.mp4
+$tool cut frag_empty_moov.mp4 mdat frag_cut_in_data.mp4
+finish frag_cut_in_data.mp4
+$tool cut frag_empty_moov.mp4 moof frag_cut_in_moof.mp4
+finish frag_cut_in_moof.mp4
+
 # The hand-built files (samples and sample entries taken from the files
 # above), with their listings.
 [ -f "$here/build_fixtures.py" ] && python3 "$here/build_fixtures.py" "$here"

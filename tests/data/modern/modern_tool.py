@@ -10,6 +10,8 @@ fixtures and the checks made on them at generation time.
                                  and edit list read from the file's atoms
   modern_tool.py describe FILE   one line: top-level atoms, each track's headers
   modern_tool.py atoms FILE      the atom tree, one line per atom (for eyes)
+  modern_tool.py cut FILE ATOM OUT   FILE cut in the middle of its last
+                                 top-level ATOM (a recording cut short)
 
 Both listings are checked against the file's own atoms as they are made:
 ffprobe's stream ids are the "tkhd" track ids in "trak" order, its time base
@@ -43,6 +45,7 @@ class Atom:
         self.name, self.pos, self.size, self.head = name, pos, size, head
         self.children = []
         self.extra = b""  # the 16-byte type of a "uuid"
+        self.cut = False
 
     def body(self, data):
         return data[self.pos + self.head:self.pos + self.size]
@@ -71,9 +74,14 @@ def parse(data, start, end, depth=0):
             head = 16
         elif size == 0:
             size = end - pos
-        if size < head or pos + size > end:
+        cut = depth == 0 and size >= head and pos + size > end
+        if size < head or (pos + size > end and not cut):
             raise SystemExit("bad size %d of %r at %d" % (size, name, pos))
         atom = Atom(name, pos, size, head)
+        atom.cut = cut  # a top-level atom cut by the end of the file: no children
+        if cut:
+            out.append(atom)
+            break
         if name == b"uuid":
             atom.extra = data[pos + head:pos + head + 16]
             atom.head += 16
@@ -233,6 +241,7 @@ class Track:
         body = sizes.body(data)
         self.sample_size = struct.unpack(">I", body[4:8])[0] if sizes.name == b"stsz" else 0
         self.count = struct.unpack(">I", body[8:12])[0]
+        self.stored = self.count  # samples of the "stbl"; the fragments' follow
         self.has_stss = stbl.find("stss") is not None
         ctts = stbl.find("ctts")
         self.ctts_version = ctts.body(data)[0] if ctts else None
@@ -271,12 +280,100 @@ class Track:
                     break
 
 
+# Fields that the flags of "tfhd" and "trun" switch on, in their order:
+# (flag, bytes). ISO/IEC 14496-12, read here independently of the library.
+TFHD_FIELDS = [(0x1, 8), (0x2, 4), (0x8, 4), (0x10, 4), (0x20, 4)]
+TRUN_HEAD = [(0x1, 4), (0x4, 4)]
+TRUN_ENTRY = [(0x100, 4), (0x200, 4), (0x400, 4), (0x800, 4)]
+NON_SYNC = 0x00010000
+
+
+def flagged(body, at, flags, fields):
+    """The values of the fields the flags switch on, from body[at:], and
+    where they end."""
+    values = {}
+    for flag, size in fields:
+        if flags & flag:
+            values[flag] = int.from_bytes(body[at:at + size], "big")
+            at += size
+    return values, at
+
+
+class Fragments:
+    """The samples of a file's whole "moof" atoms, per track ID, as ISO/IEC
+    14496-12 places them: [dts, duration, size, pos, sync, cto] each, and the
+    number of track fragments."""
+
+    def __init__(self, data, top, moov, stored_end):
+        self.samples, self.fragments = {}, {}
+        trex = {}
+        for t in (moov.find("mvex").all("trex") if moov.find("mvex") else []):
+            b = t.body(data)
+            tid, _, dur, size, flags = struct.unpack(">5I", b[4:24])
+            trex[tid] = (dur, size, flags)
+        next_time = dict(stored_end)
+        for moof in (a for a in top if a.name == b"moof" and not a.cut):
+            previous_end = moof.pos
+            for traf in moof.all("traf"):
+                b = traf.find("tfhd").body(data)
+                flags = int.from_bytes(b[1:4], "big")
+                tid = struct.unpack(">I", b[4:8])[0]
+                v, _ = flagged(b, 8, flags, TFHD_FIELDS)
+                dur0, size0, flags0 = trex.get(tid, (0, 0, 0))
+                dur0, size0, flags0 = v.get(0x8, dur0), v.get(0x10, size0), v.get(0x20, flags0)
+                if 0x1 in v:
+                    base = v[0x1]
+                elif flags & 0x020000:
+                    base = moof.pos
+                else:
+                    base = previous_end
+                tfdt = traf.find("tfdt")
+                time = next_time.get(tid, 0)
+                if tfdt is not None:
+                    tb = tfdt.body(data)
+                    time = struct.unpack(">Q" if tb[0] == 1 else ">I", tb[4:12] if tb[0] == 1
+                                         else tb[4:8])[0]
+                out = self.samples.setdefault(tid, [])
+                self.fragments[tid] = self.fragments.get(tid, 0) + 1
+                run_end = base
+                for trun in traf.all("trun"):
+                    r = trun.body(data)
+                    version, rflags = r[0], int.from_bytes(r[1:4], "big")
+                    count = struct.unpack(">I", r[4:8])[0]
+                    head, at = flagged(r, 8, rflags, TRUN_HEAD)
+                    pos = base + struct.unpack(">i", head[0x1].to_bytes(4, "big"))[0] \
+                        if 0x1 in head else run_end
+                    for k in range(count):
+                        e, at = flagged(r, at, rflags, TRUN_ENTRY)
+                        size = e.get(0x200, size0)
+                        duration = e.get(0x100, dur0)
+                        sflags = e.get(0x400, head.get(0x4, flags0) if k == 0 else flags0)
+                        cto = e.get(0x800, 0)
+                        if version == 1 and cto >= 1 << 31:
+                            cto -= 1 << 32
+                        out.append([time, duration, size, pos, not sflags & NON_SYNC, cto])
+                        time += duration
+                        pos += size
+                    run_end = pos
+                next_time[tid] = time
+                previous_end = run_end
+
+
 def tracks(data):
     top = atoms(data)
     moov = next(a for a in top if a.name == b"moov")
     mvhd = moov.find("mvhd").body(data)
     movie_timescale = struct.unpack(">I", mvhd[20:24] if mvhd[0] == 1 else mvhd[12:16])[0]
-    return [Track(data, t, movie_timescale) for t in moov.all("trak")]
+    mine = [Track(data, t, movie_timescale) for t in moov.all("trak")]
+    # The fragments' samples follow those of the "stbl", timed on from them.
+    frags = Fragments(data, top, moov, {t.id: t.duration for t in mine})
+    for t in mine:
+        t.fragment_samples = frags.samples.get(t.id, [])
+        t.fragments = frags.fragments.get(t.id, 0)
+        t.count += len(t.fragment_samples)
+        t.duration += sum(f[1] for f in t.fragment_samples)
+        t.offsets = t.offsets + [f[5] for f in t.fragment_samples]
+    return mine
 
 
 def ffprobe(path, what):
@@ -308,7 +405,10 @@ def matched_tracks(path, data, streams):
     return mine
 
 
-def samples_lines(path, name=None):
+def samples_lines(path, name=None, strict=True):
+    """The listing from ffprobe; a fragment sample where ffprobe and this
+    file's own reading of the fragments differ stops it, or with strict
+    False is a note."""
     data = open(path, "rb").read()
     streams = ffprobe(path, ["-show_streams"])["streams"]
     packets = ffprobe(path, ["-show_packets", "-show_data_hash", "CRC32"])["packets"]
@@ -337,16 +437,40 @@ def samples_lines(path, name=None):
                                                                     t.sample_size, t.count))
             lines.append("pcm %d %d %08x" % (t.sample_size, len(blob), zlib.crc32(blob)))
             continue
-        if len(own) != t.count:
+        # Samples of fragments that lie past the end of a cut file can't be
+        # read (ffprobe gives the first of them partly, then stops).
+        frag = t.fragment_samples
+        past = [f for f in frag if f[3] + f[2] > len(data)]
+        if past and frag[-len(past):] != past:
+            raise SystemExit("%s: track %d: samples past the end are not the last" % (path, t.id))
+        readable = t.count - len(past)
+        if len(own) < readable or len(own) > readable + (1 if past else 0):
             raise SystemExit("%s: track %d: %d packets, %d samples" % (path, t.id, len(own), t.count))
+        if len(own) > readable:
+            text = "ffprobe gives the first sample past the end partly (%s bytes)" % own[-1]["size"]
+            note(path, "track %d: %s" % (t.id, text))
+            lines.insert(head, "# " + text)
+        own = own[:readable]
         first = int(own[0]["dts"]) if own else 0
+        mine_first = frag[0][0] if frag and t.stored == 0 else 0
         differs = []
-        for p, offset in zip(own, t.offsets):
+        for i, (p, offset) in enumerate(zip(own, t.offsets)):
+            key = 1 if p["flags"].startswith("K") else 0
+            if i >= t.stored:
+                f = frag[i - t.stored]
+                got = (int(p["dts"]) - first, int(p["size"]), int(p["pos"]), key)
+                want = (f[0] - mine_first, f[2], f[3], 1 if f[4] else 0)
+                if got != want:
+                    text = "track %d sample %d: ffprobe %r, fragments %r" % (t.id, i, got, want)
+                    if strict:
+                        raise SystemExit("%s: %s" % (path, text))
+                    note(path, text)
             if int(p["pts"]) - int(p["dts"]) != offset:
                 differs.append((int(p["pts"]) - int(p["dts"]), offset))
             lines.append("%d %s %s %d %d %s" % (
-                int(p["dts"]) - first, p["size"], p["pos"], 1 if p["flags"].startswith("K") else 0,
+                int(p["dts"]) - first, p["size"], p["pos"], key,
                 offset, p["data_hash"].split(":")[1]))
+        lines.extend("error -92" for _ in past)
         if differs:
             text = ("in %d samples ffprobe's pts - dts is not the \"ctts\" offset (first: %d, "
                     "ctts %d); CTS_OFFSET is the file's" % ((len(differs),) + differs[0]))
@@ -392,10 +516,11 @@ def streams_lines(path, name=None):
                 "%d bytes, %s" % (len(extra), extra.hex()) if extra else "none"))
         duration = int(s["duration_ts"])
         if duration != t.duration:
-            note(path, "stream %s: duration_ts %d, sum of stts %d" % (s["id"], duration, t.duration))
-        frames = int(s.get("nb_frames", 0))
-        if frames != t.count:
-            note(path, "stream %s: nb_frames %d, samples %d" % (s["id"], frames, t.count))
+            note(path, "stream %s: duration_ts %d, sum of the sample durations %d" %
+                 (s["id"], duration, t.duration))
+        frames = s.get("nb_frames", "N/A")
+        if frames != str(t.count):
+            note(path, "stream %s: nb_frames %s, samples %d" % (s["id"], frames, t.count))
         rotation = next((int(x.get("rotation", 0)) for x in s.get("side_data_list", [])
                          if x.get("side_data_type") == "Display Matrix"), 0)
         if -rotation % 360 != t.rotation:
@@ -410,13 +535,14 @@ def streams_lines(path, name=None):
                                                                         t.language))
         lines.append("stream %s %s %s width %d height %d rate %s channels %d duration %d "
                      "frames %d extradata %s config %s edit %d %d rotation %d sar %d:%d "
-                     "language %s scheme %s" % (
+                     "language %s scheme %s%s" % (
                          s["id"], kind_of(s), tag, s.get("width", 0), s.get("height", 0),
-                         s.get("sample_rate", "0"), s.get("channels", 0), duration, frames,
+                         s.get("sample_rate", "0"), s.get("channels", 0), t.duration, t.count,
                          extra.hex() if compared and extra else "-",
                          t.config.hex() if t.config else "-",
                          t.edit_media_time, t.edit_delay, t.rotation, t.pasp[0], t.pasp[1],
-                         t.language, t.scheme or "-"))
+                         t.language, t.scheme or "-",
+                         " fragments %d" % t.fragments if t.fragments else ""))
     return lines
 
 
@@ -440,6 +566,11 @@ def main(argv):
         name = argv[argv.index("--name") + 1] if "--name" in argv else None
         make = samples_lines if argv[0] == "samples" else streams_lines
         print("\n".join(make(argv[1], name)))
+    elif len(argv) == 4 and argv[0] == "cut":
+        # cut FILE ATOM OUT: FILE up to the middle of its last top-level ATOM
+        data = open(argv[1], "rb").read()
+        last = [a for a in atoms(data) if a.name == argv[2].encode()][-1]
+        open(argv[3], "wb").write(data[:last.pos + last.size // 2])
     elif len(argv) == 2 and argv[0] == "describe":
         describe(argv[1])
     elif len(argv) == 2 and argv[0] == "atoms":

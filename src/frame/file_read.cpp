@@ -1,5 +1,6 @@
-// Positioned reads of a track's file, shared by the key frame scan and the
-// sample access calls, and the read-ahead window that serves the samples.
+// Positioned reads of a handle's file, shared by the modern reader's atom
+// walks, the key frame scan and the sample access calls, and the
+// read-ahead window that serves runs of small reads with one read.
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tracks/tracks.h"
+#include "frame/frame.h"
 
 namespace {
 
@@ -19,10 +20,14 @@ constexpr size_t kReadAheadLargest = kReadAheadBytes / 2;
 
 }  // namespace
 
+// The window's bytes follow the record in the same block: as many as the
+// file has, up to kReadAheadBytes, so that a small file costs no more
+// memory than its own size.
 struct ReadAhead {
-    uint8_t Bytes[kReadAheadBytes];
-    uint64_t Start;   // file offset of Bytes[0]
-    size_t Length;    // bytes of the file that Bytes holds
+    uint64_t Start;   // file offset of Bytes()[0]
+    size_t Length;    // bytes of the file that the window holds
+    size_t Capacity;  // bytes the window can hold
+    uint8_t *Bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
 };
 
 size_t ReadFileAt(FILE *stream, uint64_t offset, uint8_t *bytes, size_t count) {
@@ -42,23 +47,27 @@ size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t
     if (count > kReadAheadLargest) return ReadFileAt(root->FileStream, offset, bytes, count);
     ReadAhead *held = *window;
     if (held != nullptr && offset >= held->Start && offset + count <= held->Start + held->Length) {
-        std::memcpy(bytes, held->Bytes + (offset - held->Start), count);
+        std::memcpy(bytes, held->Bytes() + (offset - held->Start), count);
         return count;
     }
     if (held == nullptr) {
-        // Without memory for the window every sample is read on its own.
-        held = static_cast<ReadAhead *>(std::malloc(sizeof(ReadAhead)));
+        const size_t capacity = size_t(std::min<uint64_t>(kReadAheadBytes, root->FileSize));
+        // Without memory for the window every read goes to the file.
+        held = static_cast<ReadAhead *>(std::malloc(sizeof(ReadAhead) + capacity));
         if (held == nullptr) return ReadFileAt(root->FileStream, offset, bytes, count);
+        held->Capacity = capacity;
         *window = held;
     }
-    // The refill starts at the sample and stops at the end of the file as
-    // the open measured it; the sample itself is always asked for whole.
+    // The refill starts at the request and stops at the end of the file as
+    // the open measured it (or the window's end); a request the window
+    // can't hold whole is read directly.
+    if (count > held->Capacity) return ReadFileAt(root->FileStream, offset, bytes, count);
     const uint64_t left = offset < root->FileSize ? root->FileSize - offset : 0;
-    const size_t span = std::max(count, size_t(std::min<uint64_t>(kReadAheadBytes, left)));
+    const size_t span = std::max(count, size_t(std::min<uint64_t>(held->Capacity, left)));
     held->Start = offset;
-    held->Length = ReadFileAt(root->FileStream, offset, held->Bytes, span);
+    held->Length = ReadFileAt(root->FileStream, offset, held->Bytes(), span);
     const size_t got = std::min(count, held->Length);
-    std::memcpy(bytes, held->Bytes, got);
+    std::memcpy(bytes, held->Bytes(), got);
     return got;
 }
 
