@@ -138,6 +138,10 @@ std::string State(const MP4_local_file *file) {
 struct Case {
     TempPath output{".mp4"}, videoTemp{".video"}, audioTemp{".audio"}, fullLink{".full"};
     MP4_local_file *file = nullptr;
+    // The frames a fragmented handle took, per track type, as the modern
+    // reader must give them back: time from the track's first, size, CRC,
+    // sync flag, composition offset.
+    std::map<int32_t, std::vector<std::vector<uint32_t>>> taken;
 
     Case() {
         CaptureStream quiet(stdout);
@@ -181,9 +185,14 @@ struct Case {
             const uint8_t *data = a.count("null") ? nullptr : frame.data();
             uint32_t flag = i < flags.size() ? flags[i] : Num(a, "key", 0);
             if ((every != 0 && i % every == 0) || std::count(keys.begin(), keys.end(), i)) flag = 1;
-            ++counts[video ? AddVideoFrame(Handle(a), size, data, i < cts.size() ? cts[i] : 0, time, flag,
-                                           uint8_t(Num(a, "ctflag", 0)))
-                           : AddAudioFrame(Handle(a), size, data, time)];
+            const int32_t result = video ? AddVideoFrame(Handle(a), size, data, i < cts.size() ? cts[i] : 0, time,
+                                                         flag, uint8_t(Num(a, "ctflag", 0)))
+                                         : AddAudioFrame(Handle(a), size, data, time);
+            ++counts[result];
+            if (result == 1 && file->write.Fragments != nullptr)
+                taken[video ? 1 : 2].push_back({time, size,
+                                 Crc32(frame.data(), frame.size()), !video || flag == 1,
+                                 Num(a, "ctflag", 0) != 0 && i < cts.size() ? cts[i] : 0});
         }
         std::string text = "  =";
         for (const auto &[result, count] : counts)
@@ -206,6 +215,39 @@ struct Case {
         std::string text = result + Format("  file of %zu bytes\n", written.size());
         if (FileExists(videoTemp.path()) || FileExists(audioTemp.path())) text += "  a temp file is left\n";
         DumpAtoms(written, 0, written.size(), "  ", text);
+        return text + (taken.empty() ? "" : ReadBack());
+    }
+
+    // Each track of the fragmented file through the modern reader, sample
+    // for sample against the frames taken.
+    std::string ReadBack() {
+        MP4_local_file *read = nullptr;
+        std::string text;
+        if (MP4FileOpenEx(&read, output.c_str(), 1, MP4_OPEN_MODERN) != 1) return "  read back: no file\n";
+        uint32_t tracks = 0;
+        MP4GetTrackCount(read, &tracks);
+        for (uint32_t t = 0; t < tracks; ++t) {
+            MP4TrackInfo info{};
+            MP4GetTrackInfo(read, t, &info);
+            const std::vector<std::vector<uint32_t>> &frames = taken[info.TrackType];
+            size_t same = 0;
+            for (; same < info.SampleCount && same < frames.size(); ++same) {
+                MP4SampleInfo sample{};
+                MP4Sample *bytes = nullptr;
+                MP4GetSampleInfo(read, info.TrackId, info.TrackType, uint32_t(same), &sample);
+                MP4ReadSample(read, info.TrackId, info.TrackType, uint32_t(same), &bytes);
+                const std::vector<uint32_t> got = {uint32_t(sample.DecodeTime), sample.Size,
+                                                   bytes != nullptr ? Crc32(bytes->Data, bytes->Size) : Crc32(nullptr, 0),
+                                                   sample.IsKeyFrame, uint32_t(sample.CompositionOffset)};
+                SampleDataFree(&bytes);
+                if (got != std::vector<uint32_t>{frames[same][0] - frames[0][0], frames[same][1], frames[same][2],
+                                                 frames[same][3], frames[same][4]})
+                    break;
+            }
+            text += Format("  read back: track %u, %u samples in %u fragments; the first %zu of the %zu frames taken as written\n",
+                           info.TrackId, info.SampleCount, info.FragmentCount, same, frames.size());
+        }
+        MP4FileClose(&read);
         return text;
     }
 
@@ -265,6 +307,7 @@ struct Case {
                 if (file != nullptr) MP4FileFlush(file);
             }
             std::remove(output.c_str());
+            taken.clear();
             const char *path = a.count("full") ? "/dev/full" : a.count("missing") ? "/nonexistent-folder/out.mp4"
                                                                                   : output.c_str();
             file = reinterpret_cast<MP4_local_file *>(1);
