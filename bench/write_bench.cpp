@@ -334,9 +334,9 @@ void BM_LibavWrite(benchmark::State &state, const Workload *work) {
 
 // Reads the written file back with mp4core: video and audio sample counts,
 // -1 each when it does not open.
-std::pair<int64_t, int64_t> CountBack(const std::string &path) {
+std::pair<int64_t, int64_t> CountBack(const std::string &path, uint32_t openFlags = 0) {
     MP4_local_file *file = nullptr;
-    if (MP4FileOpen(&file, path.c_str(), MP4_TABLE_KEYFRAMES) != 1) return {-1, -1};
+    if (MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_KEYFRAMES, openFlags) != 1) return {-1, -1};
     int64_t counts[2] = {0, 0};
     for (int32_t type : {MP4_TRACK_VIDEO, MP4_TRACK_AUDIO}) {
         MP4Sample *sample = nullptr;
@@ -454,6 +454,12 @@ int main(int argc, char **argv) {
                     kVideoFrames, kAudioFrames);
     } else {
         std::printf("read back: the write failed\n");
+    }
+    check.Remove();
+    if (Mp4coreWrite(work, check, MP4_NEW_FRAGMENTED) == 1) {
+        std::pair<int64_t, int64_t> counts = CountBack(check.output, MP4_OPEN_MODERN);
+        std::printf("read back (fragmented, modern reader): %lld video and %lld audio samples\n",
+                    static_cast<long long>(counts.first), static_cast<long long>(counts.second));
     }
     check.Remove();
 
