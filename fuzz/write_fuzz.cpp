@@ -1,8 +1,11 @@
-// Drives the write API with a script taken from the input: tracks of any
-// type with fuzzer-chosen sizes, clocks and configurations, frames of any
-// size, time stamp and key flag, runs of frames across block boundaries;
-// then flushes and reads the file back. A file that is written must open
-// and hand out its samples; the temp files must be gone.
+// Drives the write API with a script taken from the input: a classic or a
+// fragmented handle (MP4FileNewEx, written into an in-memory file), tracks
+// of any type with fuzzer-chosen sizes, clocks and configurations, frames
+// of any size, time stamp and key flag, runs of frames across block
+// boundaries and fragments; then flushes and reads the file back. A file
+// that is written must open and hand out its samples; the temp files must
+// be gone.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -34,7 +37,7 @@ struct Script {
     }
 };
 
-std::string gOutput, gVideoTemp, gAudioTemp;
+std::string gOutput, gVideoTemp, gAudioTemp, gFragmentedOutput;
 uint8_t gPattern[4096];
 
 bool Exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
@@ -96,9 +99,9 @@ void AddFromScript(MP4_local_file *file, Script &s, uint32_t *videoTime, uint32_
 }
 
 // Every sample of every track the reader finds must come out.
-void ReadBack() {
+void ReadBack(const std::string &output, bool fragmented) {
     MP4_local_file *file = nullptr;
-    if (MP4FileOpen(&file, gOutput.c_str(), 1) != 1) {
+    if (MP4FileOpenEx(&file, output.c_str(), 1, fragmented ? MP4_OPEN_MODERN : 0) != 1) {
         std::fprintf(stderr, "a written file does not open\n");
         std::abort();
     }
@@ -120,6 +123,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     gVideoTemp = base + ".video";
     gAudioTemp = base + ".audio";
     for (size_t i = 0; i < sizeof gPattern; ++i) gPattern[i] = uint8_t(i * 13);
+    const int memory = memfd_create("write_fuzz_output", 0);
+    gFragmentedOutput = memory < 0 ? gOutput : "/proc/self/fd/" + std::to_string(memory);
     // The library's diagnostics would drown the fuzzer's own output.
     if (std::freopen("/dev/null", "w", stdout) == nullptr) return 0;
     return 0;
@@ -127,8 +132,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Script s{data, size};
+    // Classic handles half the time; fragmented ones, durable now and then.
+    const uint8_t mode = s.U8() % 4;
+    const uint32_t flags = mode < 2 ? 0 : mode == 2 ? MP4_NEW_FRAGMENTED : MP4_NEW_FRAGMENTED | MP4_NEW_SYNC;
+    const std::string &output = flags != 0 ? gFragmentedOutput : gOutput;
     MP4_local_file *file = nullptr;
-    if (MP4FileNew(&file, gOutput.c_str()) != 1) return 0;
+    if (MP4FileNewEx(&file, output.c_str(), flags) != 1) return 0;
     uint32_t videoTime = 0, audioTime = 0;
     for (int steps = 0; !s.Done() && steps < 64; ++steps) {
         if (s.U8() % 4 == 0) {
@@ -142,14 +151,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::fprintf(stderr, "a temp file outlived the flush\n");
         std::abort();
     }
-    FILE *out = std::fopen(gOutput.c_str(), "rb");
+    FILE *out = std::fopen(output.c_str(), "rb");
     long length = 0;
     if (out != nullptr) {
         std::fseek(out, 0, SEEK_END);
         length = std::ftell(out);
         std::fclose(out);
     }
-    if (length > 0) ReadBack();
-    std::remove(gOutput.c_str());
+    if (length > 0) ReadBack(output, flags != 0);
+    if (flags == 0) std::remove(gOutput.c_str());
     return 0;
 }

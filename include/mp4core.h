@@ -129,6 +129,9 @@ typedef struct IodConfigs {
 /* Flags of MP4FileOpenEx. */
 enum { MP4_OPEN_MODERN = 1 };
 
+/* Flags of MP4FileNewEx. */
+enum { MP4_NEW_FRAGMENTED = 1, MP4_NEW_SYNC = 2 };
+
 /* Flags of MP4FindSample. */
 enum { MP4_FIND_KEY = 1 };
 
@@ -265,7 +268,8 @@ MP4CORE_API uint32_t MP4FileClose(MP4_local_file **file);
 
 /* MP4FileNew creates (or empties) the file at path and gives a write
  * handle for CreateTrack, AddVideoFrame and AddAudioFrame. Nothing but the
- * empty file exists on disk until MP4FileFlush, the only call that ends
+ * empty file exists on disk until MP4FileFlush (MP4FileNewEx writes while
+ * the frames arrive), the only call that ends
  * the handle (MP4FileClose must not be used on it).
  *   file  receives the write handle; null after a failure. A null file
  *         gives -99 and nothing is written.
@@ -274,6 +278,37 @@ MP4CORE_API uint32_t MP4FileClose(MP4_local_file **file);
  * can't be created, or no memory (a diagnostic goes to standard error).
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
+
+/* MP4FileNewEx creates (or empties) the file at path and gives a write
+ * handle, as MP4FileNew does, with a choice of how the file is written.
+ *   flags  0: exactly MP4FileNew (same results and messages).
+ *          MP4_NEW_FRAGMENTED: the file is written while the frames
+ *          arrive, so that a process that dies leaves a file that plays
+ *          up to its last whole fragment. The first AddVideoFrame or
+ *          AddAudioFrame writes "ftyp" and "moov" (with "mvex") for the
+ *          tracks created so far; then each fragment ("moof" and its
+ *          "mdat") goes to the file with one write as soon as it is
+ *          complete, before the call that completed it returns. Fragments
+ *          follow the video track (the audio track's when there is no
+ *          video): a fragment ends at the first video key frame at least
+ *          one second after its start, or two seconds after its start, and
+ *          at MP4FileFlush; each holds the frames of every track whose
+ *          decoding time lies before that cut. A frame's duration is the
+ *          distance to its track's next frame, so each track holds back
+ *          its last frame until the next one comes. Memory holds the
+ *          frames not yet written (a few seconds) and a few bytes per
+ *          fragment for the index; no temp files are used, and media
+ *          bytes are written once. The file may pass 4 GiB.
+ *          MP4_NEW_SYNC, with MP4_NEW_FRAGMENTED: each fragment (and the
+ *          header and the index) is also made durable with fdatasync
+ *          before the call returns, and the new file's folder entry with
+ *          fsync, so that a power cut keeps every fragment written; slower.
+ * Results: -100 flags hold an unknown bit, or MP4_NEW_SYNC without
+ * MP4_NEW_FRAGMENTED (checked first; *file is not written); otherwise
+ * those of MP4FileNew, with -99 also when there is no memory for the
+ * fragmented writer.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32_t flags);
 
 /* MP4FileFlush writes the finished file of a write handle ("ftyp", "moov",
  * then "mdat" with all video, all audio and the two generated samples),
@@ -284,6 +319,15 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *   file  the write handle from MP4FileNew (the pointer, not its address).
  * Results: 1 the flush ran to its end (also when a step reported an error
  * on the way); -99 file is null, nothing happened.
+ * On a fragmented handle (MP4FileNewEx) the flush writes the frames still
+ * held as the last fragment (each track's last frame repeats the duration
+ * before it), then the "mfra" index (one "tfra" per track, an entry for
+ * the first sync sample of each track fragment) and its "mfro", and closes
+ * the file; a handle without frames gets its "ftyp" and "moov" first.
+ * Results there: 1 done, also on a handle that an earlier failed write
+ * gave up (it is released without writing more); -99 file is null
+ * (nothing happened), or a write failed now: the file is cut back to the
+ * end of its last whole fragment and the handle is released all the same.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
 
@@ -468,6 +512,11 @@ MP4CORE_API int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_
  * temp file can't be created, no memory. Refusals use
  * no ID; a failure after the ID was given (no memory, temp file) uses it
  * up and leaves the slot empty.
+ * On a fragmented handle (MP4FileNewEx) video and audio tracks are taken
+ * with the same arguments and checks, but tempFileName may be null and is
+ * not used; object descriptor and scene description tracks, and any track
+ * once the first frame has been taken, are refused with -99 and a
+ * diagnostic that says why.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width,
                                 uint32_t height, uint16_t timeResolution, uint32_t timescale,
@@ -494,6 +543,19 @@ MP4CORE_API int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32
  * whole in the temp file: give the file up. When only the table block for
  * the next frame can't be made, this frame is taken whole and the next
  * call tries again. Every other failure changes nothing.
+ * On a fragmented handle (MP4FileNewEx) the frame is copied and held
+ * until its fragment is written; the first frame of the handle writes the
+ * file's header. Time stamps follow the rules above; there is no temp
+ * file and no 4 GiB limit, but a frame of 256 MiB or more is refused.
+ * Results there: 1 the frame is taken (and any fragment it completed is
+ * in the file); -99 for every failure, with a diagnostic on standard
+ * error: file null, no video track, frameData null with frameSize above
+ * 0, a frame too large, a time stamp below the previous one, no memory
+ * (nothing taken; or the frame taken and its fragment left to a later
+ * call), a failed write of the header or of a fragment (the frame is
+ * taken, the file is cut back to the end of its last whole fragment, and
+ * every later call but MP4FileFlush is refused with -99), or a handle
+ * given up so before.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize,
                                   const uint8_t *frameData, uint32_t compositionOffset,
@@ -501,7 +563,8 @@ MP4CORE_API int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize,
                                   uint8_t hasCompositionOffset);
 
 /* AddAudioFrame appends one frame to the audio track, as AddVideoFrame
- * does, without key frames and composition offsets.
+ * does, without key frames and composition offsets; on a fragmented
+ * handle as AddVideoFrame does there, every audio frame a sync sample.
  * Results: 1 done; -99 as for AddVideoFrame, with "no audio track".
  * Threads: the handle's thread. */
 MP4CORE_API int32_t AddAudioFrame(MP4_local_file *file, uint32_t frameSize,

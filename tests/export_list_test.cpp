@@ -24,6 +24,8 @@ const std::set<std::string> kApi = {
     // number.
     "MP4FileOpenEx", "MP4GetTrackCount", "MP4GetTrackInfo", "MP4GetSampleInfo",
     "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig",
+    // The fragmented writer.
+    "MP4FileNewEx",
 };
 
 TEST(ExportList, ExactlyTheApiAsFunctionsDecoreWeakAndTheSoname) {

@@ -1,38 +1,33 @@
 // mp4core mux: writes raw MPEG-4 Part 2 video and ADTS AAC streams into an
-// MP4 file through the public write API alone.
+// MP4 file through the public write API alone. The streams are read as
+// their bytes arrive (raw_streams.h), and the frames of the two go to the
+// library in decoding-time order, each as soon as it is whole: with
+// --fragmented the file is written while they come.
 //
-// Video: the configuration is every byte before the first plane (VOP start
-// code 00 00 01 B6) but user data; each frame runs from a plane, or from
-// the headers in front of it, to the next one; a plane coded as I is a key
-// frame. Time stamps step by the stream's fixed VOP increment in ticks of
-// its time increment resolution, or by --fps.
-// Audio: each ADTS frame gives one raw AAC frame, its header (and CRC)
-// stripped; the first header gives the configuration; time stamps step by
-// 1024 samples in ticks of the sampling rate.
-#include <algorithm>
+// Time stamps step by the video stream's fixed VOP increment in ticks of
+// its time increment resolution, or by --fps; audio by 1024 samples in
+// ticks of the sampling rate.
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "mp4core.h"
 #include "progress.h"
+#include "raw_streams.h"
 #include "result_text.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-constexpr uint8_t kVopCode = 0xB6;
-constexpr uint8_t kUserDataCode = 0xB2;
 constexpr size_t kMaxConfigBytes = 52;  // what CreateTrack takes
 constexpr uint32_t kDefaultFps = 25;
 constexpr uint32_t kAacFrameSamples = 1024;
 constexpr uint32_t kAdtsHeader = 7;
-constexpr uint32_t kAdtsCrc = 2;
 constexpr uint32_t kAdtsSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                          22050, 16000, 12000, 11025, 8000,  7350};
 
@@ -42,165 +37,10 @@ struct Options {
     const char *audio = nullptr;
     bool od = false;
     bool scene = false;
+    bool fragmented = false;
+    bool verbose = false;
     uint32_t fps = 0;
 };
-
-struct Frame {
-    size_t offset;
-    size_t size;
-    bool key;
-};
-
-bool ReadFile(const char *path, Bytes *bytes) {
-    FILE *in = std::fopen(path, "rb");
-    if (in == nullptr) return false;
-    uint8_t chunk[65536];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, in)) > 0) bytes->insert(bytes->end(), chunk, chunk + got);
-    const bool ok = std::ferror(in) == 0;
-    std::fclose(in);
-    return ok;
-}
-
-// Reads bits MSB first; reads past the end give zeros and set `overrun`.
-struct BitReader {
-    const uint8_t *data;
-    size_t size;
-    size_t bit = 0;
-    bool overrun = false;
-    uint32_t Read(uint32_t count) {
-        uint32_t value = 0;
-        for (uint32_t i = 0; i < count; ++i, ++bit) {
-            uint32_t b = 0;
-            if (bit / 8 < size) {
-                b = (data[bit / 8] >> (7 - bit % 8)) & 1;
-            } else {
-                overrun = true;
-            }
-            value = (value << 1) | b;
-        }
-        return value;
-    }
-};
-
-// Position of the next start code prefix 00 00 01 at or after `from`.
-size_t NextStartCode(const Bytes &s, size_t from) {
-    for (size_t i = from; i + 3 < s.size(); ++i) {
-        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) return i;
-    }
-    return s.size();
-}
-
-struct VideoTiming {
-    uint32_t resolution = 0;
-    uint32_t fixedIncrement = 0;  // 0: the stream has no fixed rate
-};
-
-// The timing fields of the video object layer header (start code 20..2F).
-bool ParseVolTiming(const Bytes &s, size_t start, VideoTiming *timing) {
-    BitReader r{s.data() + start + 4, s.size() - start - 4};
-    r.Read(1);  // random accessible
-    r.Read(8);  // object type
-    uint32_t verid = 1;
-    if (r.Read(1)) {
-        verid = r.Read(4);
-        r.Read(3);
-    }
-    if (r.Read(4) == 0xF) r.Read(16);  // extended pixel aspect ratio
-    if (r.Read(1)) {                   // control parameters
-        r.Read(3);
-        if (r.Read(1)) r.Read(79);     // VBV parameters
-    }
-    const uint32_t shape = r.Read(2);
-    if (shape == 3 && verid != 1) r.Read(4);
-    r.Read(1);
-    timing->resolution = r.Read(16);
-    r.Read(1);
-    if (r.Read(1)) {
-        uint32_t bits = 1;
-        while (bits < 16 && (1u << bits) < timing->resolution) ++bits;
-        timing->fixedIncrement = r.Read(bits);
-    }
-    return !r.overrun && timing->resolution != 0;
-}
-
-// Finds the first plane, in front of which the configuration lies, and
-// splits the stream into frames.
-bool SplitVideo(const Bytes &s, size_t *firstVopAt, std::vector<Frame> *frames,
-                VideoTiming *timing, uint8_t *profile) {
-    size_t firstVop = s.size();
-    for (size_t at = NextStartCode(s, 0); at < s.size(); at = NextStartCode(s, at + 3)) {
-        const uint8_t code = s[at + 3];
-        if (code == 0xB0 && at + 4 < s.size()) *profile = s[at + 4];
-        if (code >= 0x20 && code <= 0x2F && timing->resolution == 0) ParseVolTiming(s, at, timing);
-        if (code == kVopCode) {
-            firstVop = at;
-            break;
-        }
-    }
-    if (firstVop == s.size() || timing->resolution == 0) return false;
-    *firstVopAt = firstVop;
-
-    // A frame begins at its plane, or at the first header in front of it
-    // after the previous plane.
-    constexpr size_t kNone = SIZE_MAX;
-    size_t frameStart = firstVop;
-    size_t pendingHeader = kNone;
-    bool haveVop = false;
-    bool key = false;
-    for (size_t at = firstVop; at < s.size(); at = NextStartCode(s, at + 3)) {
-        if (s[at + 3] != kVopCode) {
-            if (haveVop && pendingHeader == kNone) pendingHeader = at;
-            continue;
-        }
-        if (haveVop) {
-            const size_t end = pendingHeader != kNone ? pendingHeader : at;
-            frames->push_back({frameStart, end - frameStart, key});
-            frameStart = end;
-        }
-        pendingHeader = kNone;
-        haveVop = true;
-        key = at + 4 < s.size() && (s[at + 4] >> 6) == 0;
-    }
-    if (haveVop) frames->push_back({frameStart, s.size() - frameStart, key});
-    return true;
-}
-
-// The configuration handed to CreateTrack: the bytes in front of the first
-// plane without their user data (00 00 01 B2 up to the next start code).
-// Encoders name themselves there (FFmpeg writes "Lavc..."), which takes a
-// header past the 52 bytes that CreateTrack keeps; no decoder needs it.
-Bytes VideoConfig(const Bytes &s, size_t firstVop) {
-    size_t at = std::min(NextStartCode(s, 0), firstVop);
-    Bytes config(s.begin(), s.begin() + at);
-    while (at < firstVop) {
-        const size_t next = std::min(NextStartCode(s, at + 3), firstVop);
-        if (s[at + 3] != kUserDataCode)
-            config.insert(config.end(), s.begin() + at, s.begin() + next);
-        at = next;
-    }
-    return config;
-}
-
-struct AdtsFrame {
-    size_t offset;
-    size_t size;
-};
-
-bool SplitAudio(const Bytes &s, std::vector<AdtsFrame> *frames, uint8_t header[kAdtsHeader]) {
-    size_t at = 0;
-    while (at + kAdtsHeader <= s.size()) {
-        const uint8_t *h = s.data() + at;
-        if (h[0] != 0xFF || (h[1] & 0xF0) != 0xF0) return false;
-        const size_t length = (size_t(h[3] & 0x03) << 11) | (size_t(h[4]) << 3) | (h[5] >> 5);
-        const size_t headerSize = kAdtsHeader + ((h[1] & 1) ? 0 : kAdtsCrc);
-        if (length < headerSize || at + length > s.size()) return false;
-        if (frames->empty()) std::memcpy(header, h, kAdtsHeader);
-        frames->push_back({at + headerSize, length - headerSize});
-        at += length;
-    }
-    return !frames->empty();
-}
 
 // Fills `o`; a bad --fps is a usage error, whose exit status comes back in
 // `status`.
@@ -210,6 +50,8 @@ bool ReadOptions(const Arguments &arguments, Options *o, int *status) {
     o->audio = OptionValue(arguments, "--audio");
     o->od = HasOption(arguments, "--od");
     o->scene = HasOption(arguments, "--scene");
+    o->fragmented = HasOption(arguments, "--fragmented");
+    o->verbose = HasOption(arguments, "--verbose");
     const char *fps = OptionValue(arguments, "--fps");
     if (fps != nullptr && (!ParseU32(fps, &o->fps) || o->fps == 0)) {
         *status = UsageError(kMuxCommand, "--fps takes a whole number above 0, not '%s'", fps);
@@ -255,66 +97,55 @@ bool Refused(Progress *progress, const char *call, int32_t result, const char *w
 
 // Names of the temp files beside the output. The library keeps the
 // pointers until the flush has ended, so these live as long as the run.
+// A fragmented file needs none.
 struct TempNames {
     std::string video;
     std::string audio;
+    const char *Video(bool fragmented) const { return fragmented ? nullptr : video.c_str(); }
+    const char *Audio(bool fragmented) const { return fragmented ? nullptr : audio.c_str(); }
 };
 
-// The write run on a new handle; false once a call was refused. The
-// handle stays open either way, for the flush to release.
-bool WriteTracks(MP4_local_file *file, const Options &o, const TempNames &temp, const Bytes &video,
-                 const Bytes &config, const std::vector<Frame> &videoFrames,
-                 const VideoTiming &timing, uint8_t profile,
-                 const Bytes &audio, const std::vector<AdtsFrame> &audioFrames,
-                 const uint8_t adts[kAdtsHeader], Progress *progress) {
+// Frame n of an input lies at n * step ticks of timescale.
+struct Clock {
+    uint32_t timescale;
+    uint32_t step;
+};
+
+uint32_t AdtsSampleRate(const uint8_t adts[kAdtsHeader]) {
+    const uint32_t frequency = (adts[2] >> 2) & 0x0F;
+    return frequency < 13 ? kAdtsSampleRates[frequency] : 0;
+}
+
+// Every track before the first frame, as a fragmented file needs.
+bool CreateTracks(MP4_local_file *file, const Options &o, const TempNames &temp,
+                  const VideoStream &video, const AudioStream &audio, Clock *videoClock,
+                  Clock *audioClock, Progress *progress) {
     int32_t result = 1;
     if (o.video != nullptr) {
-        uint32_t timescale = 0, step = 0;
-        ChooseVideoClock(timing, o.fps, &timescale, &step);
-        // The library finds the picture size in a configuration whose
-        // visual object header has one byte; the header parser finds it
-        // behind any form of that header.
-        uint32_t width = 0, height = 0;
-        if (GetM4vHeaderSize(o.video, &width, &height) == 0xFFFFFFFFu) width = height = 0;
-        result = CreateTrack(file, MP4_TRACK_VIDEO, width, height, uint16_t(timing.resolution),
-                             timescale, profile, 0, 0, 0, uint32_t(config.size()),
-                             config.empty() ? nullptr : config.data(), temp.video.c_str(), 0);
+        ChooseVideoClock(video.timing, o.fps, &videoClock->timescale, &videoClock->step);
+        result = CreateTrack(file, MP4_TRACK_VIDEO, video.width, video.height,
+                             uint16_t(video.timing.resolution), videoClock->timescale, video.profile,
+                             0, 0, 0, uint32_t(video.config.size()),
+                             video.config.empty() ? nullptr : video.config.data(),
+                             temp.Video(o.fragmented), 0);
         if (result != 1) return Refused(progress, "CreateTrack", result, "video track");
-        for (size_t i = 0; i < videoFrames.size(); ++i) {
-            UpdateProgress(progress, i);
-            const Frame &f = videoFrames[i];
-            result = AddVideoFrame(file, uint32_t(f.size), video.data() + f.offset, 0,
-                                   uint32_t(i * step), f.key ? 1 : 0, 0);
-            if (result != 1) return Refused(progress, "AddVideoFrame", result, "video frame", i);
-        }
     }
     if (o.audio != nullptr) {
-        const uint32_t frequency = (adts[2] >> 2) & 0x0F;
-        const uint32_t rate = frequency < 13 ? kAdtsSampleRates[frequency] : 0;
-        if (rate == 0) {
-            EndProgress(progress);
-            Fail("the ADTS header names no sampling rate (frequency index above 12)");
-            return false;
-        }
+        const uint8_t *adts = audio.header;
+        *audioClock = {AdtsSampleRate(adts), kAacFrameSamples};
         if (adts[2] != 0) {
             // The header itself carries object type, rate and channels.
-            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, kAdtsHeader, adts,
-                                 temp.audio.c_str(), 0);
+            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, audioClock->timescale, 0, 0, 0, 0,
+                                 kAdtsHeader, adts, temp.Audio(o.fragmented), 0);
         } else {
+            const uint32_t frequency = (adts[2] >> 2) & 0x0F;
             const uint32_t channels = ((adts[2] & 1u) << 2) | (adts[3] >> 6);
             const uint8_t config[2] = {uint8_t((1 << 3) | (frequency >> 1)),
                                        uint8_t(((frequency & 1) << 7) | (channels << 3))};
-            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, rate, 0, 0, 0, 0, 2, config,
-                                 temp.audio.c_str(), 0);
+            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, audioClock->timescale, 0, 0, 0, 0,
+                                 2, config, temp.Audio(o.fragmented), 0);
         }
         if (result != 1) return Refused(progress, "CreateTrack", result, "audio track");
-        for (size_t i = 0; i < audioFrames.size(); ++i) {
-            UpdateProgress(progress, videoFrames.size() + i);
-            const AdtsFrame &f = audioFrames[i];
-            result = AddAudioFrame(file, uint32_t(f.size), audio.data() + f.offset,
-                                   uint32_t(i * kAacFrameSamples));
-            if (result != 1) return Refused(progress, "AddAudioFrame", result, "audio frame", i);
-        }
     }
     if (o.od) {
         result = CreateTrack(file, MP4_TRACK_OD, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
@@ -325,6 +156,75 @@ bool WriteTracks(MP4_local_file *file, const Options &o, const TempNames &temp, 
         if (result != 1) return Refused(progress, "CreateTrack", result, "scene description track");
     }
     return true;
+}
+
+// The frames of both inputs, in decoding-time order (video first at equal
+// times), each handed on when it is whole. Counts the frames handed on;
+// false once a call was refused or an input broke off.
+struct Feed {
+    uint64_t video = 0;
+    uint64_t audio = 0;
+};
+
+bool FeedFrames(MP4_local_file *file, const Options &o, VideoStream *video, AudioStream *audio,
+                const Clock &videoClock, const Clock &audioClock, Progress *progress, Feed *fed) {
+    bool videoLeft = o.video != nullptr, audioLeft = o.audio != nullptr;
+    while (videoLeft || audioLeft) {
+        // The share done: the bytes of the inputs up to the frames handed on.
+        UpdateProgressShare(progress, fed->video + fed->audio,
+                            video->in.consumed + video->frameStart + audio->in.consumed + audio->next);
+        using Wide = unsigned __int128;
+        const bool takeVideo =
+            videoLeft && (!audioLeft || Wide(fed->video) * videoClock.step * audioClock.timescale <=
+                                            Wide(fed->audio) * audioClock.step * videoClock.timescale);
+        RawFrame frame{};
+        const uint64_t n = takeVideo ? fed->video : fed->audio;
+        const uint32_t time = uint32_t(n * (takeVideo ? videoClock.step : audioClock.step));
+        int32_t result = 1;
+        if (takeVideo) {
+            videoLeft = NextVideoFrame(video, &frame);
+            if (!videoLeft) continue;
+            result = AddVideoFrame(file, uint32_t(frame.size), frame.data, 0, time, frame.key ? 1 : 0, 0);
+        } else {
+            audioLeft = NextAudioFrame(audio, &frame);
+            if (!audioLeft) continue;
+            result = AddAudioFrame(file, uint32_t(frame.size), frame.data, time);
+        }
+        const char *kind = takeVideo ? "video" : "audio";
+        if (result != 1)
+            return Refused(progress, takeVideo ? "AddVideoFrame" : "AddAudioFrame", result,
+                           takeVideo ? "video frame" : "audio frame", size_t(n));
+        ++(takeVideo ? fed->video : fed->audio);
+        if (o.verbose)
+            std::fprintf(stderr, "mp4core mux: %s frame %llu at %u, %zu bytes%s\n", kind,
+                         static_cast<unsigned long long>(n), time, frame.size,
+                         frame.key ? ", key" : "");
+    }
+    const char *broken = video->in.failed   ? "can't read the video stream to its end"
+                         : audio->in.failed ? "can't read the audio stream to its end"
+                         : audio->broken    ? "the audio stream breaks off in bytes that are no whole ADTS frame"
+                                            : nullptr;
+    if (broken == nullptr) return true;
+    EndProgress(progress);
+    char why[160];
+    std::snprintf(why, sizeof why, "%s; the file holds the %llu video and %llu audio frames before",
+                  broken, static_cast<unsigned long long>(fed->video),
+                  static_cast<unsigned long long>(fed->audio));
+    Fail(why);
+    return false;
+}
+
+// Bytes of the inputs, for the progress line; 0 (unknown) when one is
+// standard input or not a file.
+uint64_t InputBytes(const ByteStream &video, const ByteStream &audio) {
+    uint64_t total = 0;
+    for (const ByteStream *in : {&video, &audio}) {
+        struct stat status;
+        if (in->fd < 0) continue;
+        if (!in->owned || fstat(in->fd, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+        total += uint64_t(status.st_size);
+    }
+    return total;
 }
 
 // Size of a file, or -1 if it can't be opened.
@@ -341,47 +241,61 @@ int RunMux(const Arguments &arguments) {
     Options o;
     int status = 0;
     if (!ReadOptions(arguments, &o, &status)) return status;
+    // A file-size limit then makes a write fail, which the library reports,
+    // instead of ending the process.
+    signal(SIGXFSZ, SIG_IGN);
 
-    Bytes video, audio;
-    if (o.video != nullptr && !ReadFile(o.video, &video)) return Fail("can't read the video stream");
-    if (o.audio != nullptr && !ReadFile(o.audio, &audio)) return Fail("can't read the audio stream");
-
-    size_t firstVop = 0;
-    std::vector<Frame> videoFrames;
-    VideoTiming timing;
-    uint8_t profile = 0x01;
-    if (o.video != nullptr && !SplitVideo(video, &firstVop, &videoFrames, &timing, &profile))
-        return Fail("no MPEG-4 video object layer and plane in the video stream");
-    std::vector<AdtsFrame> audioFrames;
-    uint8_t adts[kAdtsHeader] = {};
-    if (o.audio != nullptr && !SplitAudio(audio, &audioFrames, adts))
-        return Fail("the audio stream is no ADTS stream");
-    const Bytes config = o.video != nullptr ? VideoConfig(video, firstVop) : Bytes();
-    if (config.size() > kMaxConfigBytes) {
+    VideoStream video;
+    AudioStream audio;
+    if (o.video != nullptr && !OpenByteStream(o.video, &video.in)) return Fail("can't read the video stream");
+    if (o.audio != nullptr && !OpenByteStream(o.audio, &audio.in)) return Fail("can't read the audio stream");
+    struct Closer {
+        VideoStream &video;
+        AudioStream &audio;
+        ~Closer() {
+            CloseByteStream(&video.in);
+            CloseByteStream(&audio.in);
+        }
+    } closer{video, audio};
+    if (o.video != nullptr && !ReadVideoHeader(&video))
+        return Fail(video.in.failed ? "can't read the video stream"
+                                    : "no MPEG-4 video object layer and plane in the video stream");
+    if (o.audio != nullptr && !ReadAudioHeader(&audio))
+        return Fail(audio.in.failed ? "can't read the audio stream" : "the audio stream is no ADTS stream");
+    if (video.config.size() > kMaxConfigBytes) {
         char why[160];
         std::snprintf(why, sizeof why,
                       "the video headers in front of the first plane take %zu bytes without user "
                       "data, and CreateTrack takes at most %zu",
-                      config.size(), kMaxConfigBytes);
+                      video.config.size(), kMaxConfigBytes);
         return Fail(why);
     }
+    if (o.audio != nullptr && AdtsSampleRate(audio.header) == 0)
+        return Fail("the ADTS header names no sampling rate (frequency index above 12)");
 
     MP4_local_file *file = nullptr;
-    const int32_t created = MP4FileNew(&file, o.output);
-    if (created != 1) return ReportFailure(kMuxCommand.name, "MP4FileNew", created);
+    const char *newCall = o.fragmented ? "MP4FileNewEx" : "MP4FileNew";
+    const int32_t created = o.fragmented ? MP4FileNewEx(&file, o.output, MP4_NEW_FRAGMENTED)
+                                         : MP4FileNew(&file, o.output);
+    if (created != 1) return ReportFailure(kMuxCommand.name, newCall, created);
 
-    const size_t frames = videoFrames.size() + audioFrames.size();
-    Progress progress = StartProgress(kMuxCommand.name, "frames", frames);
+    Progress progress = StartProgress(kMuxCommand.name, "frames", InputBytes(video.in, audio.in));
     const TempNames temp{std::string(o.output) + ".video.tmp", std::string(o.output) + ".audio.tmp"};
-    const bool ok = WriteTracks(file, o, temp, video, config, videoFrames, timing, profile, audio,
-                                audioFrames, adts, &progress);
-    if (ok) NoteProgress(&progress, frames, "writing the file");
+    Clock videoClock{}, audioClock{};
+    Feed fed;
+    const bool ok = CreateTracks(file, o, temp, video, audio, &videoClock, &audioClock, &progress) &&
+                    FeedFrames(file, o, &video, &audio, videoClock, audioClock, &progress, &fed);
+    if (ok)
+        NoteProgress(&progress, fed.video + fed.audio, BytesRead(video.in) + BytesRead(audio.in),
+                     "writing the file");
     // The flush is also what releases the handle, so it runs after a
-    // refusal too; its output is then thrown away.
+    // refusal too. A classic file is then thrown away; a fragmented one
+    // keeps the fragments written before.
     const int32_t flushed = MP4FileFlush(file);
     EndProgress(&progress);
+    const bool keep = o.fragmented && fed.video + fed.audio > 0;
     if (!ok) {
-        std::remove(o.output);
+        if (!keep) std::remove(o.output);
         return 1;
     }
     if (flushed != 1) return ReportFailure(kMuxCommand.name, "MP4FileFlush", flushed);
@@ -396,11 +310,13 @@ int RunMux(const Arguments &arguments) {
 
 constexpr OptionRow kOptions[] = {
     {"-o", "OUT.mp4", true, false, "the MP4 file to write"},
-    {"--video", "IN.m4v", false, false, "a raw MPEG-4 Part 2 video stream"},
-    {"--audio", "IN.aac", false, false, "an ADTS AAC stream"},
+    {"--video", "IN.m4v", false, false, "a raw MPEG-4 Part 2 video stream; - reads standard input"},
+    {"--audio", "IN.aac", false, false, "an ADTS AAC stream; - reads standard input"},
     {"--od", nullptr, false, false, "add an object descriptor track"},
     {"--scene", nullptr, false, false, "add a scene description track"},
     {"--fps", "N", false, false, "frames per second of the video (default: the stream's own rate, else 25)"},
+    {"--fragmented", nullptr, false, false, "write the file in fragments while the frames come (MP4FileNewEx)"},
+    {"--verbose", nullptr, false, false, "one line per frame handed to the library, on standard error"},
 };
 
 }  // namespace
@@ -410,8 +326,15 @@ extern const CommandRow kMuxCommand = {
     "raw MPEG-4 video and ADTS AAC streams into an MP4 file",
     nullptr, 0, kOptions, CountOf(kOptions),
     "\nWrites the streams through the library's write calls alone (MP4FileNew,\n"
-    "CreateTrack, AddVideoFrame, AddAudioFrame, MP4FileFlush). Temp files\n"
+    "CreateTrack, AddVideoFrame, AddAudioFrame, MP4FileFlush). The streams are\n"
+    "read as their bytes come, and each frame goes to the library as soon as it\n"
+    "is whole, the frames of the two streams in decoding-time order. Temp files\n"
     "OUT.mp4.video.tmp and OUT.mp4.audio.tmp are made beside the output and\n"
-    "removed by the flush. On a terminal, standard error shows the progress.\n",
+    "removed by the flush. With --fragmented (MP4FileNewEx) there are none: the\n"
+    "file is written in fragments of one to two seconds while the frames come,\n"
+    "so that a process that is killed leaves every whole fragment readable; a\n"
+    "failed write (a full disk, a file-size limit) keeps the fragments before it.\n"
+    "An input that breaks off leaves the frames before it in the file (exit 1).\n"
+    "On a terminal, standard error shows the progress.\n",
     RunMux,
 };

@@ -9,11 +9,11 @@ namespace {
 // Four redraws a second at most.
 constexpr std::chrono::milliseconds kRedrawInterval{250};
 
-void Draw(Progress *progress, uint64_t done, const char *note) {
+void Draw(Progress *progress, uint64_t done, uint64_t share, const char *note) {
     char line[160];
     int length = 0;
     if (progress->total != 0) {
-        const unsigned percent = unsigned(done >= progress->total ? 100 : done * 100 / progress->total);
+        const unsigned percent = unsigned(share >= progress->total ? 100 : share * 100 / progress->total);
         length = std::snprintf(line, sizeof line, "\r%s: %llu %s, %u%%", progress->label,
                                static_cast<unsigned long long>(done), progress->unit, percent);
     } else {
@@ -40,14 +40,16 @@ Progress StartProgress(const char *label, const char *unit, uint64_t total) {
     return progress;
 }
 
-void UpdateProgress(Progress *progress, uint64_t done) {
+void UpdateProgress(Progress *progress, uint64_t done) { UpdateProgressShare(progress, done, done); }
+
+void UpdateProgressShare(Progress *progress, uint64_t done, uint64_t share) {
     if (!progress->enabled) return;
     if (progress->drawn && std::chrono::steady_clock::now() < progress->nextDraw) return;
-    Draw(progress, done, nullptr);
+    Draw(progress, done, share, nullptr);
 }
 
-void NoteProgress(Progress *progress, uint64_t done, const char *note) {
-    if (progress->enabled) Draw(progress, done, note);
+void NoteProgress(Progress *progress, uint64_t done, uint64_t share, const char *note) {
+    if (progress->enabled) Draw(progress, done, share, note);
 }
 
 void EndProgress(Progress *progress) {

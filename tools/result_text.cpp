@@ -122,16 +122,20 @@ constexpr ResultText kResultTexts[] = {
     // The authoring calls have one failure result; the library's debug
     // output on standard error has said which check refused.
     {"MP4FileNew", -99, "the file can't be created, its path has 256 characters or more, or no memory"},
+    {"MP4FileNewEx", -100, "the flags hold an unknown bit, or MP4_NEW_SYNC without MP4_NEW_FRAGMENTED"},
     {"CreateTrack", -99,
      "the track was refused: a bad argument, a second track of its type, no memory, or a temp "
      "file that can't be created"},
     {"AddVideoFrame", -99,
      "the frame was refused: no video track, a time stamp below the last one, a temp file past "
-     "4 GiB, no memory, or a failed write to the temp file"},
+     "4 GiB, no memory, or a failed write to the temp file (fragmented: to the file, which ends "
+     "at its last whole fragment)"},
     {"AddAudioFrame", -99,
      "the frame was refused: no audio track, a time stamp below the last one, a temp file past "
-     "4 GiB, no memory, or a failed write to the temp file"},
-    {"MP4FileFlush", -99, "no file handle"},
+     "4 GiB, no memory, or a failed write to the temp file (fragmented: to the file, which ends "
+     "at its last whole fragment)"},
+    {"MP4FileFlush", -99,
+     "no file handle, or (fragmented) the last fragment or the index could not be written"},
 };
 
 // Calls that give the results of another call, for the codes they have no
@@ -146,6 +150,7 @@ constexpr SharedTable kSharedTables[] = {
     {"SeekTrack", "GetNextSample"},
     {"PrevKeyFrame", "NextKeyFrame"},
     {"MP4FileOpenEx", "MP4FileOpen"},
+    {"MP4FileNewEx", "MP4FileNew"},
     {"MP4ReadSample", "MP4GetSampleInfo"},
 };
 

@@ -205,4 +205,6 @@ struct TemplateRow {
 int32_t BuildAtomTree(AtomNode **root, TemplateRow *rows);
 int32_t CreateTrackTree(AtomNode **root, int32_t trackType, AtomNode *parent, AtomNode *sibling,
                         uint8_t compositionTimes);
-int32_t CreateFileTree(Root_atom *root);
+// The top level of a new file: "ftyp", "moov" ("mvhd", "iods") and "mdat";
+// of a fragmented file "moov" with its "mvhd" alone.
+int32_t CreateFileTree(Root_atom *root, bool fragmented = false);

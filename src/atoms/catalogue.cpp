@@ -181,7 +181,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"sync", 0, 12, 1, 0, 4, {}},
     {"tfdt", 0, 16, 0, 0, 0, {}, kModern, 20, 0, kFixed},
     {"tfhd", 0, 16, 0, 0, 0, {}, kBothReaders, 0, 0, kFixed, &kTfhdLayout},
-    {"tfra", 0, 12, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"tfra", 0, 24, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"tims", 0, 12, 0, 0, 0, {}},
     {"tkhd", 0, 92, 0, 0, 0, {}, kBothReaders, 104, 0, kFixed},
     {"tmax", 0, 12, 0, 0, 0, {}},

@@ -124,6 +124,13 @@ constexpr size_t kTfhdTrackId = 12;
 constexpr size_t kTrunSampleCount = 12;
 constexpr size_t kTfdtDecodeTime = 12;
 constexpr size_t kMehdDuration = 12;
+// "tfra": the track, the byte lengths of the traf, trun and sample numbers
+// of its entries (two bits each, less one, in the low six bits), and the
+// count of the entries behind. "mfro": the size of the whole "mfra".
+constexpr size_t kTfraTrackId = 12;
+constexpr size_t kTfraLengthSizes = 16;
+constexpr size_t kTfraEntryCount = 20;
+constexpr size_t kMfroSize = 12;
 
 }  // namespace field
 
@@ -146,7 +153,10 @@ constexpr uint32_t kTrunSize = 0x000200;
 constexpr uint32_t kTrunFlags = 0x000400;
 constexpr uint32_t kTrunCompositionOffset = 0x000800;   // signed in version 1
 
-// In a sample's flags: the sample is not a sync sample.
+// In a sample's flags: the sample is not a sync sample; it depends on
+// other samples (a predicted picture), or on none (an intra picture).
 constexpr uint32_t kSampleIsNonSync = 0x00010000;
+constexpr uint32_t kSampleDependsOnOthers = 0x01000000;
+constexpr uint32_t kSampleDependsOnNone = 0x02000000;
 
 }  // namespace flag

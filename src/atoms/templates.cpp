@@ -62,13 +62,22 @@ constexpr TemplateRow kFileTemplate[] = {
     {nullptr, 1, "mdat"}, {nullptr, 3, "mvhd"}, {nullptr, 3, "iods"},
 };
 
+// A fragmented file's "moov" starts as its header alone: the tracks and
+// "mvex" join it when the first frame comes, and "ftyp" is written with
+// the brands of a fragmented file.
+constexpr TemplateRow kFragmentedFileTemplate[] = {
+    {nullptr, 3, ""},
+    {nullptr, 0, "root"}, {nullptr, 1, "moov"}, {nullptr, 2, "mvhd"},
+};
+
 template <size_t N>
 constexpr bool HeadRowCountsRows(const TemplateRow (&rows)[N]) {
     return rows[0].ParentRow == N - 1;
 }
 static_assert(HeadRowCountsRows(kVideoTemplate) && HeadRowCountsRows(kVideoCttsTemplate) &&
                   HeadRowCountsRows(kAudioTemplate) && HeadRowCountsRows(kOdTemplate) &&
-                  HeadRowCountsRows(kSceneTemplate) && HeadRowCountsRows(kFileTemplate),
+                  HeadRowCountsRows(kSceneTemplate) && HeadRowCountsRows(kFileTemplate) &&
+                  HeadRowCountsRows(kFragmentedFileTemplate),
               "each head row counts the rows behind it");
 
 struct TemplateTable {
@@ -153,9 +162,10 @@ int32_t CreateTrackTree(AtomNode **root, int32_t trackType, AtomNode *parent, At
     return 1;
 }
 
-int32_t CreateFileTree(Root_atom *root) {
+int32_t CreateFileTree(Root_atom *root, bool fragmented) {
     AtomNode *fileRoot = nullptr;
-    if (BuildFromTemplate(&fileRoot, Table(kFileTemplate)) != 1) return -99;
+    const TemplateTable table = fragmented ? Table(kFragmentedFileTemplate) : Table(kFileTemplate);
+    if (BuildFromTemplate(&fileRoot, table) != 1) return -99;
 
     // "root" exists only here: its children become the top-level list.
     root->FirstAtom = fileRoot->FirstChild;

@@ -22,3 +22,27 @@ constexpr uint32_t kMaxConfigBytes = sizeof(TrackNode::ConfigBytes);
 // 1; -97 n below 1; -98 no block; -96 no sample table; -95 no key frame
 // table. A failure releases all that the call made.
 int32_t AddTrackBlock(TrackNode **block, uint32_t slots);
+
+// One frame as the intake calls hand it over.
+struct IntakeFrame {
+    uint32_t size;
+    const uint8_t *data;
+    uint32_t timeStamp;
+    bool keyFrame;
+    bool hasCompositionOffset;
+    uint32_t compositionOffset;
+};
+
+// ---- Fragmented intake (fragment_intake.cpp) ------------------------------
+
+// Takes a frame into track `track` (0 video, 1 audio) of a fragmented
+// handle, whose track exists, and writes the fragments it completes.
+// `call` names the call in the messages; `fallingMessage` is the call's
+// own. 1, or -99 after a message.
+int32_t TakeFragmentFrame(MP4_local_file *file, size_t track, const IntakeFrame &frame,
+                          const char *call, const char *fallingMessage);
+// The end of a fragmented handle's intake, for the flush: the frames still
+// held go out as the last fragment (after the one a pending cut ends),
+// then the index; a handle without frames gets its header first. Nothing
+// is written once a write has failed. 1, or -99 after a message.
+int32_t EndFragmentedIntake(MP4_local_file *file);

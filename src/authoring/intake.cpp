@@ -16,6 +16,8 @@ constexpr int32_t kFailed = -99;
 struct IntakeKind {
     TrackNode *WriteForm::*track;
     IntakeState WriteForm::*intake;
+    size_t fragmentTrack;  // the track's place in a fragmented handle
+    const char *call;
     const char *noTrackMessage;
     const char *noBlockMessage;
     const char *shortWriteMessage;
@@ -26,6 +28,8 @@ struct IntakeKind {
 constexpr IntakeKind kVideoKind = {
     &WriteForm::VideoTrack,
     &WriteForm::VideoIntake,
+    0,
+    "AddVideoFrame",
     "there is no VideoTrackNode in the input MP4_local_file\n",
     "Can't create Sample and KeyFrame table for VideoTrackNode in AddVideoFrame(...) \n",
     "the size of data written to temp video file is error!\n",
@@ -35,20 +39,13 @@ constexpr IntakeKind kVideoKind = {
 constexpr IntakeKind kAudioKind = {
     &WriteForm::AudioTrack,
     &WriteForm::AudioIntake,
+    1,
+    "AddAudioFrame",
     "there is no AudioTrackNode in the input MP4_local_file\n",
     "Can't create Sample and KeyFrame table for AudiTrackNode in AddAudioFrame(...) \n",
     "the size of data written to temp audio file is error!\n",
     "the temp audio file would pass 4 GiB in AddAudioFrame(...) \n",
     "the time stamp falls below the previous frame's in AddAudioFrame(...) \n"};
-
-struct Frame {
-    uint32_t size;
-    const uint8_t *data;
-    uint32_t timeStamp;
-    bool keyFrame;
-    bool hasCompositionOffset;
-    uint32_t compositionOffset;
-};
 
 // Hangs a new 2000-slot block behind `last` and starts it where the track
 // stands now. The rate window starts again at 0 in every block.
@@ -135,7 +132,7 @@ void UpdateBitRates(TrackNode *head, const TrackNode *last, const IntakeState &i
     head->MaxBitRate = ThroughFloat(uint32_t(last->PeakBytes) * 8u);
 }
 
-int32_t TakeFrame(MP4_local_file *file, const IntakeKind &kind, const Frame &frame) {
+int32_t TakeFrame(MP4_local_file *file, const IntakeKind &kind, const IntakeFrame &frame) {
     if (file == nullptr) {
         OutputDebugStringA("the input parameter for MP4_local_file is empty\n");
         return kFailed;
@@ -145,6 +142,8 @@ int32_t TakeFrame(MP4_local_file *file, const IntakeKind &kind, const Frame &fra
         OutputDebugStringA(kind.noTrackMessage);
         return kFailed;
     }
+    if (file->write.Fragments != nullptr)
+        return TakeFragmentFrame(file, kind.fragmentTrack, frame, kind.call, kind.fallingTimeMessage);
     IntakeState &intake = file->write.*kind.intake;
     if (intake.TempFile == nullptr || (frame.data == nullptr && frame.size != 0)) {
         OutputDebugStringA(kind.shortWriteMessage);
@@ -238,13 +237,13 @@ int32_t TakeFrame(MP4_local_file *file, const IntakeKind &kind, const Frame &fra
 int32_t AddVideoFrame(MP4_local_file *file, uint32_t frameSize, const uint8_t *frameData,
                       uint32_t compositionOffset, uint32_t timeStamp, uint32_t keyFrame,
                       uint8_t hasCompositionOffset) {
-    const Frame frame{frameSize, frameData, timeStamp, keyFrame == 1, hasCompositionOffset != 0,
+    const IntakeFrame frame{frameSize, frameData, timeStamp, keyFrame == 1, hasCompositionOffset != 0,
                       compositionOffset};
     return TakeFrame(file, kVideoKind, frame);
 }
 
 int32_t AddAudioFrame(MP4_local_file *file, uint32_t frameSize, const uint8_t *frameData,
                       uint32_t timeStamp) {
-    const Frame frame{frameSize, frameData, timeStamp, false, false, 0};
+    const IntakeFrame frame{frameSize, frameData, timeStamp, false, false, 0};
     return TakeFrame(file, kAudioKind, frame);
 }

@@ -13,6 +13,9 @@
 namespace {
 
 constexpr int32_t kFailed = -99;
+// MP4FileNewEx: flag bits it doesn't know, checked before anything else.
+constexpr int32_t kNewUnknownFlags = -100;
+constexpr uint32_t kKnownNewFlags = MP4_NEW_FRAGMENTED | MP4_NEW_SYNC;
 
 // A configuration that starts with a visual object sequence header has
 // its video object start code this many bytes further on: the sequence
@@ -23,6 +26,7 @@ constexpr uint32_t kSequenceHeaderBytes = 10;
 constexpr uint32_t kMaxBuiltPictureSide = 8191;
 
 void ReleaseHandle(MP4_local_file *file) {
+    ReleaseFragmentWriter(file->write.Fragments);
     if (file->RootAtom != nullptr) {
         ReleaseAtomList(file->RootAtom->FirstAtom);
         if (file->RootAtom->FileStream != nullptr) std::fclose(file->RootAtom->FileStream);
@@ -57,6 +61,17 @@ const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t w
                       const uint8_t *config, const char *tempFileName) {
     const WriteForm &form = file->write;
     const bool media = trackType == MP4_TRACK_VIDEO || trackType == MP4_TRACK_AUDIO;
+    // A fragmented file's header, with its tracks, is written at the first
+    // frame, and its fragments hold the frames of media tracks only.
+    if (const FragmentWriter *fragments = form.Fragments) {
+        if (fragments->Failed != 0)
+            return "The file was given up after a failed write in CreateTrack(...) \n";
+        if (fragments->HeaderWritten != 0)
+            return "Tracks must be created before the first frame of a fragmented file in "
+                   "CreateTrack(...) \n";
+        if (!media)
+            return "A fragmented file takes video and audio tracks only in CreateTrack(...) \n";
+    }
     if (*TrackSlot(form, trackType) != nullptr)
         return "A track of this type already exists in CreateTrack(...) \n";
     if (media && (form.OdTrack != nullptr || form.SceneTrack != nullptr))
@@ -68,12 +83,15 @@ const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t w
     if (timescale == 0) return "The timescale of a track must not be 0 in CreateTrack(...) \n";
     if (configSize > kMaxConfigBytes || (config == nullptr && configSize != 0))
         return "The decoder configuration is too long or missing in CreateTrack(...) \n";
-    if (tempFileName == nullptr) return "No temp file name in CreateTrack(...) \n";
-    const IntakeState &other =
-        trackType == MP4_TRACK_VIDEO ? form.AudioIntake : form.VideoIntake;
-    if ((other.TempFileName != nullptr && std::strcmp(other.TempFileName, tempFileName) == 0) ||
-        std::strcmp(file->RootAtom->FilePath, tempFileName) == 0)
-        return "The temp file name is already in use in CreateTrack(...) \n";
+    // The frames of a fragmented file go to the file itself.
+    if (form.Fragments == nullptr) {
+        if (tempFileName == nullptr) return "No temp file name in CreateTrack(...) \n";
+        const IntakeState &other =
+            trackType == MP4_TRACK_VIDEO ? form.AudioIntake : form.VideoIntake;
+        if ((other.TempFileName != nullptr && std::strcmp(other.TempFileName, tempFileName) == 0) ||
+            std::strcmp(file->RootAtom->FilePath, tempFileName) == 0)
+            return "The temp file name is already in use in CreateTrack(...) \n";
+    }
     if (trackType == MP4_TRACK_VIDEO && configSize == 0 &&
         (width > kMaxBuiltPictureSide || height > kMaxBuiltPictureSide))
         return "Width and height above 8191 need a decoder configuration in CreateTrack(...) \n";
@@ -102,6 +120,26 @@ void ReadPictureSize(TrackNode *track, const uint8_t *config, uint32_t configSiz
 void DiscardTrack(TrackNode *track) {
     if (track->TrakAtom != nullptr) ReleaseWrittenTree(track->TrakAtom);
     ReleaseTrackChain(track);
+}
+
+// A track's temp file, with a large stream buffer where there is memory
+// for one.
+bool OpenTempFile(IntakeState &intake, const char *name) {
+    FILE *temp = std::fopen(name, "wb");
+    if (temp == nullptr) return false;
+    intake = IntakeState{};
+    intake.TempFile = temp;
+    intake.TempFileName = name;
+    // Frames are a few hundred bytes to a few kilobytes: through the
+    // default stream buffer of one page each would cost a system call.
+    // Without the larger buffer the stream keeps its own, and works alike.
+    intake.TempBuffer = static_cast<char *>(std::malloc(kTempStreamBufferBytes));
+    if (intake.TempBuffer != nullptr &&
+        std::setvbuf(temp, intake.TempBuffer, _IOFBF, kTempStreamBufferBytes) != 0) {
+        std::free(intake.TempBuffer);
+        intake.TempBuffer = nullptr;
+    }
+    return true;
 }
 
 // Steps 3 to 7 of the track's creation: tables, tree and records.
@@ -166,7 +204,11 @@ int32_t AddTrackBlock(TrackNode **block, uint32_t slots) {
     return 1;
 }
 
-int32_t MP4FileNew(MP4_local_file **file, const char *path) {
+namespace {
+
+// MP4FileNew's steps; a fragmented file starts from its own top level.
+int32_t NewFile(MP4_local_file **file, const char *path, uint32_t flags) {
+    const bool fragmented = (flags & MP4_NEW_FRAGMENTED) != 0;
     if (file == nullptr) return kFailed;
     MP4_local_file *handle = static_cast<MP4_local_file *>(ZeroAlloc(sizeof(MP4_local_file)));
     *file = handle;
@@ -194,7 +236,7 @@ int32_t MP4FileNew(MP4_local_file **file, const char *path) {
     }
     std::strcpy(root->FilePath, path);
 
-    if (CreateFileTree(root) != 1 || AllocTreeRecords(root) != 1) {
+    if (CreateFileTree(root, fragmented) != 1 || AllocTreeRecords(root) != 1) {
         OutputDebugStringA("Error occur for create atom subtree in MP4FileNew(...) \n");
         ReleaseHandle(handle);
         std::remove(path);
@@ -202,7 +244,30 @@ int32_t MP4FileNew(MP4_local_file **file, const char *path) {
         return kFailed;
     }
     handle->write.NextTrackId = 1;
+    if (!fragmented) return 1;
+    handle->write.Fragments =
+        NewFragmentWriter(fileno(root->FileStream), (flags & MP4_NEW_SYNC) != 0);
+    if (handle->write.Fragments == nullptr) {
+        OutputDebugStringA("Can't allocate memory for the fragment writer in MP4FileNewEx(...) \n");
+        ReleaseHandle(handle);
+        std::remove(path);
+        *file = nullptr;
+        return kFailed;
+    }
     return 1;
+}
+
+}  // namespace
+
+int32_t MP4FileNew(MP4_local_file **file, const char *path) { return NewFile(file, path, 0); }
+
+int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32_t flags) {
+    // Durable writes are those of fragments: without them the flag means
+    // nothing, and is refused like an unknown one.
+    if ((flags & ~kKnownNewFlags) != 0 ||
+        ((flags & MP4_NEW_SYNC) != 0 && (flags & MP4_NEW_FRAGMENTED) == 0))
+        return kNewUnknownFlags;
+    return NewFile(file, path, flags);
 }
 
 int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, uint32_t height,
@@ -259,23 +324,10 @@ int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, ui
     if (configSize != 0) std::memcpy(track->ConfigBytes, config, configSize);
     track->ConfigSize = configSize;
     IntakeState &intake = trackType == MP4_TRACK_VIDEO ? form.VideoIntake : form.AudioIntake;
-    FILE *temp = std::fopen(tempFileName, "wb");
-    if (temp == nullptr) {
+    if (form.Fragments == nullptr && !OpenTempFile(intake, tempFileName)) {
         OutputDebugStringA("Can not create temp file in CreateTrack(...) \n");
         DiscardTrack(track);
         return kFailed;
-    }
-    intake = IntakeState{};
-    intake.TempFile = temp;
-    intake.TempFileName = tempFileName;
-    // Frames are a few hundred bytes to a few kilobytes: through the
-    // default stream buffer of one page each would cost a system call.
-    // Without the larger buffer the stream keeps its own, and works alike.
-    intake.TempBuffer = static_cast<char *>(std::malloc(kTempStreamBufferBytes));
-    if (intake.TempBuffer != nullptr &&
-        std::setvbuf(temp, intake.TempBuffer, _IOFBF, kTempStreamBufferBytes) != 0) {
-        std::free(intake.TempBuffer);
-        intake.TempBuffer = nullptr;
     }
 
     if (trackType == MP4_TRACK_VIDEO) {
@@ -291,5 +343,7 @@ int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, ui
         track->AudioSampleRate = audioSampleRate;
         form.AudioTrack = track;
     }
+    if (form.Fragments != nullptr)
+        form.Fragments->Tracks[trackType == MP4_TRACK_VIDEO ? 0 : 1].Track = track;
     return 1;
 }

@@ -15,6 +15,7 @@ struct VideoTrackNode;
 struct AudioTrackNode;
 struct OtherTrackNode;
 struct ReadAhead;
+struct FragmentWriter;
 
 // A path holds at most this many bytes, terminator included.
 constexpr size_t kFilePathBytes = 256;
@@ -63,6 +64,7 @@ struct WriteForm {
     uint32_t NextTrackId;
     IntakeState VideoIntake;
     IntakeState AudioIntake;
+    FragmentWriter *Fragments;  // owned: the fragmented writer (MP4FileNewEx); null on a classic handle
 };
 
 // One name, two forms that share only the first field. Nothing in the
@@ -86,6 +88,18 @@ inline bool AtomNameEquals(const char *a, const char *b) { return std::memcmp(a,
 bool CopyAtomName(char *destination, const char *source);
 void *ZeroAlloc(size_t size);
 void FreeIfSet(void *pointer);
+// Makes room for `needed` units of `unit` bytes in a malloc'd block that
+// holds `*capacity` units, at least doubling it, so that a block filled
+// one unit at a time is moved a few times only. false without memory (or
+// for a size past size_t): the block stays as it was.
+bool GrowBlock(void **block, size_t *capacity, size_t needed, size_t unit);
+template <typename T>
+bool GrowRecords(T **records, size_t *capacity, size_t needed) {
+    void *block = *records;
+    const bool grown = GrowBlock(&block, capacity, needed, sizeof(T));
+    *records = static_cast<T *>(block);
+    return grown;
+}
 // The size of an open stream's file as it is now (fstat): it may have grown
 // since it was first measured. 0 if it can't be told.
 uint64_t FileSizeNow(FILE *stream);
@@ -109,6 +123,10 @@ inline void PutBE32(uint8_t *record, size_t offset, uint32_t value) {
     p[1] = uint8_t(value >> 16);
     p[2] = uint8_t(value >> 8);
     p[3] = uint8_t(value);
+}
+inline void PutBE64(uint8_t *record, size_t offset, uint64_t value) {
+    PutBE32(record, offset, uint32_t(value >> 32));
+    PutBE32(record, offset + 4, uint32_t(value));
 }
 inline void PutBE16(uint8_t *record, size_t offset, uint16_t value) {
     record[offset] = uint8_t(value >> 8);

@@ -29,6 +29,18 @@ void FreeIfSet(void *pointer) {
     if (pointer != nullptr) std::free(pointer);
 }
 
+bool GrowBlock(void **block, size_t *capacity, size_t needed, size_t unit) {
+    if (needed <= *capacity) return true;
+    size_t units = needed < 16 ? 16 : needed;
+    if (*capacity <= SIZE_MAX / 4 && *capacity * 2 > units) units = *capacity * 2;
+    if (units > SIZE_MAX / unit) return false;
+    void *grown = std::realloc(*block, units * unit);
+    if (grown == nullptr) return false;
+    *block = grown;
+    *capacity = units;
+    return true;
+}
+
 extern "C" void OutputDebugStringA(const char *text) {
     if (text != nullptr) std::fputs(text, stderr);
 }

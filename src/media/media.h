@@ -17,6 +17,11 @@
 int32_t ParseVolHeader(const uint8_t *data, size_t length, uint32_t *width, uint32_t *height,
                        uint32_t *headerSize);
 
+// GetM4vHeaderSize on the first bytes of a stream held in memory: the
+// header size, or 0xFFFFFFFF, from at most its first 500 bytes, and the
+// picture size once the parse reaches it.
+uint32_t MeasureM4vHeader(const uint8_t *bytes, size_t count, uint32_t *width, uint32_t *height);
+
 // Reads `count` bits (0 to 32), most significant first, from bit
 // `position` of `buffer` (position 0 is the top bit of byte 0), and stores
 // them right-aligned in `value`. Result 1, or -1 with `value` 0 when the

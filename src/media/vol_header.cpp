@@ -135,28 +135,16 @@ int32_t ParseVolHeader(const uint8_t *data, size_t length, uint32_t *width, uint
     return kVolParsed;
 }
 
-uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *height) {
-    if (fileName == nullptr) return kHeaderSizeFailed;
-    FILE *stream = fopen(fileName, "rb");
-    if (stream == nullptr) return kHeaderSizeFailed;
-    // One spare zeroed byte behind the buffer: the start code search looks
-    // one byte past the last byte read, which counts as 0.
-    uint8_t *buffer = static_cast<uint8_t *>(malloc(kHeaderBufferBytes + 1));
-    if (buffer == nullptr) {
-        printf("Unable to new memory [bitstream]\n");
-        fclose(stream);
-        return kHeaderSizeNoMemory;
-    }
-    memset(buffer, 0, kHeaderBufferBytes + 1);
-    const size_t bytesRead = fread(buffer, 1, kHeaderBufferBytes, stream);
-    fclose(stream);
+namespace {
 
+// The header of the stream whose first bytes are in `buffer`: bytesRead of
+// them, zeros behind up to kHeaderBufferBytes and one spare zero byte more.
+uint32_t MeasureHeaderBuffer(const uint8_t *buffer, size_t bytesRead, uint32_t *width,
+                             uint32_t *height) {
     // A video object start code (00 to 1F) or a visual object sequence.
     const bool visualObjectSequence = buffer[3] == 0xB0;
-    if (!IsStartCodePrefix(buffer) || !(buffer[3] < 0x20 || visualObjectSequence)) {
-        free(buffer);
+    if (!IsStartCodePrefix(buffer) || !(buffer[3] < 0x20 || visualObjectSequence))
         return kHeaderSizeFailed;
-    }
     size_t offset = 0;
     if (visualObjectSequence) {
         // Up to the bytes read less 3: a 00 00 01 that ends the bytes read
@@ -172,7 +160,35 @@ uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *heigh
     const int32_t result = ParseVolHeader(buffer + offset, kHeaderBufferBytes - offset,
                                           width ? width : &localWidth,
                                           height ? height : &localHeight, &headerSize);
-    free(buffer);
     if (result < 0) return kHeaderSizeFailed;
     return headerSize + uint32_t(offset);
+}
+
+}  // namespace
+
+uint32_t MeasureM4vHeader(const uint8_t *bytes, size_t count, uint32_t *width, uint32_t *height) {
+    uint8_t buffer[kHeaderBufferBytes + 1] = {};
+    const size_t bytesRead = count < kHeaderBufferBytes ? count : kHeaderBufferBytes;
+    if (bytesRead > 0) memcpy(buffer, bytes, bytesRead);
+    return MeasureHeaderBuffer(buffer, bytesRead, width, height);
+}
+
+uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *height) {
+    if (fileName == nullptr) return kHeaderSizeFailed;
+    FILE *stream = fopen(fileName, "rb");
+    if (stream == nullptr) return kHeaderSizeFailed;
+    // One spare zeroed byte behind the buffer: the start code search looks
+    // one byte past the last byte read, which counts as 0.
+    uint8_t *buffer = static_cast<uint8_t *>(malloc(kHeaderBufferBytes + 1));
+    if (buffer == nullptr) {
+        printf("Unable to new memory [bitstream]\n");
+        fclose(stream);
+        return kHeaderSizeNoMemory;
+    }
+    memset(buffer, 0, kHeaderBufferBytes + 1);
+    const size_t bytesRead = fread(buffer, 1, kHeaderBufferBytes, stream);
+    fclose(stream);
+    const uint32_t size = MeasureHeaderBuffer(buffer, bytesRead, width, height);
+    free(buffer);
+    return size;
 }

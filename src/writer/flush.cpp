@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "atoms/atoms.h"
+#include "authoring/authoring.h"
 #include "writer/writer.h"
 
 namespace {
@@ -100,6 +101,7 @@ void ReleaseTrack(TrackNode *track) {
 // be read before "moov" is released.
 void ReleaseHandle(MP4_local_file *file) {
     WriteForm &form = file->write;
+    ReleaseFragmentWriter(form.Fragments);
     ReleaseTrack(form.VideoTrack);
     ReleaseTrack(form.AudioTrack);
     ReleaseTrack(form.OdTrack);
@@ -179,6 +181,14 @@ int32_t MP4FileFlush(MP4_local_file *file) {
         return kFailed;
     }
     WriteForm &form = file->write;
+    // A fragmented file is written already but for its last fragment and
+    // its index.
+    if (form.Fragments != nullptr) {
+        const int32_t result = EndFragmentedIntake(file);
+        FinishFiles(file);
+        ReleaseHandle(file);
+        return result;
+    }
     // A step that fails leaves records unfilled or a chain unmerged; such
     // a file is not written rather than written with garbage.
     bool intact = MergeTrackBlocks(file) == 1;

@@ -306,19 +306,23 @@ int32_t SizeIods(AtomNode *node, MP4_local_file *file) {
     return SetSize(node, kIodsSize);
 }
 
-int32_t SizeMoov(AtomNode *node, MP4_local_file *file) {
+// "moov", and the "mvex" of a fragmented file.
+int32_t SizeFileContainer(AtomNode *node, MP4_local_file *file) {
     int64_t size = kContainerHead;
     for (AtomNode *child = node->FirstChild; child != nullptr; child = child->NextSibling) {
         const int32_t childSize = SizeFileAtom(child, file);
         size += childSize;
         if (childSize < 1 || size > INT32_MAX) {
-            std::printf("there is error in [moov]'s child=>[%s]\n",
+            std::printf("there is error in [%s]'s child=>[%s]\n", PrintableName(node->AtomName).text,
                         PrintableName(child->AtomName).text);
             return kFailed;
         }
     }
     return SetSize(node, uint32_t(size));
 }
+
+// The fragmented writer fills a "trex" when it makes it.
+int32_t SizeTrex(AtomNode *node, MP4_local_file *) { return SetSize(node, NodeHeadLength(node)); }
 
 // "mdat" holds all media data, but only its header stands in front of it.
 int32_t SizeMdat(AtomNode *node, MP4_local_file *file) {
@@ -348,7 +352,8 @@ struct FileSizerRow {
 
 constexpr FileSizerRow kFileSizers[] = {
     {"ftyp", SizeFtyp}, {"mvhd", SizeMvhd}, {"iods", SizeIods},
-    {"moov", SizeMoov}, {"mdat", SizeMdat}, {"trak", SizeTrak},
+    {"moov", SizeFileContainer}, {"mdat", SizeMdat}, {"trak", SizeTrak},
+    {"mvex", SizeFileContainer}, {"trex", SizeTrex},
 };
 
 }  // namespace

@@ -6,7 +6,10 @@
 // MP4CORE_UPDATE_GOLDEN=1 set the goldens are rewritten instead: read their
 // diff before committing them.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <cstdio>
@@ -69,7 +72,8 @@ void HexLines(const Bytes &b, size_t from, size_t to, const std::string &indent,
 // Where the children of a container begin, from its first byte.
 const std::map<std::string, size_t> kContainers = {
     {"moov", 8}, {"trak", 8}, {"mdia", 8}, {"minf", 8}, {"stbl", 8}, {"dinf", 8}, {"tref", 8},
-    {"stsd", 16}, {"dref", 16}, {"mp4s", 16}, {"mp4a", 36}, {"mp4v", 86}};
+    {"stsd", 16}, {"dref", 16}, {"mp4s", 16}, {"mp4a", 36}, {"mp4v", 86},
+    {"mvex", 8}, {"moof", 8}, {"traf", 8}, {"mfra", 8}};
 
 void DumpAtoms(const Bytes &b, size_t at, size_t end, const std::string &indent, std::string &out) {
     while (at + 8 <= end) {
@@ -117,6 +121,16 @@ std::string State(const MP4_local_file *file) {
                                b->SampleRecords[n - 1].TempOffset);
         }
     }
+    if (const FragmentWriter *f = w.Fragments) {
+        text += Format("\n  fragments: %u written, file end %llu%s%s, leading %zu from %llu", f->Sequence,
+                       (unsigned long long)f->FileEnd, f->HeaderWritten ? "" : ", no header",
+                       f->Failed ? ", failed" : "", f->Leading, (unsigned long long)f->FragmentStart);
+        if (f->CutPending) text += Format(", cut at %llu", (unsigned long long)f->CutTime);
+        for (const RecordingTrack &t : f->Tracks)
+            if (t.Track != nullptr)
+                text += Format("\n    track %u: %zu frames held (%zu bytes), last duration %u, %zu index entries",
+                               t.Track->TrackId, t.FrameCount, t.ByteCount, t.LastDuration, t.IndexCount);
+    }
     return text + "\n";
 }
 
@@ -124,14 +138,28 @@ std::string State(const MP4_local_file *file) {
 struct Case {
     TempPath output{".mp4"}, videoTemp{".video"}, audioTemp{".audio"}, fullLink{".full"};
     MP4_local_file *file = nullptr;
+    // The frames a fragmented handle took, per track type, as the modern
+    // reader must give them back: time from the track's first, size, CRC,
+    // sync flag, composition offset.
+    std::map<int32_t, std::vector<std::vector<uint32_t>>> taken;
 
     Case() {
         CaptureStream quiet(stdout);
         EXPECT_EQ(MP4FileNew(&file, output.c_str()), 1);
     }
     ~Case() {
-        CaptureStream quiet(stdout);
+        CaptureStream quiet(stdout), quieter(stderr);
         if (file != nullptr) MP4FileFlush(file);
+        Limit({});
+    }
+    // A file-size limit of so many bytes (none without), which makes writes
+    // past it fail instead of ending the process.
+    static std::string Limit(const Args &a) {
+        static const rlimit kWas = [] { rlimit was{}; getrlimit(RLIMIT_FSIZE, &was); return was; }();
+        rlimit limit = kWas;
+        if (a.count("bytes")) limit.rlim_cur = Num(a, "bytes", 0);
+        std::signal(SIGXFSZ, a.count("bytes") ? SIG_IGN : SIG_DFL);
+        return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? "" : "  setrlimit failed\n";
     }
     MP4_local_file *Handle(const Args &a) const { return a.count("handle") ? nullptr : file; }
 
@@ -151,14 +179,20 @@ struct Case {
         const uint32_t every = Num(a, "keyevery", 0);
         std::map<int32_t, uint32_t> counts;
         for (uint32_t i = 0; i < Num(a, "n", times.empty() ? 1 : uint32_t(times.size())); ++i) {
-            const Bytes frame = Pattern(Num(a, "size", 4) + i % Num(a, "mod", 1), uint8_t(Num(a, "seed", 0) + i));
+            const uint32_t size = Num(a, "size", 4) + i % Num(a, "mod", 1);
+            const Bytes frame = a.count("null") ? Bytes() : Pattern(size, uint8_t(Num(a, "seed", 0) + i));
             const uint32_t time = i < times.size() ? times[i] : Num(a, "time", 0) + i * Num(a, "step", 40);
             const uint8_t *data = a.count("null") ? nullptr : frame.data();
             uint32_t flag = i < flags.size() ? flags[i] : Num(a, "key", 0);
             if ((every != 0 && i % every == 0) || std::count(keys.begin(), keys.end(), i)) flag = 1;
-            ++counts[video ? AddVideoFrame(Handle(a), uint32_t(frame.size()), data, i < cts.size() ? cts[i] : 0,
-                                           time, flag, uint8_t(Num(a, "ctflag", 0)))
-                           : AddAudioFrame(Handle(a), uint32_t(frame.size()), data, time)];
+            const int32_t result = video ? AddVideoFrame(Handle(a), size, data, i < cts.size() ? cts[i] : 0, time,
+                                                         flag, uint8_t(Num(a, "ctflag", 0)))
+                                         : AddAudioFrame(Handle(a), size, data, time);
+            ++counts[result];
+            if (result == 1 && file->write.Fragments != nullptr)
+                taken[video ? 1 : 2].push_back({time, size,
+                                 Crc32(frame.data(), frame.size()), !video || flag == 1,
+                                 Num(a, "ctflag", 0) != 0 && i < cts.size() ? cts[i] : 0});
         }
         std::string text = "  =";
         for (const auto &[result, count] : counts)
@@ -170,10 +204,50 @@ struct Case {
         const std::string result = "  = " + std::to_string(MP4FileFlush(Handle(a))) + "\n";
         if (a.count("handle")) return result;
         file = nullptr;
-        const Bytes written = ReadWholeFile(output.path());
+        // from=N: the bytes from N on, of a file mostly sparse.
+        Bytes written = ReadWholeFile(a.count("from") ? "/dev/null" : output.path());
+        if (a.count("from")) {
+            std::FILE *in = std::fopen(output.c_str(), "rb");
+            std::fseek(in, long(std::stoll(a.at("from"))), SEEK_SET);
+            for (int c; (c = std::fgetc(in)) != EOF;) written.push_back(uint8_t(c));
+            std::fclose(in);
+        }
         std::string text = result + Format("  file of %zu bytes\n", written.size());
         if (FileExists(videoTemp.path()) || FileExists(audioTemp.path())) text += "  a temp file is left\n";
         DumpAtoms(written, 0, written.size(), "  ", text);
+        return text + (taken.empty() ? "" : ReadBack());
+    }
+
+    // Each track of the fragmented file through the modern reader, sample
+    // for sample against the frames taken.
+    std::string ReadBack() {
+        MP4_local_file *read = nullptr;
+        std::string text;
+        if (MP4FileOpenEx(&read, output.c_str(), 1, MP4_OPEN_MODERN) != 1) return "  read back: no file\n";
+        uint32_t tracks = 0;
+        MP4GetTrackCount(read, &tracks);
+        for (uint32_t t = 0; t < tracks; ++t) {
+            MP4TrackInfo info{};
+            MP4GetTrackInfo(read, t, &info);
+            const std::vector<std::vector<uint32_t>> &frames = taken[info.TrackType];
+            size_t same = 0;
+            for (; same < info.SampleCount && same < frames.size(); ++same) {
+                MP4SampleInfo sample{};
+                MP4Sample *bytes = nullptr;
+                MP4GetSampleInfo(read, info.TrackId, info.TrackType, uint32_t(same), &sample);
+                MP4ReadSample(read, info.TrackId, info.TrackType, uint32_t(same), &bytes);
+                const std::vector<uint32_t> got = {uint32_t(sample.DecodeTime), sample.Size,
+                                                   bytes != nullptr ? Crc32(bytes->Data, bytes->Size) : Crc32(nullptr, 0),
+                                                   sample.IsKeyFrame, uint32_t(sample.CompositionOffset)};
+                SampleDataFree(&bytes);
+                if (got != std::vector<uint32_t>{frames[same][0] - frames[0][0], frames[same][1], frames[same][2],
+                                                 frames[same][3], frames[same][4]})
+                    break;
+            }
+            text += Format("  read back: track %u, %u samples in %u fragments; the first %zu of the %zu frames taken as written\n",
+                           info.TrackId, info.SampleCount, info.FragmentCount, same, frames.size());
+        }
+        MP4FileClose(&read);
         return text;
     }
 
@@ -199,6 +273,13 @@ struct Case {
             const std::map<std::string, TrackNode *> kTracks = {
                 {"video", w.VideoTrack}, {"audio", w.AudioTrack}, {"od", w.OdTrack}, {"scene", w.SceneTrack}};
             if (a.count("broken")) kTracks.at(a.at("broken"))->SampleBase = 1;
+            // As if the fragmented file ended at so many bytes, and its
+            // frames held so many ticks.
+            if (FragmentWriter *f = w.Fragments) {
+                if (a.count("fileend")) f->FileEnd = std::stoull(a.at("fileend"));
+                for (RecordingTrack &t : f->Tracks)
+                    for (size_t i = 0; i < t.FrameCount; ++i) t.Frames[i].Time += std::stoull(a.count("ticks") ? a.at("ticks") : "0");
+            }
             return "";
         }
         if (command == "state") return State(file);
@@ -220,6 +301,22 @@ struct Case {
             return Format("  = %d%s%s\n", result, made == nullptr ? " handle null" : "",
                           !path.empty() && FileExists(path) ? " created" : "");
         }
+        if (command == "newex") {  // this case's handle made again by MP4FileNewEx, or a refusal
+            {
+                CaptureStream quiet(stdout), quieter(stderr);
+                if (file != nullptr) MP4FileFlush(file);
+            }
+            std::remove(output.c_str());
+            taken.clear();
+            const char *path = a.count("full") ? "/dev/full" : a.count("missing") ? "/nonexistent-folder/out.mp4"
+                                                                                  : output.c_str();
+            file = reinterpret_cast<MP4_local_file *>(1);
+            const int32_t result = MP4FileNewEx(a.count("nohandle") ? nullptr : &file, path, Num(a, "flags", 0));
+            const std::string text = Format("  = %d%s\n", result, file == nullptr ? " handle null" : "");
+            if (result != 1) file = nullptr;
+            return text;
+        }
+        if (command == "limit") return Limit(a);
         return command == "flush" ? Flush(a) : "  unknown command\n";
     }
 };
@@ -278,7 +375,8 @@ TEST(TrackBlocks, RefuseNoSlotsNoBlockAndNoTrakAtom) {
     EXPECT_EQ(SerializeTrack(&head), -99);
 }
 
-INSTANTIATE_TEST_SUITE_P(Written, Golden, ::testing::Values("new_file", "headers", "layout", "tables", "intake"),
+INSTANTIATE_TEST_SUITE_P(Written, Golden,
+                         ::testing::Values("new_file", "headers", "layout", "tables", "intake", "fragmented"),
                          [](const ::testing::TestParamInfo<const char *> &info) { return std::string(info.param); });
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "media/media_support.h"
 #include "mp4core.h"
 #include "support/listing.h"
 #include "support/test_support.h"
@@ -150,6 +151,13 @@ TEST(SlowMux, FfmpegStreamsDecodeToTheSamePicturesAndSamples) {
     }
 }
 
+// tests/data/written/fragmented_ffmpeg.txt: fragmented files of `mp4core mux
+// --fragmented` against ffprobe and ffmpeg, and against the classic file.
+TEST(SlowFragmentedInterop, FfmpegReadsTheClassicFilesPacketsAndDecodesThem) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
+    media_support::ExpectTranscript("written/fragmented_ffmpeg.txt");
+}
+
 TEST(Mux, RefusesMissingOutputAndUnreadableStreams) {
     TempPath out(".mp4");
     const std::string tool = std::string(MP4CORE_TOOL) + " mux ", to = "-o '" + out.path() + "' ";
@@ -157,7 +165,8 @@ TEST(Mux, RefusesMissingOutputAndUnreadableStreams) {
         std::string arguments, output;
     } kCases[] = {
         {"--video x.m4v",
-         "usage: mp4core mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] [--scene] [--fps N]\n"},
+         "usage: mp4core mux -o OUT.mp4 [--video IN.m4v] [--audio IN.aac] [--od] [--scene] [--fps N] "
+         "[--fragmented] [--verbose]\n"},
         {to + "--video /nonexistent.m4v", "mp4core mux: can't read the video stream\n"},
         {to + "--audio '" + FixturePath("sample.m4v") + "'", "mp4core mux: the audio stream is no ADTS stream\n"},
     };
