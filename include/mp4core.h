@@ -268,9 +268,9 @@ MP4CORE_API uint32_t MP4FileClose(MP4_local_file **file);
 
 /* MP4FileNew creates (or empties) the file at path and gives a write
  * handle for CreateTrack, AddVideoFrame and AddAudioFrame. Nothing but the
- * empty file exists on disk until MP4FileFlush (MP4FileNewEx writes while
- * the frames arrive), the only call that ends
- * the handle (MP4FileClose must not be used on it).
+ * empty file exists on disk until MP4FileFlush, the only call that ends
+ * the handle (MP4FileClose must not be used on it); MP4FileNewEx can give a
+ * handle that writes while the frames arrive.
  *   file  receives the write handle; null after a failure. A null file
  *         gives -99 and nothing is written.
  *   path  the output file; at most 255 characters.
