@@ -3,7 +3,9 @@
 # tool, mux the raw MPEG-4 video and ADTS AAC samples into an MP4 file,
 # then show its atom tree, its summary, and extract its audio again; then
 # read an H.264/AAC file made by FFmpeg with the modern reader: its tracks
-# and the first of its samples.
+# and the first of its samples; then write the samples again as a
+# fragmented file fed from standard input, read fragmented files FFmpeg
+# made, and extract an H.264 track as an Annex B stream.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -27,3 +29,10 @@ echo "== info $data/modern/h264_aac.mp4 (H.264 with B-frames and AAC, made by FF
 $tool info $data/modern/h264_aac.mp4
 echo "== samples $data/modern/h264_aac.mp4 (the first lines)"
 $tool samples $data/modern/h264_aac.mp4 | sed -n '1,13p'
+echo "== mux --fragmented, the video from standard input -> out/demo_fragmented.mp4 (written as the frames arrive)"
+$tool mux --fragmented -o out/demo_fragmented.mp4 --video - --fps 25 --audio $data/sample.aac < $data/sample.m4v
+$tool info out/demo_fragmented.mp4
+echo "== info $data/modern/frag_cmaf_every_frame.mp4 (CMAF made by FFmpeg, one fragment per picture)"
+$tool info $data/modern/frag_cmaf_every_frame.mp4 | grep ^track
+echo "== extract the H.264 track of $data/modern/frag_empty_moov.mp4 -> out/demo.264 (Annex B)"
+$tool extract $data/modern/frag_empty_moov.mp4 --track 1 -o out/demo.264
