@@ -95,19 +95,21 @@ uint32_t DepthOf(const AtomNode *node) {
 // modern set place them by what they hold: a sound sample entry by its
 // version (QuickTime adds 16 or 36 bytes of fields), a "meta" by whether it
 // is a full atom (ISO) or a plain container (QuickTime, with "hdlr" first).
+// Offsets count from the atom's first byte, so a 64-bit size (LargeHead,
+// only ever set by the modern reader) moves every child 8 bytes on.
 uint64_t ChildStart(const HeadSource &source, const AtomNode *node) {
     AtomSchema schema{};
     if (GetAtomLayout(node, &schema) <= 0 || schema.ChildOffset == 0) return 0;
-    if (node->Reader != kModernReader || schema.Placement == ChildPlacement::kFixed)
-        return schema.ChildOffset;
+    const uint64_t fixed = node->LargeHead + uint64_t(schema.ChildOffset);
+    if (node->Reader != kModernReader || schema.Placement == ChildPlacement::kFixed) return fixed;
     const uint64_t body = node->AtomOffset + node->LargeHead;
     uint8_t probe[8];
     if (schema.Placement == ChildPlacement::kSoundVersion) {
-        if (ReadHead(source, body + 16, probe, 2) != HeadRead::kOk) return schema.ChildOffset;
+        if (ReadHead(source, body + 16, probe, 2) != HeadRead::kOk) return fixed;
         const uint16_t version = GetBE16(probe, 0);
         return node->LargeHead + (version == 1 ? 52u : version == 2 ? 72u : schema.ChildOffset);
     }
-    if (ReadHead(source, body + 8, probe, 8) != HeadRead::kOk) return schema.ChildOffset;
+    if (ReadHead(source, body + 8, probe, 8) != HeadRead::kOk) return fixed;
     const bool plain = probe[4] == 'h' && probe[5] == 'd' && probe[6] == 'l' && probe[7] == 'r';
     return node->LargeHead + (plain ? kHeadBytes : schema.ChildOffset);
 }

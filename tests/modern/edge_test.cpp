@@ -100,6 +100,15 @@ TEST(ModernEdges, TinyFragmentsOpenInProportionToTheFile) {
          Atom("mdat", {U8(7)})});
     Bytes bytes = MiniFile("video 1 moov first");
     for (uint32_t i = 0; i < kFragments; ++i) bytes.insert(bytes.end(), fragment.begin(), fragment.end());
+    // The last "moof" has a 64-bit size: its children and its run's data
+    // offset count from its first byte all the same.
+    const size_t last = bytes.size() - fragment.size();
+    const Bytes wide = Cat({U32(1), Text("moof"), U32(0), U32(80 + 8),
+                            Bytes(bytes.begin() + long(last) + 8, bytes.begin() + long(last) + 80)});
+    bytes.resize(last);
+    bytes.insert(bytes.end(), wide.begin(), wide.end());
+    bytes.insert(bytes.end(), {0, 0, 0, 9, 'm', 'd', 'a', 't', 7});
+    bytes[last + 16 + 16 + 8 + 28 + 16 + 3] += 8;  // the run's data offset
     const size_t heapBefore = mallinfo2().uordblks;
     const auto start = std::chrono::steady_clock::now();
     ModernFile f(bytes);
