@@ -261,6 +261,10 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
         GetBitField(config + 4, 18, rate, 20, 80);
         GetBitField(config + 4, 18, &value, 3, 100);
         *channels = value + 1;
+    } else if (AtomNameEquals(atom->AtomName, "damr")) {
+        // AMR in MP4 is mono: 3GPP writers put the template's 2 in the
+        // entry's channel count.
+        *channels = 1;
     } else if (AtomNameEquals(atom->AtomName, "alac") && size >= 24) {
         *channels = config[9];
         *rate = GetBE32(config, 20);

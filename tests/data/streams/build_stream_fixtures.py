@@ -17,8 +17,17 @@ builder of tests/data/modern (build_fixtures.py).
   core object type 2 at 22050 Hz. Debian's FFmpeg has no HE-AAC encoder, so
   the frames carry no SBR data: the ADTS stream of either track is the core
   stream, and decodes as the donor track does.
+- amr.mp4: track 1 "samr" (AMR narrowband, 8000 Hz), 50 samples of one
+  12.2 kbit/s frame; track 2 "sawb" (AMR wideband, 16000 Hz), 50 samples
+  of one 23.85 kbit/s frame; every frame a storage-format header byte and
+  seeded pseudo-random speech bits, the channel count 2 as 3GPP writers
+  put it. Debian's FFmpeg has no AMR encoder, but decodes any bits of
+  these modes, so the extracted storage-format files are held against
+  FFmpeg's decode of the tracks. One frame a sample: FFmpeg 5.1 decodes
+  only the first frame of a sample that holds several.
 """
 import os
+import random
 import struct
 import subprocess
 import sys
@@ -71,6 +80,27 @@ def he_aac_track(tid, donor, object_type):
     return t
 
 
+def amr_track(tid, name, rate, mode, payload, frames_per_sample, count, seed):
+    """AMR frames of one mode in a 3GPP sample entry: sound entry with "damr"
+    (vendor, decoder version, the one mode in the mode set, mode change
+    period, frames per sample)."""
+    rng = random.Random(seed)
+    damr = box("damr", b"mp4c", struct.pack(">BHBB", 0, 1 << mode, 0, frames_per_sample))
+    entry = box(name, bytes(6), struct.pack(">H", 1), bytes(8),
+                struct.pack(">HHHHI", 2, 16, 0, 0, rate << 16), damr)
+    frame = rate // 50  # 20 ms
+    t = Track(tid)
+    t.entry, t.timescale, t.handler, t.kind, t.codec = entry, rate, "soun", "audio", name
+    t.samples = [b"".join(bytes([mode << 3 | 4]) + bytes(rng.getrandbits(8) for _ in range(payload))
+                          for _ in range(frames_per_sample)) for _ in range(count)]
+    t.durations = [frame * frames_per_sample] * count
+    t.offsets = [0] * count
+    t.keys = [True] * count
+    t.per_chunk = 10
+    t.stream = {}
+    return t
+
+
 def main(directory):
     variants = os.path.join(directory, "pcm_variants.mov")
     movie = Movie([pcm_track(1, "ipcm", 0, 24, 8000, track_bytes(variants, 4, "s24be")),
@@ -79,6 +109,9 @@ def main(directory):
     donor = Donor(os.path.join(directory, "..", "modern", "h264_rot90_sar_lang.mp4"), 2)
     movie = Movie([he_aac_track(1, donor, 5), he_aac_track(2, donor, 29)])
     movie.write(os.path.join(directory, "he_aac.mp4"))
+    movie = Movie([amr_track(1, "samr", 8000, 7, 31, 1, 50, 1),
+                   amr_track(2, "sawb", 16000, 8, 60, 1, 50, 2)])
+    movie.write(os.path.join(directory, "amr.mp4"))
 
 
 if __name__ == "__main__":

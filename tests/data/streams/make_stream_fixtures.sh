@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes the fixtures of `mp4core extract` that tests/data/modern lacks: the
 # PCM layouts of QuickTime in one small .mov (FFmpeg), then the hand-built
-# files of build_stream_fixtures.py ("ipcm"/"fpcm", HE-AAC).
+# files of build_stream_fixtures.py ("ipcm"/"fpcm", HE-AAC, AMR).
 #
 #   make_stream_fixtures.sh
 #
