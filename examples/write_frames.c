@@ -2,7 +2,8 @@
  * MPEG-4 video stream (ISO/IEC 14496-2) and an AAC stream in ADTS.
  *
  * Video: the headers in front of the first plane (VOP start code
- * 00 00 01 B6) are the decoder configuration; a frame runs from its plane,
+ * 00 00 01 B6), without their user data, are the decoder configuration;
+ * a frame runs from its plane,
  * or from the sequence header (00 00 01 B0) that the encoder repeats in
  * front of it, to the next frame; a plane coded as I is a key frame. The
  * stream is taken to run at 25 frames per second.
@@ -12,6 +13,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "mp4core.h"
 
@@ -44,13 +46,34 @@ static size_t next_start_code(const Buffer *s, size_t from) {
     return s->size;
 }
 
+/* The headers in front of the first plane, without user data (00 00 01 B2
+ * up to the next start code): encoders put their name there, which can
+ * push the headers past what CreateTrack takes. Gives the size copied to
+ * `config`, or MAX_CONFIG + 1 when the rest would not fit. */
+static size_t copy_config(const Buffer *s, size_t first_vop, uint8_t *config) {
+    size_t size = 0;
+    for (size_t at = next_start_code(s, 0); at < first_vop;) {
+        size_t next = next_start_code(s, at + 3);
+        if (next > first_vop) next = first_vop;
+        if (s->data[at + 3] != 0xB2) {
+            if (size + (next - at) > MAX_CONFIG) return MAX_CONFIG + 1;
+            memcpy(config + size, s->data + at, next - at);
+            size += next - at;
+        }
+        at = next;
+    }
+    return size;
+}
+
 static int add_video(MP4_local_file *file, const Buffer *s, const char *path,
                      const char *temp_name) {
     size_t first_vop = next_start_code(s, 0);
     while (first_vop < s->size && s->data[first_vop + 3] != 0xB6)
         first_vop = next_start_code(s, first_vop + 3);
-    if (first_vop == s->size || first_vop > MAX_CONFIG) {
-        fprintf(stderr, "%s: no plane, or headers over %d bytes\n", path, MAX_CONFIG);
+    uint8_t config[MAX_CONFIG];
+    size_t config_size = first_vop < s->size ? copy_config(s, first_vop, config) : 0;
+    if (config_size == 0 || config_size > MAX_CONFIG) {
+        fprintf(stderr, "%s: no headers and plane, or headers over %d bytes\n", path, MAX_CONFIG);
         return 0;
     }
     /* CreateTrack reads the picture size from a configuration only in one
@@ -60,7 +83,7 @@ static int add_video(MP4_local_file *file, const Buffer *s, const char *path,
     /* 0x01: Simple Profile level 1, as the video object sequence header of
      * the sample stream says. */
     if (CreateTrack(file, MP4_TRACK_VIDEO, width, height, 0, VIDEO_TIMESCALE, 0x01, 0, 0, 0,
-                    (uint32_t)first_vop, s->data, temp_name, 0) != 1) {
+                    (uint32_t)config_size, config, temp_name, 0) != 1) {
         fprintf(stderr, "CreateTrack (video) failed\n");
         return 0;
     }
