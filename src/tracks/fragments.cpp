@@ -136,7 +136,8 @@ const AtomNode *FindTopLevel(const Root_atom *root, const char *name) {
     return atom;
 }
 
-// The defaults of each track's "trex" ("moov"/"mvex").
+// The defaults of each track's "trex" ("moov"/"mvex"); of two for one
+// track the first counts.
 void ReadTrackExtends(const Root_atom *root, FragmentTrack *tracks, size_t count) {
     const AtomNode *moov = FindTopLevel(root, "moov");
     const AtomNode *mvex = FindChild(moov, "mvex");
@@ -146,7 +147,8 @@ void ReadTrackExtends(const Root_atom *root, FragmentTrack *tracks, size_t count
             continue;
         const uint8_t *record = trex->realStructure;
         FragmentTrack *track = FindTrack(tracks, count, GetBE32(record, field::kTrexTrackId));
-        if (track == nullptr) continue;
+        if (track == nullptr || track->HasExtends) continue;
+        track->HasExtends = true;
         track->DefaultDuration = GetBE32(record, field::kTrexDuration);
         track->DefaultSize = GetBE32(record, field::kTrexSize);
         track->DefaultFlags = GetBE32(record, field::kTrexFlags);

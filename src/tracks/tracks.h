@@ -293,6 +293,7 @@ struct FragmentTrack {
     uint32_t DefaultDuration;  // "trex" defaults
     uint32_t DefaultSize;
     uint32_t DefaultFlags;
+    bool HasExtends;           // the defaults come from a "trex"
     uint32_t Samples;          // samples its track fragments hold (counted)
     TablePlan Plan;            // its tables: the "stbl" plan and its fragments
     uint32_t Order;            // its place among the "trak" atoms
