@@ -117,10 +117,10 @@ void MeasureAtoms(const AtomNode *atom, const Root_atom *root, uint64_t *parsed,
         }
         *parsed += std::min(bytes, atom->AtomSize > head ? atom->AtomSize : head);
         *held += sizeof(AtomNode) + NodeAllocSize(atom) + 2 * kBlockOverhead;
-        // Entries that the fill does not free stay with the tree.
-        if (GetRecordPointer(atom) != nullptr && inFile && !AtomNameEquals(atom->AtomName, "trun") &&
-            std::none_of(std::begin(kExpandedAtoms), std::end(kExpandedAtoms),
-                         [&](const char *name) { return AtomNameEquals(atom->AtomName, name); }))
+        // Loaded entries count, also those the fill frees once a track has
+        // its tables (a track given up keeps them); those of "trun" are
+        // freed as they are read.
+        if (GetRecordPointer(atom) != nullptr && inFile && !AtomNameEquals(atom->AtomName, "trun"))
             *held += atom->AtomSize + kBlockOverhead;
         MeasureAtoms(atom->FirstChild, root, parsed, held);
     }
