@@ -297,7 +297,7 @@ std::string LongFixture() {
 
 std::string GeneratedFile(const std::string &kind) {
     std::string dir = CacheDir();
-    std::string path = dir + "/" + kind + "_h264_aac.mp4";
+    std::string path = dir + "/" + (kind == "pcm" ? "pcm_10min.mov" : kind + "_h264_aac.mp4");
     if (Exists(path)) return path;
     if (std::system("command -v ffmpeg >/dev/null") != 0) return "";
     std::string command = std::string("bash '") + MP4CORE_BENCH_DIR + "/make_bench_files.sh' " +

@@ -26,7 +26,9 @@ std::string LongFixture();
 // The FFmpeg H.264/AAC files of the modern reader's benchmark, made by
 // bench/make_bench_files.sh on first use: "small" (more than 100000 samples
 // of 160x120 video and 48 kHz audio) and "hd" (a few hundred 1920x1080
-// pictures of about 110 KB). Empty when FFmpeg is missing or fails.
+// pictures of about 110 KB), and "pcm" (pcm_10min.mov: ten minutes of
+// 48 kHz stereo 16-bit PCM in QuickTime). Empty when FFmpeg is missing or
+// fails.
 std::string GeneratedFile(const std::string &kind);
 // The number of samples of the first track of a generated file's listing
 // (PATH.samples), or 0.

@@ -11,13 +11,16 @@
 #   make_bench_files.sh hd DIR      hd_h264_aac.mp4: 12 seconds of 1920x1080
 #                                   H.264 at a high quality (about 110 KB a
 #                                   picture) with 48 kHz AAC, 864 samples
+#   make_bench_files.sh pcm DIR     pcm_10min.mov: 10 minutes of 48 kHz
+#                                   stereo 16-bit PCM ("sowt", 115 MB,
+#                                   28.8 million frames)
 #
 # Needs ffmpeg with libx264 (Debian's). Not bit-exact: the benchmark needs
 # only the shape of the files. Each file is written beside its final name
 # and moved there when whole, so a cut-off run leaves nothing half made.
 set -euo pipefail
-kind=${1:?usage: make_bench_files.sh small|frag|hd DIR}
-dir=${2:?usage: make_bench_files.sh small|frag|hd DIR}
+kind=${1:?usage: make_bench_files.sh small|frag|hd|pcm DIR}
+dir=${2:?usage: make_bench_files.sh small|frag|hd|pcm DIR}
 mkdir -p "$dir"
 ff() { ffmpeg -hide_banner -nostdin -v error -y "$@"; }
 # tone SECONDS: a 48 kHz tone
@@ -38,6 +41,10 @@ case $kind in
     out=$dir/hd_h264_aac.mp4
     ff -f lavfi -i "testsrc2=size=1920x1080:rate=25:duration=12" $(tone 12) \
        "${x264[@]}" -crf 12 -c:a aac -b:a 128k -ac 2 -movflags +faststart "$out.part.mp4" ;;
+  pcm)
+    out=$dir/pcm_10min.mov
+    ff -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=600" -ac 2 -c:a pcm_s16le \
+       "$out.part.mov" ;;
   *) echo "make_bench_files.sh: unknown kind $kind" >&2; exit 2 ;;
 esac
-mv "$out.part.mp4" "$out"
+mv "$out.part.${out##*.}" "$out"

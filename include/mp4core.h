@@ -243,7 +243,12 @@ MP4CORE_API int32_t MP4FileOpen(MP4_local_file **file, const char *path, int32_t
  *          is a sync sample when its flags say it is not a non-sync one;
  *          a "moof" cut by the end of the file is left out. Edit lists
  *          are not applied to the samples (MP4GetTrackInfo reports them).
- *          It prints nothing.
+ *          Uncompressed audio whose samples are single frames is read in
+ *          samples of up to 1024 frames, never across a chunk. The heap
+ *          the handle holds stays within 16 bytes per byte of the atoms
+ *          it parses and 1 MiB: a track whose tables would take more is
+ *          kept without them. Of two table atoms of one kind in an "stbl"
+ *          the first counts. It prints nothing.
  * The handle is a read handle for MP4FileClose and every reading call.
  * On a modern handle their 32-bit times are compared with the track's
  * 64-bit times (so they reach the first 2^31 ticks; MP4FindSample reaches

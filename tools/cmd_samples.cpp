@@ -65,16 +65,16 @@ bool ReadOptions(const Arguments &arguments, Options *options, int *status) {
     return true;
 }
 
-// The file offset of a sample is not part of MP4Sample; the track's own
-// table has it.
-uint32_t OffsetOf(const TrackNode *node, uint32_t number) {
-    if (node == nullptr || node->SampleRecords == nullptr || number >= node->SampleCount) return 0;
-    return node->SampleRecords[number].FileOffset;
+// The file offset of a sample is not part of MP4Sample; MP4GetSampleInfo
+// gives it (0 for a sample it can't describe).
+uint32_t OffsetOf(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t number) {
+    MP4SampleInfo info{};
+    if (MP4GetSampleInfo(file, trackId, type, number, &info) != 1) return 0;
+    return uint32_t(info.FileOffset);
 }
 
 // Lists a track; false if a call failed.
-bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
-               uint32_t sampleCount) {
+bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t sampleCount) {
     const char *name = type == MP4_TRACK_VIDEO ? "video" : "audio";
     bool ok = true;
     uint32_t number = 0;
@@ -85,7 +85,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Track
         int32_t result = GetNextSample(file, trackId, type, &sample);
         if (result == 1) {
             std::printf("%u %s %u %u %u %u %u %08x\n", trackId, name, number, sample->Time,
-                        sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(node, number),
+                        sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(file, trackId, type, number),
                         Crc32(sample->Data, sample->Size));
             SampleDataFree(&sample);
         } else if (result == 0) {
@@ -105,8 +105,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Track
 // Makes the calls in order on one track; false if one failed. The track's
 // cursor (the video or the audio one) stands behind the sample a call
 // returned.
-bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const TrackNode *node,
-                    const int32_t *videoCursor, const uint32_t *audioCursor,
+bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const int32_t *videoCursor, const uint32_t *audioCursor,
                     const std::vector<CursorCall> &calls) {
     const char *name = type == MP4_TRACK_VIDEO ? "video" : "audio";
     bool ok = true;
@@ -142,7 +141,7 @@ bool RunCursorCalls(MP4_local_file *file, uint32_t trackId, int32_t type, const 
             PrintModernSampleLine(file, trackId, type, number, sample);
         else
             std::printf("%u %s %u %u %u %u %u %08x\n", trackId, name, number, sample->Time,
-                        sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(node, number),
+                        sample->Size, unsigned(sample->IsKeyFrame), OffsetOf(file, trackId, type, number),
                         Crc32(sample->Data, sample->Size));
         SampleDataFree(&sample);
     }
@@ -175,19 +174,19 @@ int RunSamples(const Arguments &arguments) {
         if (options.track != 0 && options.track != v->TrackId) continue;
         found = true;
         if (!options.calls.empty())
-            ok &= RunCursorCalls(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, &v->SampleCursor,
+            ok &= RunCursorCalls(file, v->TrackId, MP4_TRACK_VIDEO, &v->SampleCursor,
                                  nullptr, options.calls);
         else
-            ok &= ListTrack(file, v->TrackId, MP4_TRACK_VIDEO, v->Track, v->SampleCount);
+            ok &= ListTrack(file, v->TrackId, MP4_TRACK_VIDEO, v->SampleCount);
     }
     for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack) {
         if (options.track != 0 && options.track != a->TrackId) continue;
         found = true;
         if (!options.calls.empty())
-            ok &= RunCursorCalls(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, nullptr,
+            ok &= RunCursorCalls(file, a->TrackId, MP4_TRACK_AUDIO, nullptr,
                                  &a->SampleCursor, options.calls);
         else
-            ok &= ListTrack(file, a->TrackId, MP4_TRACK_AUDIO, a->Track, a->SampleCount);
+            ok &= ListTrack(file, a->TrackId, MP4_TRACK_AUDIO, a->SampleCount);
     }
     MP4FileClose(&file);
     if (options.track != 0 && !found) {

@@ -40,8 +40,7 @@ void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int64_t
 }
 
 int32_t LastKeyMarkAtOrBefore(const TrackNode *node, int32_t from) {
-    const SampleRecord *samples = node->SampleRecords;
     int32_t index = int32_t(std::min<int64_t>(from, int64_t(node->SampleCount) - 1));
-    while (index >= 0 && samples[index].IsKeyFrame != 1) --index;
+    while (index >= 0 && ViewSample(node, uint32_t(index)).IsKeyFrame != 1) --index;
     return index;
 }

@@ -21,7 +21,7 @@ void ChooseByTable(VideoTrackNode *record, const TrackNode *node, int32_t cursor
     const int64_t last = SampleTimeKey(node, node->SampleCount - 1);
     const int32_t count = int32_t(UsedKeyFrames(node));
     const int32_t search = SearchTrackKeyFrames(node, uint32_t(count), time);
-    const bool onKey = node->SampleRecords[cursor].IsKeyFrame == 1;
+    const bool onKey = ViewSample(node, uint32_t(cursor)).IsKeyFrame == 1;
     if (onKey || direction == Direction::Next) {
         // Forward from a non-key sample: the key frame behind the one at or
         // before it; none behind the last wraps to sample 0.
@@ -45,12 +45,11 @@ void ChooseByTable(VideoTrackNode *record, const TrackNode *node, int32_t cursor
 
 // The mark path: walks over IsKeyFrame, testing samples of the table only.
 int32_t ChooseByMarks(const TrackNode *node, int32_t cursor, Direction direction) {
-    const SampleRecord *samples = node->SampleRecords;
     const int32_t count = int32_t(node->SampleCount);
-    if (samples[cursor].IsKeyFrame == 1) return cursor;
+    if (ViewSample(node, uint32_t(cursor)).IsKeyFrame == 1) return cursor;
     if (direction == Direction::Next) {
         for (int32_t index = cursor + 1; index < count; ++index)
-            if (samples[index].IsKeyFrame == 1) return index;
+            if (ViewSample(node, uint32_t(index)).IsKeyFrame == 1) return index;
         return 0;  // past the end: sample 0, key frame or not
     }
     int32_t nearest = LastKeyMarkAtOrBefore(node, cursor);

@@ -56,23 +56,23 @@ int32_t FindNumberedTrack(MP4_local_file *file, uint32_t trackId, int32_t trackT
         node = other->Track;
     }
     if (!found) return kNumberedNoTrack + shift;
-    if (node == nullptr || node->SampleRecords == nullptr) return kNumberedNoTables + shift;
+    if (!HasSampleTables(node)) return kNumberedNoTables + shift;
     track->Node = node;
     return 1;
 }
 
 bool IsSyncSample(const TrackNode *node, uint32_t index) {
-    const SampleRecord &record = node->SampleRecords[index];
-    return node->Modern ? record.IsSync == 1 : record.IsKeyFrame == 1;
+    const SampleView sample = ViewSample(node, index);
+    return node->Modern ? sample.IsSync == 1 : sample.IsKeyFrame == 1;
 }
 
-int32_t ReadNumbered(MP4_local_file *file, const SampleRecord &record, MP4Sample *sample) {
-    sample->Time = record.Time;
+int32_t ReadNumbered(MP4_local_file *file, const SampleView &record, MP4Sample *sample) {
+    sample->Time = uint32_t(record.Time);
     sample->Size = record.Size;
     sample->IsKeyFrame = record.IsKeyFrame;
     if (record.Size == 0) return kReadZeroSize;
     Root_atom *root = file->RootAtom;
-    const uint64_t offset = SampleFileOffset(record);
+    const uint64_t offset = record.Offset;
     if (offset + record.Size > root->FileSize) return kReadShortRead;
     sample->Data = static_cast<uint8_t *>(std::malloc(record.Size));
     if (sample->Data == nullptr) return kReadNoMemoryForData;
@@ -92,13 +92,13 @@ int32_t MP4GetSampleInfo(MP4_local_file *file, uint32_t trackId, int32_t trackTy
     if (result != 1) return result;
     const TrackNode *node = track.Node;
     if (sampleNumber >= node->SampleCount) return kNumberedPastEnd;
-    const SampleRecord &record = node->SampleRecords[sampleNumber];
+    const SampleView sample = ViewSample(node, sampleNumber);
     *info = MP4SampleInfo{};
-    info->FileOffset = SampleFileOffset(record);
-    info->DecodeTime = node->Modern ? SampleDecodeTime(node, sampleNumber) : record.Time;
-    info->CompositionOffset = node->Modern ? int32_t(record.CompositionOffset) : 0;
-    info->Size = record.Size;
-    info->IsKeyFrame = IsSyncSample(node, sampleNumber) ? 1 : 0;
+    info->FileOffset = sample.Offset;
+    info->DecodeTime = sample.Time;
+    info->CompositionOffset = int32_t(sample.CompositionOffset);
+    info->Size = sample.Size;
+    info->IsKeyFrame = (node->Modern ? sample.IsSync : sample.IsKeyFrame) == 1 ? 1 : 0;
     return 1;
 }
 
@@ -111,7 +111,7 @@ int32_t MP4ReadSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
     if (sampleNumber >= track.Node->SampleCount) return kNumberedPastEnd;
     SampleHolder holder = NewSample();
     if (!holder) return kReadNoMemoryForRecord;
-    result = ReadNumbered(file, track.Node->SampleRecords[sampleNumber], holder.get());
+    result = ReadNumbered(file, ViewSample(track.Node, sampleNumber), holder.get());
     if (track.Access.Video != nullptr || track.Access.Audio != nullptr)
         SetCursor(track.Access, sampleNumber + 1);
     if (result == 1) *sample = holder.release();

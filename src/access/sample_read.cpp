@@ -18,8 +18,8 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
                            const ReadCodes &codes, MP4Sample *sample) {
     const uint32_t cursor = CursorOf(track);
     if (cursor >= node->SampleCount || cursor >= node->SampleCapacity) return 0;
-    const SampleRecord &record = node->SampleRecords[cursor];
-    sample->Time = record.Time;
+    const SampleView record = ViewSample(node, cursor);
+    sample->Time = uint32_t(record.Time);
     sample->Size = record.Size;
     sample->IsKeyFrame = record.IsKeyFrame;
     // On a modern handle an empty sample is passed over like one the file
@@ -34,7 +34,7 @@ int32_t ReadSampleAtCursor(MP4_local_file *file, const AccessTrack &track, Track
     // measured at the open asks the file again, since another process may
     // still be appending to it.
     Root_atom *root = file->RootAtom;
-    const uint64_t offset = SampleFileOffset(record);
+    const uint64_t offset = record.Offset;
     const uint64_t end = offset + record.Size;
     if (end > root->FileSize && end > FileSizeNow(root->FileStream)) {
         SetCursor(track, cursor + 1);

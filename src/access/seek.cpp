@@ -65,6 +65,6 @@ int32_t SeekTrackPos(MP4_local_file *file, uint32_t trackId, int32_t trackType, 
     // A key frame record that names no sample of the table lands nowhere.
     const uint32_t cursor = CursorOf(track);
     if (cursor >= node->SampleCount) return 0;
-    *position = node->SampleRecords[cursor].Time;
+    *position = uint32_t(ViewSample(node, cursor).Time);
     return 1;
 }

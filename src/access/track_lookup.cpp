@@ -80,7 +80,7 @@ void SetCursor(const AccessTrack &track, uint32_t cursor) {
 int32_t CheckTrackTables(const AccessTrack &track, const TableCodes &codes, TrackNode **node) {
     TrackNode *found = TrackOf(track);
     if (found == nullptr) return codes.NoTrack;
-    if (found->SampleRecords == nullptr) return codes.NoRecords;
+    if (!HasSampleTables(found)) return codes.NoRecords;
     *node = found;
     return 1;
 }

@@ -65,7 +65,7 @@ int32_t Mp4VideoSeek(MP4_local_file *file, uint32_t reserved, int32_t sampleNumb
     VideoTrackNode *record = file->read.VideoCurrent;
     if (record == nullptr || record->Track == nullptr) return kVideoSeekBadArguments;
     const TrackNode *node = record->Track;
-    if (!HasKeyFrameTable(node) || node->SampleRecords == nullptr)
+    if (!HasKeyFrameTable(node) || !HasSampleTables(node))
         return kVideoSeekBadArguments;
     const uint32_t target = uint32_t(sampleNumber);
     if (target > record->SampleCount) return kVideoSeekBadArguments;

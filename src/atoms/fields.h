@@ -66,7 +66,10 @@ constexpr size_t kAudioDataReferenceIndex = 14;
 constexpr size_t kAudioVersion = 16;  // QuickTime sound description version
 constexpr size_t kAudioChannelCount = 24;
 constexpr size_t kAudioSampleBits = 26;
+constexpr size_t kAudioCompressionId = 28;  // QuickTime: -2 for compressed sound
 constexpr size_t kAudioSampleRate = 32;
+// QuickTime's version 1 sound description, behind the fields above.
+constexpr size_t kAudioV1BytesPerFrame = 44;
 // QuickTime's version 2 sound description, behind the fields above (the
 // record ends before them): rate as a 64-bit float, channels, bits per
 // channel and the format flags of "lpcm".

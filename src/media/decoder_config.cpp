@@ -2,6 +2,7 @@
 // the audio facts of MP4GetTrackInfo: which atom holds the configuration,
 // its payload read from the file, and the rate and channels that it (or
 // the entry, or an MP3 frame header) gives.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -279,4 +280,55 @@ int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, int32_t trac
     const AtomNode *trak = FindTrakAtom(file->RootAtom, trackId, trackType);
     if (trak == nullptr) return kConfigNoTrack;
     return ReadDecoderConfig(file->RootAtom, FirstSampleEntry(trak), data, size);
+}
+
+namespace {
+
+// The uncompressed audio formats, with the width of a channel's sample
+// where the format fixes it (0: the entry's sample size field says).
+struct PcmFormat {
+    char Name[5];
+    uint32_t Bits;
+};
+constexpr PcmFormat kPcmFormats[] = {
+    {"ipcm", 0}, {"fpcm", 0}, {"lpcm", 0},  {"sowt", 0},  {"twos", 0},  {"NONE", 0}, {"raw ", 8},
+    {"in24", 24}, {"in32", 32}, {"fl32", 32}, {"fl64", 64}, {"alaw", 8}, {"ulaw", 8},
+};
+
+constexpr int16_t kCompressedSound = -2;
+
+}  // namespace
+
+uint32_t PcmFrameBytes(Root_atom *root, const AtomNode *entry, bool *byteFrames) {
+    *byteFrames = false;
+    if (entry == nullptr) return 0;
+    const PcmFormat *format = nullptr;
+    for (const PcmFormat &row : kPcmFormats)
+        if (AtomNameEquals(entry->AtomName, row.Name)) format = &row;
+    if (format == nullptr) return 0;
+    // The sound fields, counted from a head of 8 bytes as fields.h counts;
+    // only what both the atom and the file hold.
+    uint8_t fields[field::kAudioV2BitsPerChannel + 4] = {};
+    const uint64_t start = entry->AtomOffset + entry->LargeHead;
+    const uint64_t room = std::min<uint64_t>(entry->AtomSize - entry->LargeHead, sizeof fields);
+    if (entry->AtomSize < entry->LargeHead + field::kAudioSampleRate ||
+        ReadFileAt(root->FileStream, start, fields, size_t(room)) != room)
+        return 0;
+    const uint16_t version = GetBE16(fields, field::kAudioVersion);
+    uint64_t channels = GetBE16(fields, field::kAudioChannelCount);
+    uint64_t bits = format->Bits != 0 ? format->Bits : GetBE16(fields, field::kAudioSampleBits);
+    if (version == 2) {
+        if (room < sizeof fields) return 0;
+        channels = GetBE32(fields, field::kAudioV2ChannelCount);
+        if (format->Bits == 0) bits = GetBE32(fields, field::kAudioV2BitsPerChannel);
+    }
+    const bool compressed = int16_t(GetBE16(fields, field::kAudioCompressionId)) == kCompressedSound;
+    uint64_t bytes = channels * (bits / 8);
+    if (version == 1 && !compressed) {
+        if (room < field::kAudioV1BytesPerFrame + 4) return 0;
+        bytes = GetBE32(fields, field::kAudioV1BytesPerFrame);
+    }
+    *byteFrames = version <= 1 && !compressed && !AtomNameEquals(entry->AtomName, "ipcm") &&
+                  !AtomNameEquals(entry->AtomName, "fpcm");
+    return bytes > 0 && bytes <= UINT16_MAX ? uint32_t(bytes) : 0;
 }

@@ -50,13 +50,11 @@ double Seconds(uint32_t duration, uint32_t timescale) {
 
 // Bits of the first `count` samples of a track, added up in 32 bits.
 uint32_t SampleBits(const TrackNode *track, uint32_t count) {
-    if (track == nullptr || track->SampleRecords == nullptr) return 0;
+    if (!HasSampleTables(track)) return 0;
     uint32_t available = track->SampleCount < track->SampleCapacity ? track->SampleCount
                                                                     : track->SampleCapacity;
     if (count > available) count = available;
-    uint32_t bytes = 0;
-    for (uint32_t i = 0; i < count; ++i) bytes += track->SampleRecords[i].Size;
-    return bytes * 8;
+    return uint32_t(SumSampleSizes(track, count)) * 8;
 }
 
 // Bits over the track's time, as a signed 32-bit number of bits; 0 when the

@@ -137,3 +137,12 @@ bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *in
 // unknown).
 void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstSample,
                          uint32_t *rate, uint32_t *channels);
+// The modern reader gives uncompressed audio whose samples are single
+// frames as samples of up to this many frames.
+constexpr uint16_t kPcmFramesPerSample = 1024;
+// The bytes of one frame (all channels) of an uncompressed audio entry
+// ("ipcm", "sowt", "lpcm", ...), read from the entry in the file; 0 for
+// any other entry or one cut short. `byteFrames` tells a QuickTime sound
+// description of version 0 or 1 (not compressed) whose tables count each
+// frame as one byte.
+uint32_t PcmFrameBytes(Root_atom *root, const AtomNode *entry, bool *byteFrames);

@@ -136,7 +136,8 @@ const AtomNode *FindTopLevel(const Root_atom *root, const char *name) {
     return atom;
 }
 
-// The defaults of each track's "trex" ("moov"/"mvex").
+// The defaults of each track's "trex" ("moov"/"mvex"); of two for one
+// track the first counts.
 void ReadTrackExtends(const Root_atom *root, FragmentTrack *tracks, size_t count) {
     const AtomNode *moov = FindTopLevel(root, "moov");
     const AtomNode *mvex = FindChild(moov, "mvex");
@@ -146,7 +147,8 @@ void ReadTrackExtends(const Root_atom *root, FragmentTrack *tracks, size_t count
             continue;
         const uint8_t *record = trex->realStructure;
         FragmentTrack *track = FindTrack(tracks, count, GetBE32(record, field::kTrexTrackId));
-        if (track == nullptr) continue;
+        if (track == nullptr || track->HasExtends) continue;
+        track->HasExtends = true;
         track->DefaultDuration = GetBE32(record, field::kTrexDuration);
         track->DefaultSize = GetBE32(record, field::kTrexSize);
         track->DefaultFlags = GetBE32(record, field::kTrexFlags);
@@ -177,19 +179,45 @@ uint32_t EntryWord(const RunView &run, uint32_t index, int32_t at, uint32_t fall
 }
 
 // Places the samples of one run from `start`, appending them to `node`
-// when there is one; gives where the run's data ends. False when the node
+// when there is one; gives where the run's data ends. A run with fields
+// per sample gives a record per sample; one without gives runs: its first
+// sample when the run gives its flags, then the rest. False when the node
 // has no memory left for its time list.
 bool PlaceRun(const RunView &run, const SampleDefaults &defaults, uint64_t start,
               TrackNode *node, uint64_t *time, uint64_t *end) {
+    if (run.EntrySize == 0) {
+        *end = start + uint64_t(run.Count) * defaults.Size;
+        if (node == nullptr) return true;
+        for (uint32_t k = 0; k < run.Count;) {
+            const bool first = k == 0 && run.HasFirstFlags;
+            SampleRun placed{};
+            placed.Units = first ? 1 : run.Count - k;
+            placed.FirstOffset = start + uint64_t(k) * defaults.Size;
+            placed.FirstTime = *time;
+            placed.UnitSize = defaults.Size;
+            placed.UnitDuration = defaults.Duration;
+            placed.Group = 1;
+            placed.IsSync = ((first ? run.FirstFlags : defaults.Flags) & flag::kSampleIsNonSync) == 0;
+            if (node->RunCount >= node->RunCapacity ||
+                placed.Units > node->SampleCapacity - node->SampleCount)
+                return true;
+            AppendRun(node, placed);
+            const uint64_t duration = uint64_t(placed.Units) * defaults.Duration;
+            *time += duration;
+            node->DecodeDuration += duration;
+            k += placed.Units;
+        }
+        return true;
+    }
     uint64_t at = start;
     for (uint32_t k = 0; k < run.Count; ++k) {
         const uint32_t size = EntryWord(run, k, run.SizeAt, defaults.Size);
-        if (node != nullptr && node->SampleCount < node->SampleCapacity) {
+        if (node != nullptr && node->SampleCount < node->SampleCapacity &&
+            node->RecordCount < node->RecordCapacity) {
             const uint32_t inherited = k == 0 && run.HasFirstFlags ? run.FirstFlags : defaults.Flags;
             const uint32_t flags = EntryWord(run, k, run.FlagsAt, inherited);
             const uint32_t duration = EntryWord(run, k, run.DurationAt, defaults.Duration);
-            const uint32_t index = node->SampleCount++;
-            SampleRecord &record = node->SampleRecords[index];
+            SampleRecord record{};
             record.Size = size;
             record.FileOffset = uint32_t(at);
             record.FileOffsetHigh = uint32_t(at >> 32);
@@ -197,7 +225,7 @@ bool PlaceRun(const RunView &run, const SampleDefaults &defaults, uint64_t start
             // both are stored as their 32 bits.
             record.CompositionOffset = EntryWord(run, k, run.CompositionAt, 0);
             record.IsSync = (flags & flag::kSampleIsNonSync) == 0 ? 1 : 0;
-            if (SetDecodeTime(node, index, *time) != 1) return false;
+            if (!AppendRecord(node, record, *time)) return false;
             *time += duration;
             node->DecodeDuration += duration;
         }
@@ -205,6 +233,19 @@ bool PlaceRun(const RunView &run, const SampleDefaults &defaults, uint64_t start
     }
     *end = at;
     return true;
+}
+
+// What a run adds to its track's plan.
+void PlanRun(const RunView &run, TablePlan *plan) {
+    if (run.Count == 0) return;
+    plan->Samples += run.Count;
+    plan->SyncBound += run.Count;
+    if (run.EntrySize != 0) {
+        plan->Records += run.Count;
+        plan->RecordRuns += 1;
+    } else {
+        plan->Runs += run.HasFirstFlags && run.Count > 1 ? 2 : 1;
+    }
 }
 
 // The walk both passes share: every run of every track fragment of every
@@ -243,9 +284,11 @@ void WalkFragments(const Root_atom *root, FragmentTrack *tracks, size_t count, b
                 RunView run;
                 if (!ViewRun(trun, layouts.Run, root->FileSize, defaults.Size, &run)) break;
                 if (!fill) {
-                    if (track != nullptr)
+                    if (track != nullptr) {
                         track->Samples = uint32_t(
                             std::min<uint64_t>(uint64_t(track->Samples) + run.Count, UINT32_MAX));
+                        PlanRun(run, &track->Plan);
+                    }
                     continue;
                 }
                 const uint64_t start = run.HasDataOffset ? base + int64_t(run.DataOffset) : runEnd;

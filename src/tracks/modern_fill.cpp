@@ -2,8 +2,10 @@
 // offsets, "co64", "stz2", signed composition offsets from "ctts", and sync
 // samples from "stss" or, without it, every sample. Each table is read as
 // ISO/IEC 14496-12 lays it out; none is trusted beyond its own entries.
+#include <algorithm>
 #include <cstdlib>
 
+#include "media/media.h"
 #include "tracks/tracks.h"
 
 namespace {
@@ -58,12 +60,28 @@ struct Sizes {
 
 struct ModernAtoms {
     Sizes SampleSizes;
+    uint32_t SampleCount = 0;  // of the same size atom as SampleSizes
     Table Times;    // "stts": count, delta
     Table Offsets;  // "ctts": count, offset (signed in version 1, and so read)
     Table Chunks;   // "stsc": first chunk, samples per chunk, description
     Table ChunkOffsets;  // "stco" (4 bytes) or "co64" (8 bytes)
     Table Syncs;    // "stss"
     bool HasSyncTable = false;
+};
+
+// The table atoms of an "stbl" that the fill reads. Of each the first one
+// counts, for its count and its entries alike; a later one of the same
+// slot ("stz2" behind "stsz", "co64" behind "stco") is passed over.
+enum TableSlot { kSlotSizes, kSlotTimes, kSlotOffsets, kSlotChunks, kSlotChunkOffsets, kSlotSyncs,
+                 kSlotCount };
+struct SlotName {
+    char Name[5];
+    TableSlot Slot;
+};
+constexpr SlotName kSlotNames[] = {
+    {"stsz", kSlotSizes},  {"stz2", kSlotSizes},  {"stts", kSlotTimes},
+    {"ctts", kSlotOffsets}, {"stsc", kSlotChunks}, {"stco", kSlotChunkOffsets},
+    {"co64", kSlotChunkOffsets}, {"stss", kSlotSyncs},
 };
 
 // The sample atoms of a track. A table whose entries did not load (its
@@ -74,41 +92,165 @@ bool FindModernAtoms(const AtomNode *trak, ModernAtoms *atoms) {
     const char *const path[] = {"mdia", "minf", "stbl"};
     const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
     if (stbl == nullptr) return false;
-    bool haveSizes = false;
+    bool seen[kSlotCount] = {};
     bool lost = false;
     for (const AtomNode *child = stbl->FirstChild; child != nullptr; child = child->NextSibling) {
         const uint8_t *record = child->realStructure;
         if (record == nullptr) continue;
         const char *name = child->AtomName;
-        if (AtomNameEquals(name, "stsz") || AtomNameEquals(name, "stz2")) {
-            Sizes sizes;
+        const SlotName *slot = nullptr;
+        for (const SlotName &row : kSlotNames)
+            if (AtomNameEquals(name, row.Name)) slot = &row;
+        if (slot == nullptr || seen[slot->Slot]) continue;
+        seen[slot->Slot] = true;
+        switch (slot->Slot) {
+        case kSlotSizes: {
+            Sizes &sizes = atoms->SampleSizes;
             const bool packed = AtomNameEquals(name, "stz2");
             sizes.Constant = packed ? 0 : GetBE32(record, field::kStszSampleSize);
             sizes.Bits = packed ? record[field::kStz2FieldSize] : 32;
-            sizes.Entries = static_cast<const uint8_t *>(GetRecordPointer(child));
-            if (sizes.Constant == 0 && sizes.Entries == nullptr) continue;
-            if (sizes.Constant != 0) sizes.Entries = nullptr;
-            atoms->SampleSizes = sizes;
-            haveSizes = true;
-        } else if (AtomNameEquals(name, "stts")) {
+            sizes.Entries = sizes.Constant != 0 ? nullptr
+                                                : static_cast<const uint8_t *>(GetRecordPointer(child));
+            atoms->SampleCount = GetBE32(record, field::kStszSampleCount);
+            lost = lost || (sizes.Constant == 0 && sizes.Entries == nullptr && atoms->SampleCount > 0);
+            break;
+        }
+        case kSlotTimes:
             atoms->Times = ViewCounted(child, 8);
-        } else if (AtomNameEquals(name, "ctts")) {
+            break;
+        case kSlotOffsets:
             atoms->Offsets = ViewCounted(child, 8);
             lost = lost || atoms->Offsets.Entries == nullptr;
-        } else if (AtomNameEquals(name, "stsc")) {
+            break;
+        case kSlotChunks:
             atoms->Chunks = ViewCounted(child, 12);
-        } else if (AtomNameEquals(name, "stco")) {
-            atoms->ChunkOffsets = ViewCounted(child, 4);
-        } else if (AtomNameEquals(name, "co64")) {
-            atoms->ChunkOffsets = ViewCounted(child, 8);
-        } else if (AtomNameEquals(name, "stss")) {
+            break;
+        case kSlotChunkOffsets:
+            atoms->ChunkOffsets = ViewCounted(child, AtomNameEquals(name, "co64") ? 8 : 4);
+            break;
+        case kSlotSyncs:
             atoms->Syncs = ViewCounted(child, 4);
             atoms->HasSyncTable = true;
             lost = lost || atoms->Syncs.Entries == nullptr;
+            break;
+        default:
+            break;
         }
     }
-    return !lost && haveSizes && atoms->Times.Entries != nullptr && atoms->Chunks.Entries != nullptr &&
-           atoms->ChunkOffsets.Entries != nullptr;
+    return !lost && seen[kSlotSizes] && atoms->Times.Entries != nullptr &&
+           atoms->Chunks.Entries != nullptr && atoms->ChunkOffsets.Entries != nullptr;
+}
+
+// Samples of a constant size without "stss" are held as runs. `Unit` is
+// what one sample of "stsz" stands for: a sample of its constant size, or
+// for uncompressed audio whose samples are single frames a frame, taken
+// `Group` to a sample.
+struct RunUnits {
+    uint32_t Size = 0;
+    uint16_t Group = 1;
+};
+
+// The entries of "stts" or "ctts" taken unit by unit: the value of the
+// current entry and how many units it still serves. Entries of count 0
+// serve none; past the last entry, `Endless` says whether its value goes
+// on (the last delta of "stts") or 0 does (a "ctts" that ends early).
+struct EntryCursor {
+    const Table *Entries;
+    bool Endless;
+    uint32_t Next = 0;
+    uint64_t Left = 0;
+    uint32_t Value = 0;
+
+    // Units the current entry still serves, never 0 (UINT64_MAX past the end).
+    uint64_t Available() {
+        while (Left == 0 && Next < Entries->Count) {
+            Left = Entries->Word(Next);
+            Value = Entries->Word(Next, 4);
+            ++Next;
+        }
+        if (Left > 0) return Left;
+        if (!Endless) Value = 0;
+        return UINT64_MAX;
+    }
+    void Take(uint64_t units) {
+        if (Left != 0) Left -= units;
+    }
+};
+
+// Walks the chunks of a constant-size track and gives `emit` its runs in
+// order: a run ends where a chunk, an "stts" or a "ctts" entry ends. Each
+// chunk's samples lie back to back from its offset, as in FillOffsets;
+// units that no chunk holds are cut off the track. Gives the end time.
+template <typename Emit>
+uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUnits &units, Emit emit) {
+    const Table &chunks = atoms.Chunks;
+    const Table &offsets = atoms.ChunkOffsets;
+    EntryCursor times{&atoms.Times, true};
+    EntryCursor compositions{&atoms.Offsets, false};
+    if (atoms.Times.Count > 0) times.Value = atoms.Times.Word(0, 4);
+    uint64_t time = 0;
+    uint32_t placed = 0;
+    uint64_t nextChunk = 0;
+    for (uint32_t e = 0; e < chunks.Count && placed < count; ++e) {
+        uint64_t first = chunks.Word(e) > 0 ? chunks.Word(e) - 1 : 0;
+        uint64_t end = e + 1 < chunks.Count ? uint64_t(chunks.Word(e + 1)) - (chunks.Word(e + 1) > 0)
+                                            : offsets.Count;
+        if (first < nextChunk) first = nextChunk;
+        if (end > offsets.Count) end = offsets.Count;
+        const uint32_t perChunk = chunks.Word(e, 4);
+        if (perChunk == 0) continue;
+        for (uint64_t c = first; c < end && placed < count; ++c) {
+            uint64_t at = offsets.Width == 8 ? (uint64_t(offsets.Word(uint32_t(c))) << 32) |
+                                                   offsets.Word(uint32_t(c), 4)
+                                             : offsets.Word(uint32_t(c));
+            uint64_t left = std::min<uint64_t>(perChunk, count - placed);
+            while (left > 0) {
+                const uint64_t n = std::min({left, times.Available(), compositions.Available()});
+                SampleRun run{};
+                run.Units = uint32_t(n);
+                run.FirstOffset = at;
+                run.FirstTime = time;
+                run.UnitSize = units.Size;
+                run.UnitDuration = times.Value;
+                run.CompositionOffset = compositions.Value;
+                run.Group = units.Group;
+                run.IsSync = 1;
+                if (!emit(run)) return time;
+                at += n * units.Size;
+                time += n * times.Value;
+                placed += uint32_t(n);
+                left -= n;
+                times.Take(n);
+                compositions.Take(n);
+            }
+        }
+        if (end > nextChunk) nextChunk = end;
+    }
+    return time;
+}
+
+// Whether the "stbl" samples of a track are held as runs, and what one
+// "stsz" sample stands for: samples of one size without "stss". A table of
+// sizes that gives every sample of uncompressed audio one frame's size is
+// taken as that constant size.
+bool HeldAsRuns(Root_atom *root, const AtomNode *trak, const ModernAtoms &atoms, uint32_t count,
+                RunUnits *units) {
+    if (atoms.HasSyncTable) return false;
+    uint32_t constant = atoms.SampleSizes.Constant;
+    bool byteFrames = false;
+    const uint32_t frameBytes = PcmFrameBytes(root, FirstSampleEntry(trak), &byteFrames);
+    if (constant == 0 && frameBytes != 0) {
+        const uint32_t first = atoms.SampleSizes.Of(0);
+        uint32_t i = 1;
+        while (i < count && atoms.SampleSizes.Of(i) == first) ++i;
+        if (i == count && (first == frameBytes || (byteFrames && first == 1))) constant = first;
+    }
+    if (constant == 0) return false;
+    units->Size = constant;
+    // QuickTime's older sound descriptions count frames of one byte each.
+    if (frameBytes != 0 && byteFrames && constant == 1) units->Size = frameBytes;
+    if (frameBytes != 0 && units->Size == frameBytes) units->Group = kPcmFramesPerSample;
+    return true;
 }
 
 // Decoding times: sample i starts at the sum of the deltas before it. Past
@@ -210,14 +352,85 @@ int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time) {
     return 1;
 }
 
-int32_t FillModernTables(TrackNode *node, uint32_t count) {
+bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time) {
+    if (node->RecordCount >= node->RecordCapacity || node->SampleCount >= node->SampleCapacity)
+        return false;
+    const uint32_t index = node->RecordCount;
+    node->SampleRecords[index] = record;
+    if (SetDecodeTime(node, index, time) != 1) return false;
+    if (node->Runs != nullptr) {
+        SampleRun *last = node->RunCount > 0 ? &node->Runs[node->RunCount - 1] : nullptr;
+        if (last != nullptr && last->Group == 0 && last->FirstOffset + last->Units == index) {
+            ++last->Units;
+        } else {
+            SampleRun run{};
+            run.Units = 1;
+            run.FirstOffset = index;
+            if (!AppendRun(node, run)) return false;
+            --node->SampleCount;  // counted below, with the record
+        }
+    }
+    node->RecordCount = index + 1;
+    ++node->SampleCount;
+    return true;
+}
+
+bool AppendRun(TrackNode *node, const SampleRun &run) {
+    const uint32_t samples = RunSamples(run);
+    if (samples == 0) return true;
+    if (node->RunCount >= node->RunCapacity || samples > node->SampleCapacity - node->SampleCount)
+        return false;
+    SampleRun &placed = node->Runs[node->RunCount++];
+    placed = run;
+    placed.FirstSample = node->SampleCount;
+    node->SampleCount += samples;
+    return true;
+}
+
+void PlanModernTables(const Root_atom *root, const AtomNode *trak, TablePlan *plan) {
+    bool fits = false;
+    const uint32_t count = ModernSampleCount(trak, root->FileSize, &fits);
+    // A track whose samples all lie in fragments needs none of the atoms.
+    if (count == 0) return;
+    ModernAtoms atoms;
+    if (!fits || !FindModernAtoms(trak, &atoms)) {
+        plan->Usable = false;
+        return;
+    }
+    RunUnits units;
+    if (!HeldAsRuns(const_cast<Root_atom *>(root), trak, atoms, count, &units)) {
+        plan->Records += count;
+        plan->Samples += count;
+        plan->RecordRuns += 1;
+        plan->SyncBound += atoms.HasSyncTable ? std::min(count, atoms.Syncs.Count) : count;
+        return;
+    }
+    WalkConstantRuns(atoms, count, units, [&](const SampleRun &run) {
+        ++plan->Runs;
+        plan->Samples += RunSamples(run);
+        plan->SyncBound += RunSamples(run);
+        return true;
+    });
+}
+
+int32_t FillModernTables(Root_atom *root, TrackNode *node) {
     node->Modern = 1;
     node->SampleCount = 0;
-    // A track whose samples all lie in fragments needs none of the atoms.
+    bool fits = false;
+    const uint32_t count = ModernSampleCount(node->TrakAtom, root->FileSize, &fits);
     if (count == 0) return 1;
     ModernAtoms atoms;
     if (!FindModernAtoms(node->TrakAtom, &atoms)) return kModernFillMissingAtom;
-    node->SampleCount = count < node->SampleCapacity ? count : node->SampleCapacity;
+    RunUnits units;
+    if (HeldAsRuns(root, node->TrakAtom, atoms, count, &units)) {
+        bool placed = true;
+        node->DecodeDuration = WalkConstantRuns(atoms, count, units, [&](const SampleRun &run) {
+            return placed = AppendRun(node, run);
+        });
+        return placed ? 1 : kModernFillNoMemory;
+    }
+    // The "stbl" samples come first: record i is sample i.
+    node->SampleCount = std::min(count, node->RecordCapacity);
     for (uint32_t i = 0; i < node->SampleCount; ++i)
         node->SampleRecords[i].Size = atoms.SampleSizes.Of(i);
     FillOffsets(node, atoms);
@@ -225,27 +438,41 @@ int32_t FillModernTables(TrackNode *node, uint32_t count) {
     if (result != 1) return result;
     FillCompositionOffsets(node, atoms.Offsets);
     FillSyncs(node, atoms);
+    node->RecordCount = node->SampleCount;
+    if (node->Runs != nullptr && node->RecordCount > 0) {
+        SampleRun run{};
+        run.Units = node->RecordCount;
+        node->Runs[0] = run;
+        node->RunCount = 1;
+    }
     return 1;
 }
 
 // IsKeyFrame is the classic mark, which audio never carries. TableMode 1
 // video gets the KeyFrameTable of the sync samples in order.
 int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode) {
+    const bool video = trackType == MP4_TRACK_VIDEO;
     SampleRecord *records = node->SampleRecords;
-    uint32_t keys = 0;
-    for (uint32_t i = 0; i < node->SampleCount; ++i) {
-        records[i].IsKeyFrame = trackType == MP4_TRACK_VIDEO ? records[i].IsSync : 0;
+    uint64_t keys = 0;
+    for (uint32_t i = 0; i < node->RecordCount; ++i) {
+        records[i].IsKeyFrame = video ? records[i].IsSync : 0;
         keys += records[i].IsKeyFrame;
     }
-    node->KeyFrameCount = keys;
-    if (trackType != MP4_TRACK_VIDEO || mode != MP4_TABLE_KEYFRAMES) return 1;
+    for (uint32_t r = 0; r < node->RunCount; ++r) {
+        const SampleRun &run = node->Runs[r];
+        if (run.Group != 0 && video && run.IsSync) keys += RunSamples(run);
+    }
+    node->KeyFrameCount = uint32_t(keys);
+    if (!video || mode != MP4_TABLE_KEYFRAMES) return 1;
     // One record more than the key frames: key frame navigation reads the
     // one behind the last.
-    if (ReserveKeyFrames(node, keys + 1) != 1) return kModernFillNoMemory;
+    if (keys >= UINT32_MAX || ReserveKeyFrames(node, uint32_t(keys) + 1) != 1)
+        return kModernFillNoMemory;
     uint32_t k = 0;
-    for (uint32_t i = 0; i < node->SampleCount; ++i) {
-        if (records[i].IsKeyFrame != 1) continue;
-        node->KeyFrameRecords[k].Time = records[i].Time;
+    for (uint32_t i = 0; i < node->SampleCount && k < keys; ++i) {
+        const SampleView sample = ViewSample(node, i);
+        if (sample.IsKeyFrame != 1) continue;
+        node->KeyFrameRecords[k].Time = uint32_t(sample.Time);
         node->KeyFrameRecords[k].SampleIndex = i;
         ++k;
     }

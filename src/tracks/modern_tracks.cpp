@@ -31,26 +31,25 @@ void Append(Record *record, Record **first, Record **last, Record **current) {
     *last = record;
 }
 
-// Tables for one track, sized for the samples of its "stbl" and of its
-// fragments, with the "stbl" samples filled in. A track whose count the
-// file can't hold, or whose tables can't describe its samples, keeps its
-// record with Track null.
-void BuildModernTables(TrackNode **holder, uint64_t fileSize, int32_t mode,
-                       uint32_t fragmentSamples) {
+// Tables for one track, sized by its plan (the samples of its "stbl" and
+// of its fragments), with the "stbl" samples filled in. A track whose
+// count the file can't hold, whose tables can't describe its samples, or
+// whose tables would take more than what is left of the open's budget,
+// keeps its record with Track null.
+void BuildModernTables(Root_atom *root, FragmentTrack &track, int32_t mode, uint64_t *budget) {
+    TrackNode **holder = track.Holder;
     TrackNode *node = *holder;
-    bool fits = false;
-    const uint32_t stored = ModernSampleCount(node->TrakAtom, fileSize, &fits);
-    const uint64_t count = uint64_t(stored) + fragmentSamples;
-    const bool video = node->TrackType == MP4_TRACK_VIDEO;
-    const int32_t created =
-        (stored > 0 && !fits) || count < 1 || count > INT32_MAX ? -1
-        : video ? CreateVideoTables(holder, int32_t(count), mode)
-                : CreateAudioTables(holder, int32_t(count), mode);
-    if (created != 1 || FillModernTables(*holder, stored) != 1) {
+    const TablePlan &plan = track.Plan;
+    const bool keyTable = node->TrackType == MP4_TRACK_VIDEO && mode == MP4_TABLE_KEYFRAMES;
+    const uint64_t bytes = PlanBytes(plan, keyTable);
+    const bool created = plan.Usable && plan.Samples >= 1 && plan.Samples <= INT32_MAX &&
+                         bytes <= *budget && CreateModernTables(node, plan, mode) == 1;
+    if (!created || FillModernTables(root, node) != 1) {
         ReleaseTrackNodes(holder);
         return;
     }
-    ReleaseExpandedEntries((*holder)->TrakAtom);
+    *budget -= bytes;
+    ReleaseExpandedEntries(node->TrakAtom);
 }
 
 // Once the fragments are in: the marks and key frame table over all the
@@ -89,6 +88,44 @@ void ReadMediaHeader(const AtomNode *trak, uint32_t *timescale, uint32_t *durati
                      : GetBE32(record, field::kMdhdDuration);
 }
 
+// The budget's terms: bytes of the heap per byte parsed, the slack every
+// open has, and what one block of the heap costs beyond what it holds.
+constexpr uint64_t kHeapPerParsedByte = 16;
+constexpr uint64_t kBudgetSlack = 1 << 20;
+constexpr uint64_t kBlockOverhead = 16;
+// The handle, its read-ahead window and the track records.
+constexpr uint64_t kHandleBytes = 192 * 1024;
+
+// What the reader parsed of the atoms from `atom` on, and what their nodes
+// hold on the heap. A container counts the bytes before its first child;
+// a leaf that the catalogue describes its whole atom; media data, free
+// space and unknown atoms their head alone, since the reader passes over
+// their payload.
+void MeasureAtoms(const AtomNode *atom, const Root_atom *root, uint64_t *parsed, uint64_t *held) {
+    for (; atom != nullptr; atom = atom->NextSibling) {
+        const uint64_t head = 8 + atom->LargeHead;
+        const bool inFile = atom->AtomOffset <= root->FileSize &&
+                            atom->AtomSize <= root->FileSize - atom->AtomOffset;
+        uint64_t bytes = head;
+        AtomSchema schema{};
+        if (atom->FirstChild != nullptr) {
+            if (atom->FirstChild->AtomOffset > atom->AtomOffset)
+                bytes = std::max(head, atom->FirstChild->AtomOffset - atom->AtomOffset);
+        } else if (inFile && !AtomNameEquals(atom->AtomName, "mdat") &&
+                   GetAtomLayout(atom, &schema) == 1) {
+            bytes = atom->AtomSize;
+        }
+        *parsed += std::min(bytes, atom->AtomSize > head ? atom->AtomSize : head);
+        *held += sizeof(AtomNode) + NodeAllocSize(atom) + 2 * kBlockOverhead;
+        // Loaded entries count, also those the fill frees once a track has
+        // its tables (a track given up keeps them); those of "trun" are
+        // freed as they are read.
+        if (GetRecordPointer(atom) != nullptr && inFile && !AtomNameEquals(atom->AtomName, "trun"))
+            *held += atom->AtomSize + kBlockOverhead;
+        MeasureAtoms(atom->FirstChild, root, parsed, held);
+    }
+}
+
 int32_t FailOpen(MP4_local_file **file, TrackNode *node, int32_t code) {
     ReleaseTrackNodes(&node);
     MP4FileClose(file);
@@ -117,8 +154,11 @@ uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits) 
     *fits = false;
     const char *const path[] = {"mdia", "minf", "stbl"};
     const AtomNode *stbl = WalkPath(trak, path, 3, nullptr);
-    const AtomNode *sizes = FindChild(stbl, "stsz");
-    if (sizes == nullptr) sizes = FindChild(stbl, "stz2");
+    // The first size table counts, "stsz" or "stz2", as for the fill.
+    const AtomNode *sizes = stbl != nullptr ? stbl->FirstChild : nullptr;
+    while (sizes != nullptr && !AtomNameEquals(sizes->AtomName, "stsz") &&
+           !AtomNameEquals(sizes->AtomName, "stz2"))
+        sizes = sizes->NextSibling;
     if (sizes == nullptr || sizes->realStructure == nullptr) return 0;
     const uint8_t *record = sizes->realStructure;
     const uint32_t count = GetBE32(record, field::kStszSampleCount);
@@ -129,6 +169,14 @@ uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits) 
     *fits = constant == 0 ? GetRecordPointer(sizes) != nullptr
                           : uint64_t(count) * constant <= fileSize;
     return count;
+}
+
+uint64_t ModernTableBudget(const Root_atom *root) {
+    uint64_t parsed = 0;
+    uint64_t held = kHandleBytes;
+    MeasureAtoms(root->FirstAtom, root, &parsed, &held);
+    const uint64_t allowed = kHeapPerParsedByte * std::min<uint64_t>(parsed, root->FileSize) + kBudgetSlack;
+    return allowed > held ? allowed - held : 0;
 }
 
 int32_t RunModernTrackLoop(MP4_local_file **file) {
@@ -191,7 +239,12 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
             Append(record, &form.OtherFirst, &form.OtherLast, &form.OtherCurrent);
             holder = &record->Track;
         }
-        tracks.get()[count++] = FragmentTrack{trackId, holder, 0, 0, 0, 0, 0, 0, false};
+        FragmentTrack &track = tracks.get()[count++];
+        track = FragmentTrack{};
+        track.TrackId = trackId;
+        track.Holder = holder;
+        track.Order = uint32_t(count);
+        PlanModernTables(root, trak, &track.Plan);
     }
 
     // Of two tracks with one ID the first in the file takes the fragments.
@@ -200,8 +253,15 @@ int32_t RunModernTrackLoop(MP4_local_file **file) {
         return a.TrackId < b.TrackId;
     });
     CountFragmentSamples(root, first, count);
-    for (size_t i = 0; i < count; ++i)
-        BuildModernTables(first[i].Holder, root->FileSize, form.TableMode, first[i].Samples);
+    // Tracks take from the budget in file order, as their "trak" atoms stand.
+    std::stable_sort(first, first + count, [](const FragmentTrack &a, const FragmentTrack &b) {
+        return a.Order < b.Order;
+    });
+    uint64_t budget = ModernTableBudget(root);
+    for (size_t i = 0; i < count; ++i) BuildModernTables(root, first[i], form.TableMode, &budget);
+    std::stable_sort(first, first + count, [](const FragmentTrack &a, const FragmentTrack &b) {
+        return a.TrackId < b.TrackId;
+    });
     FillFragmentSamples(root, first, count);
     for (size_t i = 0; i < count; ++i) FinishTables(first[i], form.TableMode);
 

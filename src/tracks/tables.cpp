@@ -92,18 +92,34 @@ int32_t ReserveKeyFrames(TrackNode *node, uint32_t records) {
     return 1;
 }
 
-uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index) {
-    const TimeHigh *first = node->TimeHighs;
-    const TimeHigh *last = first + node->TimeHighCount;
-    const TimeHigh *after = std::upper_bound(
-        first, last, index, [](uint32_t i, const TimeHigh &h) { return i < h.FirstSample; });
-    const uint64_t high = after == first ? 0 : (after - 1)->High;
-    return (high << 32) | node->SampleRecords[index].Time;
+uint64_t PlanBytes(const TablePlan &plan, bool keyFrameTable) {
+    // Records and runs mixed: every stretch of records needs a run too.
+    const uint64_t runs = plan.Runs == 0 ? 0 : plan.Runs + plan.RecordRuns;
+    uint64_t bytes = plan.Records * sizeof(SampleRecord) + runs * sizeof(SampleRun);
+    if (keyFrameTable) bytes += (plan.SyncBound + 1) * sizeof(KeyFrameRecord);
+    return bytes;
 }
 
-int64_t SampleTimeKey(const TrackNode *node, uint32_t index) {
-    if (!node->Modern) return int32_t(node->SampleRecords[index].Time);
-    return int64_t(SampleDecodeTime(node, index));
+int32_t CreateModernTables(TrackNode *node, const TablePlan &plan, int32_t mode) {
+    node->TableMode = uint32_t(mode);
+    const bool video = node->TrackType == MP4_TRACK_VIDEO;
+    if (video && mode != MP4_TABLE_KEYFRAMES && mode != MP4_TABLE_MARKS && mode != MP4_TABLE_MARKS_ALT)
+        return -1;
+    if (video && mode == MP4_TABLE_KEYFRAMES && ReserveKeyFrames(node, 1) != 1) return -1;
+    const uint64_t runs = plan.Runs == 0 ? 0 : plan.Runs + plan.RecordRuns;
+    if (plan.Records > 0) {
+        node->SampleRecords = NewSampleTable(int32_t(plan.Records));
+        if (node->SampleRecords == nullptr) return -1;
+        node->RecordCapacity = uint32_t(plan.Records);
+    }
+    if (runs > UINT32_MAX) return -1;
+    if (runs > 0) {
+        node->Runs = static_cast<SampleRun *>(std::calloc(size_t(runs), sizeof(SampleRun)));
+        if (node->Runs == nullptr) return -1;
+        node->RunCapacity = uint32_t(runs);
+    }
+    node->SampleCapacity = uint32_t(plan.Samples);
+    return 1;
 }
 
 int32_t ReleaseTrackNodes(TrackNode **holder) {
@@ -114,6 +130,7 @@ int32_t ReleaseTrackNodes(TrackNode **holder) {
         std::free(block->SampleRecords);
         std::free(block->KeyFrameRecords);
         std::free(block->TimeHighs);
+        std::free(block->Runs);
         std::free(block);
         block = next;
     }

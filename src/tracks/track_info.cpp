@@ -23,7 +23,7 @@ template <typename Record>
 const TrackNode *TablesIn(const Record *record, const AtomNode *trak) {
     for (; record != nullptr; record = record->NextTrack) {
         if (record->Track != nullptr && record->Track->TrakAtom == trak &&
-            record->Track->SampleRecords != nullptr)
+            HasSampleTables(record->Track))
             return record->Track;
     }
     return nullptr;
@@ -204,7 +204,7 @@ int32_t MP4GetTrackInfo(MP4_local_file *file, uint32_t index, MP4TrackInfo *info
     if (info->TrackType == MP4_TRACK_AUDIO) {
         const TrackNode *node = TablesOf(file, trak);
         const uint64_t first = node != nullptr && node->SampleCount > 0
-                                   ? SampleFileOffset(node->SampleRecords[0])
+                                   ? ViewSample(node, 0).Offset
                                    : UINT64_MAX;
         ReadAudioParameters(file->RootAtom, FirstSampleEntry(trak), first, &info->SampleRate,
                             &info->Channels);

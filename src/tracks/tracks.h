@@ -37,6 +37,34 @@ struct TimeHigh {
     uint32_t High;
 };
 
+// A stretch of samples a modern handle keeps without a record per sample:
+// Units units (PCM frames, or whole samples when Group is 1) of UnitSize
+// bytes and UnitDuration ticks each, back to back in the file from
+// FirstOffset and in time from FirstTime, grouped into samples of Group
+// units (the last one of the run may hold fewer). Group 0 marks a run of
+// records instead: its samples are the Units records from record number
+// FirstOffset on. A run begins wherever a chunk, a time or composition
+// table entry or a "trun" begins, so that each costs a table entry of the
+// file.
+struct SampleRun {
+    uint32_t FirstSample;  // number of its first sample in the track
+    uint32_t Units;
+    uint64_t FirstOffset;
+    uint64_t FirstTime;
+    uint32_t UnitSize;
+    uint32_t UnitDuration;
+    uint32_t CompositionOffset;
+    uint16_t Group;
+    uint8_t IsSync;
+    uint8_t Reserved;
+};
+static_assert(sizeof(SampleRun) == 40, "a run stays 40 bytes");
+
+// The samples a run holds.
+inline uint32_t RunSamples(const SampleRun &run) {
+    return run.Group == 0 ? run.Units : run.Units / run.Group + (run.Units % run.Group != 0);
+}
+
 struct KeyFrameRecord {
     uint32_t Time;
     uint32_t SampleIndex;  // 0-based sample number over the whole track
@@ -69,6 +97,14 @@ struct TrackNode {
     uint32_t TimeHighCount;
     uint64_t DecodeDuration;
     uint32_t FragmentCount;
+    // Without Runs, sample i is record i. With them, the runs cover every
+    // sample in order and the records are those their record runs name
+    // (RecordCount of them; TimeHighs then count records, not samples).
+    SampleRun *Runs;
+    uint32_t RunCount;
+    uint32_t RunCapacity;
+    uint32_t RecordCount;
+    uint32_t RecordCapacity;
 
     // Write side only.
     uint32_t SampleBase;
@@ -127,7 +163,27 @@ struct OtherTrackNode {
     OtherTrackNode *NextTrack;
 };
 
-// The 64-bit decoding time of sample `index` of a table.
+// What the handle knows of one sample, from its record or its run: the
+// one view every reader of a track's tables goes through. Time is the
+// 64-bit decoding time on a modern handle, the record's 32 bits on a
+// classic one.
+struct SampleView {
+    uint64_t Offset;
+    uint64_t Time;
+    uint32_t Size;
+    uint32_t CompositionOffset;  // signed on a modern handle, 0 on a classic one
+    uint8_t IsKeyFrame;          // the classic mark (video sync samples)
+    uint8_t IsSync;              // the real sync flag (modern handles)
+};
+// Whether a node has tables that describe its samples (records or runs).
+bool HasSampleTables(const TrackNode *node);
+// Sample `index` (below SampleCount) of a node with tables: O(1) for a
+// node of records, a bisection over the run starts for one of runs.
+SampleView ViewSample(const TrackNode *node, uint32_t index);
+// The sizes of the first `count` samples added up.
+uint64_t SumSampleSizes(const TrackNode *node, uint32_t count);
+// The 64-bit decoding time of record `index` of a node (its sample on a
+// node without runs).
 uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index);
 // The time by which a search orders sample `index`: on a classic handle the
 // record's 32-bit time taken as signed (the data model's comparison), on a
@@ -179,12 +235,13 @@ uint32_t ModernTrackId(const AtomNode *trak);
 // built from the 64-bit aware fill. 1, or -94..-90 after it has closed the
 // handle.
 int32_t RunModernTrackLoop(MP4_local_file **file);
-// Fills the first `count` records of a node (no more than SampleCapacity)
-// from the sample atoms of its "trak" (TrakAtom): times, sizes ("stsz" or
-// "stz2"), offsets ("stco" or "co64"), composition offsets and sync flags
-// (all samples without "stss"). SampleCount becomes the samples placed. 1,
-// or a negative code when the tables can't describe the samples.
-int32_t FillModernTables(TrackNode *node, uint32_t count);
+// Fills a node made by CreateModernTables with the "stbl" samples of its
+// "trak" (TrakAtom): times, sizes ("stsz" or "stz2"), offsets ("stco" or
+// "co64"), composition offsets and sync flags (all samples without
+// "stss"); as records, or as runs for a constant size without "stss".
+// SampleCount becomes the samples placed. 1, or a negative code when the
+// tables can't describe the samples.
+int32_t FillModernTables(Root_atom *root, TrackNode *node);
 // What every sample of a filled node gives: the classic key frame marks
 // (video only), KeyFrameCount, and for TableMode 1 video a KeyFrameTable.
 // 1, or a negative code when there is no memory.
@@ -193,10 +250,39 @@ int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode);
 // (records are timed in order). 1, or a negative code when there is no
 // memory for the list of high halves.
 int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time);
-// The sample count that the size table of a "trak" claims, and whether the
-// file could hold that many samples (a table of sizes inside its atom, or a
-// constant size times the count inside the file).
+// Appends the next sample of a node as a record (Time is set from `time`)
+// or a run, behind those it holds; with Runs a record also extends or
+// starts a record run. False when the node has no room or no memory.
+bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time);
+bool AppendRun(TrackNode *node, const SampleRun &run);
+// The sample count that the first size table ("stsz" or "stz2") of a
+// "trak" claims, and whether the file could hold that many samples (a
+// table of sizes inside its atom, or a constant size times the count
+// inside the file).
 uint32_t ModernSampleCount(const AtomNode *trak, uint64_t fileSize, bool *fits);
+// What the tables of a track will take: records, runs and samples, from
+// its "stbl" (PlanModernTables) and its fragments (CountFragmentSamples).
+struct TablePlan {
+    uint64_t Records = 0;
+    uint64_t Runs = 0;
+    uint64_t Samples = 0;
+    uint64_t SyncBound = 0;   // at most this many sync samples
+    uint64_t RecordRuns = 0;  // runs of records, needed once runs are mixed in
+    bool Usable = true;       // false: the "stbl" tables can't describe their samples
+};
+// Adds the "stbl" samples of a track, as records or as runs, to `plan`.
+void PlanModernTables(const Root_atom *root, const AtomNode *trak, TablePlan *plan);
+// The bytes the tables of `plan` take at the open, key frame table of
+// TableMode 1 video included.
+uint64_t PlanBytes(const TablePlan &plan, bool keyFrameTable);
+// Makes the tables of `plan` on an empty node, with the key frame table's
+// first record for TableMode 1 video. 1, or -1 without memory or for a
+// video table mode the data model doesn't know.
+int32_t CreateModernTables(TrackNode *node, const TablePlan &plan, int32_t mode);
+// The heap an open may take: 16 bytes per byte of the atoms the reader
+// parsed (heads, fields and tables; not media data nor the payloads it
+// passes over) and 1 MiB, less what the atom tree itself holds.
+uint64_t ModernTableBudget(const Root_atom *root);
 
 // ---- Fragments (fragments.cpp) ---------------------------------------------
 
@@ -207,7 +293,10 @@ struct FragmentTrack {
     uint32_t DefaultDuration;  // "trex" defaults
     uint32_t DefaultSize;
     uint32_t DefaultFlags;
+    bool HasExtends;           // the defaults come from a "trex"
     uint32_t Samples;          // samples its track fragments hold (counted)
+    TablePlan Plan;            // its tables: the "stbl" plan and its fragments
+    uint32_t Order;            // its place among the "trak" atoms
     uint32_t Fragments;        // its track fragments in whole "moof" atoms
     uint64_t NextTime;         // where its samples so far end
     bool Failed;               // no memory while its samples were appended

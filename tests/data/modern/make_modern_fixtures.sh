@@ -81,6 +81,11 @@ finish mp3.mp4
 ff $(video 64x48 10 1) $(audio 8000 1) "${x264[@]}" -c:a pcm_s16le -ac 1 \
    "${exact[@]}" pcm_h264.mov
 finish pcm_h264.mov
+# Stereo PCM alone (16-bit big-endian, "twos"), 2 seconds in one chunk of
+# 16000 frames, which the reader groups into 15 samples of 1024 frames and
+# one of 640.
+ff $(audio 8000 2) -c:a pcm_s16be -ac 2 "${exact[@]}" pcm_twos_stereo.mov
+finish pcm_twos_stereo.mov
 
 # Track facts: the "tkhd" matrix of a picture turned 90 degrees clockwise
 # (a phone held upright: a, b, c, d = 0, 1, -1, 0; FFmpeg 5.1's "rotate" tag,

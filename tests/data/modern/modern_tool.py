@@ -242,6 +242,19 @@ class Track:
         self.sample_size = struct.unpack(">I", body[4:8])[0] if sizes.name == b"stsz" else 0
         self.count = struct.unpack(">I", body[8:12])[0]
         self.stored = self.count  # samples of the "stbl"; the fragments' follow
+        # Uncompressed audio of one frame a sample is read in samples of up
+        # to 1024 frames, never across a chunk: the frames of each of them.
+        stsc = stbl.find("stsc").body(data)
+        offsets = stbl.find("stco") or stbl.find("co64")
+        chunks = struct.unpack(">I", offsets.body(data)[4:8])[0]
+        rows = [struct.unpack(">II", stsc[8 + 12 * i:16 + 12 * i])
+                for i in range(struct.unpack(">I", stsc[4:8])[0])]
+        self.pcm_groups, left = [], self.count
+        for i, (first, per) in enumerate(rows):
+            end = rows[i + 1][0] if i + 1 < len(rows) else chunks + 1
+            for _ in range(first, end):
+                frames, left = min(per, left), left - min(per, left)
+                self.pcm_groups += [1024] * (frames // 1024) + ([frames % 1024] if frames % 1024 else [])
         self.has_stss = stbl.find("stss") is not None
         ctts = stbl.find("ctts")
         self.ctts_version = ctts.body(data)[0] if ctts else None
@@ -417,7 +430,7 @@ def samples_lines(path, name=None, strict=True):
              "# from ffprobe -ignore_editlist 1 -show_packets -show_data_hash CRC32",
              "# track ID video|audio|other CODEC timescale N samples COUNT",
              "# DTS SIZE POS KEY CTS_OFFSET CRC32   (DTS less the first; CTS_OFFSET from ctts)",
-             "# pcm FRAME_BYTES TOTAL_BYTES CRC32   (PCM: all the track's bytes)"]
+             "# pcm FIRST_BYTES TOTAL_BYTES CRC32   (PCM: the first sample's bytes, all the track's)"]
     for s, t in zip(streams, mine):
         own = [p for p in packets if p["stream_index"] == s["index"]]
         own.sort(key=lambda p: int(p["dts"]))
@@ -428,14 +441,16 @@ def samples_lines(path, name=None, strict=True):
                 raise SystemExit("%s: packet at %d: CRC differs from the file's bytes" % (path, pos))
         pcm = s["codec_name"].startswith("pcm_")
         lines.append("track %d %s %s timescale %d samples %d" %
-                     (t.id, kind_of(s), s["codec_name"], t.timescale, t.count))
+                     (t.id, kind_of(s), s["codec_name"], t.timescale,
+                      len(t.pcm_groups) if pcm else t.count))
         head = len(lines)
         if pcm:
             blob = b"".join(data[int(p["pos"]):int(p["pos"]) + int(p["size"])] for p in own)
             if t.sample_size == 0 or len(blob) != t.sample_size * t.count:
                 raise SystemExit("%s: PCM bytes %d, stsz %d x %d" % (path, len(blob),
                                                                     t.sample_size, t.count))
-            lines.append("pcm %d %d %08x" % (t.sample_size, len(blob), zlib.crc32(blob)))
+            lines.append("pcm %d %d %08x" % (t.pcm_groups[0] * t.sample_size, len(blob),
+                                             zlib.crc32(blob)))
             continue
         # Samples of fragments that lie past the end of a cut file can't be
         # read (ffprobe gives the first of them partly, then stops).
@@ -518,6 +533,7 @@ def streams_lines(path, name=None):
         if duration != t.duration:
             note(path, "stream %s: duration_ts %d, sum of the sample durations %d" %
                  (s["id"], duration, t.duration))
+        pcm = s["codec_name"].startswith("pcm_")
         frames = s.get("nb_frames", "N/A")
         if frames != str(t.count):
             note(path, "stream %s: nb_frames %s, samples %d" % (s["id"], frames, t.count))
@@ -537,7 +553,8 @@ def streams_lines(path, name=None):
                      "frames %d extradata %s config %s edit %d %d rotation %d sar %d:%d "
                      "language %s scheme %s%s" % (
                          s["id"], kind_of(s), tag, s.get("width", 0), s.get("height", 0),
-                         s.get("sample_rate", "0"), s.get("channels", 0), t.duration, t.count,
+                         s.get("sample_rate", "0"), s.get("channels", 0), t.duration,
+                         len(t.pcm_groups) if pcm else t.count,
                          extra.hex() if compared and extra else "-",
                          t.config.hex() if t.config else "-",
                          t.edit_media_time, t.edit_delay, t.rotation, t.pasp[0], t.pasp[1],

@@ -1,0 +1,79 @@
+// The one view of a track's samples: by number, from the node's records
+// or from its runs. Every access call, the track listing and the media
+// information read samples through here, and allocate nothing.
+#include <algorithm>
+
+#include "tracks/tracks.h"
+
+namespace {
+
+// The run that holds sample `index`: the last one starting at or before it.
+const SampleRun *RunOf(const TrackNode *node, uint32_t index) {
+    const SampleRun *first = node->Runs;
+    const SampleRun *last = first + node->RunCount;
+    const SampleRun *after = std::upper_bound(
+        first, last, index, [](uint32_t i, const SampleRun &run) { return i < run.FirstSample; });
+    return after == first ? first : after - 1;
+}
+
+SampleView RecordView(const TrackNode *node, uint32_t record) {
+    const SampleRecord &r = node->SampleRecords[record];
+    return SampleView{SampleFileOffset(r), node->Modern ? SampleDecodeTime(node, record) : r.Time,
+                      r.Size,          node->Modern ? r.CompositionOffset : 0,
+                      r.IsKeyFrame,    r.IsSync};
+}
+
+}  // namespace
+
+bool HasSampleTables(const TrackNode *node) {
+    return node != nullptr && (node->SampleRecords != nullptr || node->Runs != nullptr);
+}
+
+SampleView ViewSample(const TrackNode *node, uint32_t index) {
+    if (node->Runs == nullptr) return RecordView(node, index);
+    const SampleRun &run = *RunOf(node, index);
+    const uint32_t k = index - run.FirstSample;
+    if (run.Group == 0) return RecordView(node, uint32_t(run.FirstOffset) + k);
+    const uint64_t before = uint64_t(k) * run.Group;  // units ahead of it in the run
+    const uint32_t units = uint32_t(std::min<uint64_t>(run.Group, run.Units - before));
+    const uint8_t video = node->TrackType == MP4_TRACK_VIDEO;
+    return SampleView{run.FirstOffset + before * run.UnitSize,
+                      run.FirstTime + before * run.UnitDuration,
+                      units * run.UnitSize,
+                      run.CompositionOffset,
+                      uint8_t(video & run.IsSync),
+                      run.IsSync};
+}
+
+uint64_t SumSampleSizes(const TrackNode *node, uint32_t count) {
+    uint64_t bytes = 0;
+    if (node->Runs == nullptr) {
+        for (uint32_t i = 0; i < count; ++i) bytes += node->SampleRecords[i].Size;
+        return bytes;
+    }
+    for (uint32_t r = 0; r < node->RunCount && node->Runs[r].FirstSample < count; ++r) {
+        const SampleRun &run = node->Runs[r];
+        const uint32_t taken = std::min(RunSamples(run), count - run.FirstSample);
+        if (run.Group == 0) {
+            for (uint32_t k = 0; k < taken; ++k)
+                bytes += node->SampleRecords[uint32_t(run.FirstOffset) + k].Size;
+        } else {
+            bytes += std::min<uint64_t>(uint64_t(taken) * run.Group, run.Units) * run.UnitSize;
+        }
+    }
+    return bytes;
+}
+
+uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index) {
+    const TimeHigh *first = node->TimeHighs;
+    const TimeHigh *last = first + node->TimeHighCount;
+    const TimeHigh *after = std::upper_bound(
+        first, last, index, [](uint32_t i, const TimeHigh &h) { return i < h.FirstSample; });
+    const uint64_t high = after == first ? 0 : (after - 1)->High;
+    return (high << 32) | node->SampleRecords[index].Time;
+}
+
+int64_t SampleTimeKey(const TrackNode *node, uint32_t index) {
+    if (!node->Modern) return int32_t(node->SampleRecords[index].Time);
+    return int64_t(ViewSample(node, index).Time);
+}

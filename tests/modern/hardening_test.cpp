@@ -1,0 +1,192 @@
+// The modern reader against tables that repeat or claim more than the file
+// holds, and uncompressed audio read in samples of many frames.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "mp4core.h"
+#include "support/listing.h"
+#include "support/mini_mp4.h"
+#include "support/test_support.h"
+
+namespace {
+
+using namespace testing_support;
+
+struct ModernOpen {
+    MP4_local_file *handle = nullptr;
+    int32_t result;
+    ModernOpen(const char *path, int32_t mode) : result(MP4FileOpenEx(&handle, path, mode, MP4_OPEN_MODERN)) {}
+    ~ModernOpen() { MP4FileClose(&handle); }
+};
+
+size_t HeapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+uint32_t GetWord(const Bytes &bytes, size_t at) {
+    return uint32_t(bytes[at]) << 24 | uint32_t(bytes[at + 1]) << 16 | uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
+}
+
+void PutWord(Bytes &bytes, size_t at, uint32_t value) {
+    for (int i = 0; i < 4; ++i) bytes[at + size_t(i)] = uint8_t(value >> (24 - 8 * i));
+}
+
+size_t Find(const Bytes &bytes, const char *name, size_t from = 0) {
+    return size_t(std::search(bytes.begin() + long(from), bytes.end(), name, name + 4) - bytes.begin()) - 4;
+}
+
+// `atom` placed right behind the first atom named `after` in "moov" (one
+// track, behind the media data), the sizes around it grown.
+Bytes InsertBehind(Bytes image, const char *after, const Bytes &atom) {
+    const size_t moov = Find(image, "moov");
+    const size_t at = Find(image, after, moov);
+    image.insert(image.begin() + long(at + GetWord(image, at)), atom.begin(), atom.end());
+    for (const char *parent : {"moov", "trak", "mdia", "minf", "stbl"}) {
+        const size_t p = Find(image, parent, moov);
+        PutWord(image, p, GetWord(image, p) + uint32_t(atom.size()));
+    }
+    return image;
+}
+
+// Every call by number on the first track: count, then place, time, size,
+// key flag and bytes of the first samples and the last.
+std::string Listing(const Bytes &image) {
+    TempFile file(image);
+    ModernOpen open(file.c_str(), MP4_TABLE_KEYFRAMES);
+    MP4TrackInfo info{};
+    if (open.result != 1 || MP4GetTrackInfo(open.handle, 0, &info) != 1) return "no track";
+    std::string out = Format("%u samples\n", info.SampleCount);
+    for (uint32_t n = 0; n < info.SampleCount; n = n < 8 ? n + 1 : std::max(n + 1, info.SampleCount - 1)) {
+        MP4SampleInfo s{};
+        MP4Sample *sample = nullptr;
+        const int32_t got = MP4GetSampleInfo(open.handle, info.TrackId, info.TrackType, n, &s);
+        const int32_t read = MP4ReadSample(open.handle, info.TrackId, info.TrackType, n, &sample);
+        out += Format("%u: %d %llu %llu %u %u %d %08x\n", n, got, (unsigned long long)s.FileOffset,
+                      (unsigned long long)s.DecodeTime, s.Size, s.IsKeyFrame, read,
+                      read == 1 ? Crc32(sample->Data, sample->Size) : 0);
+        SampleDataFree(&sample);
+    }
+    return out;
+}
+
+Bytes Table(const char *name, std::initializer_list<uint32_t> words) {
+    Bytes body;
+    for (uint32_t word : words) body = Cat({body, U32(word)});
+    return FullAtom(name, 0, {body});
+}
+
+// Of two table atoms of one kind in an "stbl" the first counts, for its
+// count and its entries alike: the file reads as it does without the
+// second, whatever the second claims (ASan watches the reads).
+TEST(ModernHardening, TheFirstOfTwoTablesCounts) {
+    const Bytes bigData = Atom("free", {Zeros(300000)});
+    struct Case {
+        const char *line;
+        const char *first;  // the atom the second goes behind
+        Bytes second;
+        Bytes tail = {};    // behind the file
+    } cases[] = {
+        {"video 3", "stsz", Table("stsz", {0, 1, 7})},
+        {"video 3", "stsz", Table("stz2", {8, 1, 0x07000000})},
+        {"video 3 no stss stsz 4,3", "stsz", Table("stsz", {0, 2000, 7})},
+        {"video 3 no stss stsz 1,300000 stts 1,300000,1 stsc 1,1,300000,1 stco 1,28", "stsz",
+         Table("stsz", {0, 1, 7}), bigData},
+        {"video 3 no stss stsz 1,300000 stts 1,300000,1 stsc 1,1,300000,1 stco 1,28", "stsz",
+         Table("stz2", {16, 1, 0x00070000}), bigData},
+        {"video 3", "stts", Table("stts", {1, 1000000, 5})},
+        {"video 3 stss 1,3,2 rename stss ctts 1", "ctts", Table("ctts", {1, 1000000, 9})},
+        {"video 3 chunk 3", "stsc", Table("stsc", {1, 1, 1, 1})},
+        {"video 3", "stco", Table("stco", {5, 0, 0, 0, 0, 0})},
+        {"video 3", "stco", Table("co64", {1, 0, 99})},
+        {"video 3 keys 0,2", "stss", Table("stss", {1, 2})},
+        {"video 3 keys 0,2", "stss", Table("stss", {1000000, 2})},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.line) + " + " + c.first);
+        const Bytes single = Cat({MiniFile(c.line), c.tail});
+        const Bytes twice = Cat({InsertBehind(MiniFile(c.line), c.first, c.second), c.tail});
+        const std::string expected = Listing(single);
+        EXPECT_NE(expected, "no track");
+        EXPECT_EQ(Listing(twice), expected);
+    }
+}
+
+// QuickTime's sound description of version 0 counts PCM frames as one
+// byte each in "stsz": the real frame is channels x bits / 8. The frames
+// are read in samples of up to 1024 frames, never across a chunk.
+TEST(ModernHardening, TwosOfOneByteFramesReadsEveryByte) {
+    const uint32_t frames = 3000, half = frames / 2, bytes = frames * 4;
+    std::string hex;
+    for (uint32_t i = 0; i < bytes; ++i) hex += Format("%02x", (i * 7 + i / 256) & 0xFF);
+    Bytes image = MiniFile("audio 0 sample " + hex +
+                           Format(" entry twos stsz 1,%u stts 1,%u,1 stsc 1,1,%u,1 stco 2,28,%u", frames, frames,
+                                  half, 28 + half * 4));
+    const size_t entry = Find(image, "twos");
+    image[entry + 25] = 2;   // channels
+    image[entry + 27] = 16;  // bits
+    TempFile file(image);
+    ModernOpen open(file.c_str(), MP4_TABLE_MARKS);
+    ASSERT_EQ(open.result, 1);
+    MP4TrackInfo info{};
+    ASSERT_EQ(MP4GetTrackInfo(open.handle, 0, &info), 1);
+    ASSERT_EQ(info.SampleCount, 4u);
+    const uint32_t sizes[] = {4096, 1904, 4096, 1904}, times[] = {0, 1024, 1500, 2524};
+    Bytes all;
+    for (uint32_t n = 0; n < 4; ++n) {
+        MP4SampleInfo s{};
+        MP4Sample *sample = nullptr;
+        ASSERT_EQ(MP4GetSampleInfo(open.handle, info.TrackId, info.TrackType, n, &s), 1);
+        ASSERT_EQ(MP4ReadSample(open.handle, info.TrackId, info.TrackType, n, &sample), 1);
+        EXPECT_EQ(s.Size, sizes[n]);
+        EXPECT_EQ(s.DecodeTime, times[n]);
+        all.insert(all.end(), sample->Data, sample->Data + sample->Size);
+        SampleDataFree(&sample);
+    }
+    EXPECT_EQ(all, Bytes(image.begin() + 28, image.begin() + 28 + bytes));
+    uint32_t found = 0;
+    EXPECT_EQ(MP4FindSample(open.handle, info.TrackId, info.TrackType, 2000, 0, &found), 1);
+    EXPECT_EQ(found, 2u);
+}
+
+// Sparse files whose constant-size "stsz" claims 2^25 and 2^28 samples of
+// one byte each: the open holds no more heap than 16 bytes per byte of
+// atoms and 1 MiB, takes well under a second, and the last sample is where
+// the tables say. With TableMode 1 the key frame table would pass the
+// bound: the track is listed with its count and has no tables.
+TEST(SlowModernHardening, SparseConstantSizeFilesOpenWithinTheBound) {
+    for (uint32_t samples : {1u << 25, 1u << 28}) {
+        SCOPED_TRACE(samples);
+        const std::string tables = Format(" no stss stsz 1,%u stts 1,%u,1 stsc 1,1,%u,1 stco 1,", samples, samples, samples);
+        const size_t mdat = Find(MiniFile("video 3 moov first" + tables + "0"), "mdat");
+        Bytes image = MiniFile("video 3 moov first" + tables + std::to_string(mdat + 8));
+        PutWord(image, mdat, samples + 8);
+        TempFile file(image);
+        ASSERT_EQ(truncate(file.c_str(), off_t(mdat + 8 + samples)), 0);
+
+        const size_t before = HeapInUse();
+        const auto start = std::chrono::steady_clock::now();
+        ModernOpen open(file.c_str(), MP4_TABLE_MARKS);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_LE(HeapInUse() - before, 16 * image.size() + (1 << 20));
+        ASSERT_EQ(open.result, 1);
+        MP4SampleInfo last{};
+        ASSERT_EQ(MP4GetSampleInfo(open.handle, 1, MP4_TRACK_VIDEO, samples - 1, &last), 1);
+        EXPECT_EQ(last.FileOffset, mdat + 8 + samples - 1);
+        EXPECT_EQ(last.DecodeTime, samples - 1);
+        EXPECT_EQ(last.Size, 1u);
+
+        ModernOpen keyed(file.c_str(), MP4_TABLE_KEYFRAMES);
+        MP4TrackInfo info{};
+        ASSERT_EQ(MP4GetTrackInfo(keyed.handle, 0, &info), 1);
+        EXPECT_EQ(info.SampleCount, samples);
+        EXPECT_EQ(MP4GetSampleInfo(keyed.handle, 1, MP4_TRACK_VIDEO, 0, &last), -97);
+    }
+}
+
+}  // namespace
