@@ -124,6 +124,6 @@ finish frag_cut_in_moof.mp4
 
 # The hand-built files (samples and sample entries taken from the files
 # above), with their listings.
-[ -f "$here/build_fixtures.py" ] && python3 "$here/build_fixtures.py" "$here"
+python3 "$here/build_fixtures.py" "$here/fixtures.rows" "$here"
 
 du -ch ./*.mp4 ./*.mov ./*.samples ./*.streams | tail -n 1

@@ -27,5 +27,5 @@ ff -f lavfi -i "aevalsrc=$tones:s=8000:d=0.02" -f lavfi -i "aevalsrc=$tones:s=96
    -c:a:5 pcm_s32be -c:a:6 pcm_f32le -c:a:7 pcm_f64be -c:a:8 pcm_alaw -c:a:9 pcm_mulaw \
    -c:a:10 pcm_s16le "${exact[@]}" pcm_variants.mov
 
-python3 "$here/build_stream_fixtures.py" "$here"
+python3 "$here/../modern/build_fixtures.py" "$here/fixtures.rows" "$here"
 ls -l ./*.mov ./*.mp4
