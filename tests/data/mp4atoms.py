@@ -1,6 +1,6 @@
-"""Atoms for the fixture scripts of tests/data: writing them with their sizes
-filled in (box, full, and the bracket notation of the .rows files), reading
-the atom tree of a file, and ffprobe's streams and packets."""
+"""Atoms for the fixture scripts of tests/data: written with their sizes
+filled in (box, full, and the notation of the .rows files), read back as a
+tree (with the sample entries of each "stsd"), and ffprobe's view."""
 import ast
 import json
 import re
@@ -10,7 +10,7 @@ import subprocess
 # Atoms whose payload is a sequence of atoms.
 CONTAINERS = {b"moov", b"trak", b"mdia", b"minf", b"stbl", b"edts", b"dinf", b"udta",
               b"mvex", b"moof", b"traf", b"mfra", b"sinf", b"schi", b"wave", b"ilst",
-              b"tref", b"gmhd"}
+              b"tref", b"gmhd", b"meta"}
 
 
 def box(name, *parts):
@@ -26,16 +26,14 @@ def tokens(text):
     return re.findall(r'"(?:[^"\\]|\\.)*"|[\[\]]|[^\s\[\]"]+', text)
 
 
-def encode(toks):
-    """The bytes a list of tokens of the .rows notation stands for, up to an
-    unmatched "]": [NAME ...] an atom, [NAME/VERSION/FLAGS ...] a full atom,
-    "text", u32:N (u8, u16, u64; i16, i32 signed), hex bytes (HEX*N: N times)."""
-    out = b""
+def encode(toks, top=True):
+    """The bytes of tokens of the .rows notation (fixtures.rows says it), up to an unmatched "]"."""
+    out, toks = b"", list(toks) if top else toks
     while toks and toks[0] != "]":
         tok = toks.pop(0)
         if tok == "[":
             name, *vf = toks.pop(0).split("/")
-            body = encode(toks)
+            body = encode(toks, False)
             toks.pop(0)
             out += full(name, int(vf[0]), int(vf[1], 0), body) if vf else box(name, body)
         elif tok.startswith('"'):
@@ -50,9 +48,9 @@ def encode(toks):
 
 
 class Atom:
-    def __init__(self, name, pos, size, head):
-        self.name, self.pos, self.size, self.head = name, pos, size, head
-        self.children, self.cut = [], False
+    def __init__(self, name, pos, size, head, cut=False):
+        self.name, self.pos, self.size, self.head, self.cut = name, pos, size, head, cut
+        self.children = []
 
     def body(self, data):
         return data[self.pos + self.head:self.pos + self.size]
@@ -61,64 +59,51 @@ class Atom:
         """The first descendant along path (names as str), or None."""
         node = self
         for name in path:
-            node = next((c for c in node.children if c.name == name.encode()), None)
-            if node is None:
-                return None
+            node = next((c for c in node.children if c.name == name.encode()), None) if node else None
         return node
+
+    def get(self, data, *path):
+        """The payload of the first descendant along path, or None."""
+        node = self.find(*path)
+        return node.body(data) if node else None
 
     def all(self, name):
         return [c for c in self.children if c.name == name.encode()]
 
 
-def parse(data, start, end, depth=0):
-    out, pos = [], start
+def atoms(data, start=0, end=None, depth=0, parent=b"", handler=b""):
+    """The atom tree. A top-level atom cut by the end of the file is kept,
+    without children. The sample entries of an "stsd" are its children,
+    with their atoms behind the fixed fields of the track's handler."""
+    out, pos, end = [], start, len(data) if end is None else end
     while pos + 8 <= end:
         size, name = struct.unpack(">I4s", data[pos:pos + 8])
-        head = 8
-        if size == 1:
-            size, head = struct.unpack(">Q", data[pos + 8:pos + 16])[0], 16
-        elif size == 0:
-            size = end - pos
-        atom = Atom(name, pos, size, head)
-        # A top-level atom cut by the end of the file: kept, without children.
-        atom.cut = depth == 0 and size >= head and pos + size > end
+        head = 16 if size == 1 else 8
+        size = u64(data, pos + 8) if size == 1 else end - pos if size == 0 else size
+        atom = Atom(name, pos, size, head, depth == 0 and size >= head and pos + size > end)
         if size < head or (pos + size > end and not atom.cut):
             raise SystemExit("bad size %d of %r at %d" % (size, name, pos))
         out.append(atom)
-        if atom.cut:
-            break
-        atom.head += 16 if name == b"uuid" else 0  # the 16-byte type
         body = pos + head
-        if depth < 16 and name in CONTAINERS:
-            atom.children = parse(data, body, pos + size, depth + 1)
-        elif depth < 16 and name == b"meta":
-            # ISO "meta" is a full atom; QuickTime's starts with its "hdlr".
-            skip = 0 if data[body + 4:body + 8] == b"hdlr" else 4
-            atom.children = parse(data, body + skip, pos + size, depth + 1)
-        pos += size
+        handler = data[body + 8:body + 12] if name == b"hdlr" and parent == b"mdia" else handler
+        atom.head += 16 if name == b"uuid" else 0  # the 16-byte type
+        if atom.cut or depth >= 16:
+            pass
+        elif parent == b"stsd" and handler in (b"vide", b"soun"):
+            version = struct.unpack(">H", data[pos + 16:pos + 18])[0]
+            fields = 78 if handler == b"vide" else 28 + {1: 16, 2: 36}.get(version, 0)
+            atom.children = atoms(data, body + fields, pos + size, 8, name, handler)
+        elif name in CONTAINERS or name == b"stsd":
+            # ISO "meta" is a full atom, QuickTime's starts with its "hdlr".
+            meta = name == b"meta" and data[body + 4:body + 8] != b"hdlr"
+            skip = 8 if name == b"stsd" else 4 if meta else 0
+            atom.children = atoms(data, body + skip, pos + size, depth + 1, name, handler)
+        pos += max(size, 8)
     return out
 
 
-def atoms(data):
-    """The atom tree; the sample entries of each "stsd" below it, with their
-    atoms behind the fixed fields of the track's handler."""
-    top = parse(data, 0, len(data))
-    for trak in (t for m in top if m.name == b"moov" for t in m.all("trak")):
-        hdlr, stsd = trak.find("mdia", "hdlr"), trak.find("mdia", "minf", "stbl", "stsd")
-        if hdlr is None or stsd is None:
-            continue
-        handler = hdlr.body(data)[8:12]
-        pos, end = stsd.pos + stsd.head + 8, stsd.pos + stsd.size
-        while pos + 8 <= end:
-            size, name = struct.unpack(">I4s", data[pos:pos + 8])
-            entry = Atom(name, pos, size, 8)
-            fields = 78 if handler == b"vide" else \
-                28 + {1: 16, 2: 36}.get(struct.unpack(">H", data[pos + 16:pos + 18])[0], 0)
-            if handler in (b"vide", b"soun"):
-                entry.children = parse(data, pos + 8 + fields, pos + size, 8)
-            stsd.children.append(entry)
-            pos += max(size, 8)
-    return top
+def u64(data, at):
+    return struct.unpack_from(">Q", data, at)[0]
 
 
 def walk(nodes):

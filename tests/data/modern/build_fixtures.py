@@ -1,12 +1,10 @@
 #!/usr/bin/env python3
-"""Writes the hand-built files that a .rows file describes (its head says
-how), atom by atom, with their expected listings NAME.samples and
-NAME.streams: what a reader that follows ISO/IEC 14496-12 must give,
-computed from what was written, then compared with ffprobe's.
+"""Writes the hand-built files a .rows file describes (its head says how),
+atom by atom, with the listings a reader that follows ISO/IEC 14496-12 must
+give (NAME.samples, NAME.streams), then compares them with ffprobe's.
 
   build_fixtures.py ROWS DIR
 """
-import ast
 import copy
 import itertools
 import os
@@ -18,9 +16,8 @@ import tempfile
 import zlib
 
 sys.dont_write_bytecode = True  # nothing written beside the sources
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [HERE, os.path.join(HERE, "..")]
-import modern_tool  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+import fixture_tool as tool  # noqa: E402
 from mp4atoms import atoms, box, encode, full, tokens, walk  # noqa: E402
 
 IDENTITY = struct.pack(">9I", 0x10000, 0, 0, 0, 0x10000, 0, 0, 0, 0x40000000)
@@ -34,14 +31,10 @@ FFMPEG = ["ffmpeg", "-hide_banner", "-nostdin", "-v", "error", "-y"]
 def read_rows(path):
     """[{"file": [NAME, KIND], "tracks": [{KEYWORD: tokens}], "note": [TEXT], KEYWORD: tokens}]"""
     files = []
-    for line in open(path, encoding="utf-8"):
-        key, _, rest = line.strip().partition(" ")
-        if key == "file":
-            target = {"file": rest.split(), "tracks": [], "note": [], "stream-note": []}
-            files.append(target)
-        elif key == "track":
-            target = {"track": tokens(rest)}
-            files[-1]["tracks"].append(target)
+    for key, _, rest in (line.strip().partition(" ") for line in open(path, encoding="utf-8")):
+        if key in ("file", "track"):
+            target = {key: tokens(rest), "tracks": [], "note": [], "stream-note": []}
+            (files if key == "file" else files[-1]["tracks"]).append(target)
         elif key in ("note", "stream-note"):
             files[-1][key].append(rest)
         elif key and key[0] != "#":
@@ -49,8 +42,8 @@ def read_rows(path):
     return files
 
 
-def numbers(o, key, default):
-    return [int(v, 0) for v in o.get(key, default)]
+def number(o, key, default=0, at=0):
+    return int(o[key][at], 0) if len(o.get(key, ())) > at else default
 
 
 def named(o, key):
@@ -58,13 +51,11 @@ def named(o, key):
 
 
 def donor(path, tid, samples=None, streams=None):
-    """One track of an FFmpeg file: its sample entry, and its samples where
-    the file's listing says they lie."""
+    """A track of an FFmpeg file: its sample entry, its samples where its listing says."""
     data = open(path, "rb").read()
-    info = modern_tool.tracks(data)
-    index = [t.id for t in info].index(tid)
     moov = next(a for a in atoms(data) if a.name == b"moov")
-    e = moov.all("trak")[index].find("mdia", "minf", "stbl", "stsd").children[0]
+    info, trak = next((t, a) for t, a in zip(tool.tracks(data), moov.all("trak")) if t.id == tid)
+    e = trak.find("mdia", "minf", "stbl", "stsd").children[0]
     lines, mine, codec = [], False, None  # DTS SIZE POS KEY CTS_OFFSET CRC32
     for line in samples or open(path + ".samples"):
         if line.startswith("track "):
@@ -75,10 +66,10 @@ def donor(path, tid, samples=None, streams=None):
     dts = [int(f[0]) for f in lines]
     stream = next(x for x in streams or open(path + ".streams")
                   if x.startswith("stream 0x%x " % tid)).split()
-    return dict(entry=data[e.pos:e.pos + e.size], timescale=info[index].timescale,
-                handler=info[index].handler.decode(), kind=stream[2], codec=codec,
+    return dict(entry=data[e.pos:e.pos + e.size], timescale=info.timescale,
+                handler=info.handler.decode(), kind=stream[2], codec=codec,
                 samples=[data[int(f[2]):int(f[2]) + int(f[1])] for f in lines],
-                durations=[b - a for a, b in zip(dts, dts[1:])] + [info[index].duration - dts[-1]],
+                durations=[b - a for a, b in zip(dts, dts[1:])] + [info.duration - dts[-1]],
                 offsets=[int(f[4]) for f in lines], keys=[f[3] == "1" for f in lines],
                 stream=dict(zip(stream[4::2], stream[5::2])))
 
@@ -92,52 +83,45 @@ def source(args, o, folder, cache):
                 "-f", "lavfi", "-i", "anullsrc=r=8000:cl=mono", "-t", "2", "-c:a", "aac", "-b:a",
                 "16k", "-fflags", "+bitexact", "-flags:a", "+bitexact", "-map_metadata", "-1",
                 "-threads", "1", path])
-            cache[args[0]] = donor(path, 1, modern_tool.samples_lines(path),
-                                   modern_tool.streams_lines(path))
+            cache[args[0]] = donor(path, 1, tool.samples_lines(path), tool.streams_lines(path))
     elif ":" in args[0] and args[0] not in cache:
-        path, tid = args[0].split(":")
-        cache[args[0]] = donor(os.path.join(folder, path), int(tid))
+        cache[args[0]] = donor(os.path.join(folder, args[0].split(":")[0]),
+                               int(args[0].split(":")[1]))
     if args[0] in cache:
         return cache[args[0]]
-    if args[0] == "text":
-        samples = [struct.pack(">H", len(s)) + s.encode() for s in map(ast.literal_eval, args[1:])]
+    if args[0] == "text":  # a 16-bit length and the text
+        samples = [struct.pack(">H", len(b)) + b for b in (encode([x]) for x in args[1:])]
     elif args[0] == "pcm":
         data = subprocess.check_output(FFMPEG + ["-i", os.path.join(folder, args[1]), "-map",
                                                  "0:a:" + args[2], "-c", "copy", "-f", args[3], "-"])
         samples = [data[i:i + int(args[4])] for i in range(0, len(data), int(args[4]))]
-    else:
+    else:  # amr SEED MODE BYTES: a storage-format header byte and seeded random bits
         rng, mode, payload = random.Random(int(args[1])), int(args[2]), int(args[3])
         samples = [bytes([mode << 3 | 4]) + bytes(rng.getrandbits(8) for _ in range(payload))
-                   for _ in range(int(o["count"][0]))]
+                   for _ in range(number(o, "count"))]
     handler, kind, codec, timescale = o["media"]
-    n = len(samples)
     return dict(entry=b"", timescale=int(timescale), handler=handler, kind=kind, codec=codec,
-                samples=samples, durations=numbers(o, "duration", ["1"]) * n, offsets=[0] * n,
-                keys=[True] * n, stream=dict(dict.fromkeys(("width", "height", "rate", "channels"),
-                                                           "0"), extradata="-", config="-"))
+                samples=samples, durations=[number(o, "duration", 1)] * len(samples),
+                offsets=[0] * len(samples), keys=[True] * len(samples),
+                stream=dict(width="0", height="0", rate="0", channels="0", extradata="-", config="-"))
 
 
 class Track:
-    """A track to write: its samples and facts, and how its atoms hold them."""
+    """A track to write: its samples and facts, and how its atoms hold them (o: its row)."""
 
     def __init__(self, o, folder, cache):
-        self.id = int(o["track"][0])
+        self.o, self.id, self.fragment_count = o, int(o["track"][0]), 0
         src = source(o["track"][1:], o, folder, cache)
-        n = numbers(o, "count", [str(len(src["samples"]))])[0]
+        n = number(o, "count", len(src["samples"]))
         self.entry, self.timescale, self.handler = src["entry"], src["timescale"], src["handler"]
         self.kind, self.codec, self.stream = src["kind"], src["codec"], dict(src["stream"])
         self.samples, self.durations, self.offsets, self.keys = (
             src[k][:n] for k in ("samples", "durations", "offsets", "keys"))
-        (self.chunk, self.stz2, self.per, self.stored, self.runs), = zip(*(
-            numbers(o, k, [d]) for k, d in (("chunk", "5"), ("stz2", "0"), ("per", "0"),
-                                            ("stored", "0"), ("runs", "1"))))
-        self.co64, self.v1, self.ctts_v1, self.elst_v1, self.first_flags = (
-            k in o for k in ("co64", "v1", "ctts-v1", "elst-v1", "first-flags"))
-        self.front = {w: encode(o.get(w + "-front", [])) for w in ("trak", "mdia", "minf", "stbl")}
+        self.chunk, self.per, self.stored = number(o, "chunk", 5), number(o, "per"), number(o, "stored")
         self.edits = [(sum(self.durations) * 1000 // self.timescale if d == "*" else int(d), int(m))
                       for d, m in (e.split(":") for e in o.get("edits", []))]
-        delta, start = (numbers(o, "cto", []) + [0, 0])[:2]
-        self.offsets[start:] = [x + delta for x in self.offsets[start:]]
+        start = number(o, "cto", at=1)
+        self.offsets[start:] = [x + number(o, "cto") for x in self.offsets[start:]]
         if "entry" in o:
             name, keep, *items = o["entry"]
             self.entry = box(name, self.entry[8:] if keep == "*" else self.entry[8:8 + int(keep)],
@@ -145,11 +129,13 @@ class Track:
         at, sat = self.entry.find(b"frma"), self.entry.find(b"schm")  # a protected entry
         self.format = (self.entry[at + 4:at + 8] if at > 0 else self.entry[4:8]).decode("latin-1")
         self.scheme = self.entry[sat + 8:sat + 12].decode() if sat > 0 else "-"
-        self.fields = set(o.get("fields", FIELDS))
-        self.tfhd, self.trex, self.fragment_count = named(o, "tfhd"), named(o, "trex"), 0
+        self.fields, self.tfhd, self.trex = set(o.get("fields", FIELDS)), named(o, "tfhd"), named(o, "trex")
 
     def default(self, name):
         return self.tfhd.get(name, self.trex.get(name, 0))
+
+    def front(self, where):
+        return encode(self.o.get(where + "-front", []))
 
 
 def table(name, rows, form, version=0):
@@ -162,32 +148,30 @@ def runs(values):
 
 
 def stbl(t, offsets):
-    n, sizes = len(t.samples), [len(s) for s in t.samples]
-    parts = [t.front["stbl"], full("stsd", 0, 0, struct.pack(">I", 1), t.entry),
+    n, sizes, bits, v1 = len(t.samples), [len(s) for s in t.samples], number(t.o, "stz2"), "ctts-v1" in t.o
+    parts = [t.front("stbl"), full("stsd", 0, 0, struct.pack(">I", 1), t.entry),
              table("stts", runs(t.durations), ">II")]
-    if any(t.offsets):
-        parts.append(table("ctts", runs(t.offsets), ">Ii" if t.ctts_v1 else ">II", int(t.ctts_v1)))
-    if not all(t.keys):
-        parts.append(table("stss", [(i + 1,) for i, k in enumerate(t.keys) if k], ">I"))
+    parts += [table("ctts", runs(t.offsets), ">Ii" if v1 else ">II", int(v1))] if any(t.offsets) else []
+    parts += [table("stss", [(i + 1,) for i, k in enumerate(t.keys) if k], ">I")] if not all(t.keys) else []
     chunks = [len(t.samples[i:i + t.chunk]) for i in range(0, n, t.chunk)]
     parts.append(table("stsc", [(i + 1, c, 1) for i, c in enumerate(chunks)
                                 if i == 0 or chunks[i - 1] != c], ">III"))
-    if t.stz2 == 0:
+    if bits == 0:
         parts.append(full("stsz", 0, 0, struct.pack(">II", 0, n),
                           b"".join(struct.pack(">I", s) for s in sizes)))
     else:  # 4 bits: two sizes a byte, high nibble first, a zero pad behind an odd count
-        assert max(sizes) < (1 << t.stz2), (t.stz2, max(sizes))
+        assert max(sizes) < (1 << bits), (bits, max(sizes))
         padded = sizes + [0] * (n % 2)
         packed = bytes(padded[i] << 4 | padded[i + 1] for i in range(0, len(padded), 2)) \
-            if t.stz2 == 4 else b"".join(s.to_bytes(t.stz2 // 8, "big") for s in sizes)
-        parts.append(full("stz2", 0, 0, struct.pack(">II", t.stz2, n), packed))
-    parts.append(table("co64" if t.co64 else "stco", [(o,) for o in offsets],
-                       ">Q" if t.co64 else ">I"))
+            if bits == 4 else b"".join(s.to_bytes(bits // 8, "big") for s in sizes)
+        parts.append(full("stz2", 0, 0, struct.pack(">II", bits, n), packed))
+    co64 = "co64" in t.o
+    parts.append(table("co64" if co64 else "stco", [(o,) for o in offsets], ">Q" if co64 else ">I"))
     return box("stbl", *parts)
 
 
 def trak(t, offsets, timescale):
-    media, v = sum(t.durations), int(t.v1)
+    media, v, ev = sum(t.durations), int("v1" in t.o), int("elst-v1" in t.o)
     movie = sum(d for d, _ in t.edits) if t.edits else media * timescale // t.timescale
     width, height = (int(t.stream.get(k, 0)) if t.kind == "video" else 0 for k in ("width", "height"))
     tkhd = full("tkhd", v, 3, struct.pack(">QQIIQ" if v else ">IIIII", 0, 0, t.id, 0, movie),
@@ -199,41 +183,41 @@ def trak(t, offsets, timescale):
     head = {"vide": full("vmhd", 0, 1, bytes(8)), "soun": full("smhd", 0, 0, bytes(4))}.get(
         t.handler, full("nmhd", 0, 0))
     dinf = box("dinf", full("dref", 0, 0, struct.pack(">I", 1), full("url ", 0, 1)))
-    minf = box("minf", t.front["minf"], head, dinf, stbl(t, offsets))
+    minf = box("minf", t.front("minf"), head, dinf, stbl(t, offsets))
     edts = box("edts", table("elst", [(d, m, 0x10000) for d, m in t.edits],
-                             ">QqI" if t.elst_v1 else ">IiI", int(t.elst_v1))) if t.edits else b""
-    return box("trak", t.front["trak"], tkhd, edts, box("mdia", t.front["mdia"], mdhd, hdlr, minf))
+                             ">QqI" if ev else ">IiI", ev)) if t.edits else b""
+    return box("trak", t.front("trak"), tkhd, edts, box("mdia", t.front("mdia"), mdhd, hdlr, minf))
 
 
 class Movie:
-    """A file: "moov", then the tracks' chunks in turn in one "mdat"; when
-    fragmented, only each track's first `stored` samples in one chunk each,
-    then fragments of `per` samples of each track."""
+    """A file (o: its row): "moov", then the tracks' chunks in turn in one
+    "mdat"; when fragmented, only each track's first `stored` samples in one
+    chunk each, then fragments of `per` samples of each track."""
 
     def __init__(self, o, tracks):
-        self.tracks, self.timescale, self.fragmented = tracks, 1000, "fragments" in o["file"]
-        for key in ("top-front", "moov-front", "between-tracks", "top-end", "between-fragments"):
-            setattr(self, key.replace("-", "_"), encode(o.get(key, [])))
-        self.v1, self.tfdt, self.tfdt_v1, self.trun_v1, self.description_index = (
-            "v1" in o, "no-tfdt" not in o, "tfdt-v1" in o, "trun-v1" in o, "description-index" in o)
-        self.mdat, self.base = o.get("mdat", ["plain"])[0], o.get("base", ["moof"])[0]
-        self.hole_at, self.hole = numbers(o, "hole", ["-1", "0"])
-        self.mehd = numbers(o, "mehd", ["-1"])[0]
+        self.o, self.tracks, self.timescale, self.fragmented = o, tracks, 1000, "fragments" in o["file"]
+        self.hole_at, self.hole = number(o, "hole", -1), number(o, "hole", 0, 1)
         self.jumps = {int(k): ticks for k, ticks in named(o, "jumps").items()}
+        self.tfdt_v1, self.trun_v1 = int("tfdt-v1" in o), int("trun-v1" in o)
+
+    def atoms(self, key):
+        return encode(self.o.get(key, []))
 
     def moov(self, tracks, offsets, mvex):
         duration = max(sum(d for d, _ in t.edits) if t.edits else
                        sum(t.durations) * self.timescale // t.timescale for t in tracks)
-        mvhd = full("mvhd", int(self.v1), 0, struct.pack(">QQIQ" if self.v1 else ">IIII", 0, 0,
-                                                         self.timescale, duration),
+        v = int("v1" in self.o)
+        mvhd = full("mvhd", v, 0, struct.pack(">QQIQ" if v else ">IIII", 0, 0, self.timescale,
+                                              duration),
                     struct.pack(">IH10x", 0x10000, 0x100), IDENTITY, bytes(24),
                     struct.pack(">I", max(t.id for t in tracks) + 1))
         traks = [trak(t, offsets[t.id], self.timescale) for t in tracks]
-        return box("moov", mvhd, self.moov_front, self.between_tracks.join(traks), mvex)
+        return box("moov", mvhd, self.atoms("moov-front"), self.atoms("between-tracks").join(traks),
+                   mvex)
 
     def write(self, path):
         """Writes the file; returns, per track ID, the offset of each sample."""
-        frag, tracks, mvex = self.fragmented, self.tracks, b""
+        frag, tracks, mvex, mdat = self.fragmented, self.tracks, b"", self.o.get("mdat", [""])[0]
         ftyp = box("ftyp", b"iso6" if frag else b"isom", struct.pack(">I", 512),
                    b"iso6isomavc1mp41" if frag else b"isomiso2avc1mp41")
         if frag:
@@ -242,15 +226,16 @@ class Movie:
                 st.samples, st.durations, st.offsets, st.keys = (
                     x[:st.stored] for x in (st.samples, st.durations, st.offsets, st.keys))
                 st.chunk = max(st.stored, 1)
-            mvex = box("mvex", full("mehd", 1, 0, struct.pack(">Q", self.mehd)) if self.mehd >= 0
-                       else b"", *(full("trex", 0, 0, struct.pack(">5I", t.id, 1, *(
+            mehd = number(self.o, "mehd", -1)
+            mvex = box("mvex", full("mehd", 1, 0, struct.pack(">Q", mehd)) if mehd >= 0 else b"",
+                       *(full("trex", 0, 0, struct.pack(">5I", t.id, 1, *(
                            t.trex.get(name, 0) for name in FIELDS[:3]))) for t in tracks))
         rounds = max(-(-len(t.samples) // t.chunk) for t in tracks)
         order = [(t, c) for r in range(rounds) for t in tracks
                  for c in [t.samples[r * t.chunk:(r + 1) * t.chunk]] if c]
         dummy = {t.id: [0] * -(-len(t.samples) // t.chunk) for t in tracks}
-        base = pos = len(ftyp) + len(self.top_front) + len(self.moov(tracks, dummy, mvex)) + \
-            (16 if self.mdat == "large" else 8)
+        base = pos = len(ftyp) + len(self.atoms("top-front")) + \
+            len(self.moov(tracks, dummy, mvex)) + (16 if mdat == "large" else 8)
         hole_at = -1 if frag else self.hole_at  # in front of chunk hole_at
         offsets, where = {t.id: [] for t in tracks}, {t.id: [] for t in tracks}
         for i, (t, chunk) in enumerate(order):
@@ -259,14 +244,14 @@ class Movie:
             for s in chunk:
                 where[t.id].append(pos)
                 pos += len(s)
-        mdat = struct.pack(">I4sQ", 1, b"mdat", pos - base + 16) if self.mdat == "large" else \
-            struct.pack(">I4s", 0 if self.mdat == "size0" else pos - base + 8, b"mdat")
         with open(path, "wb") as f:
-            f.write(ftyp + self.top_front + self.moov(tracks, offsets, mvex) + mdat)
+            f.write(ftyp + self.atoms("top-front") + self.moov(tracks, offsets, mvex) + (
+                struct.pack(">I4sQ", 1, b"mdat", pos - base + 16) if mdat == "large" else
+                struct.pack(">I4s", 0 if mdat == "size0" else pos - base + 8, b"mdat")))
             for i, (t, chunk) in enumerate(order):
                 f.seek(self.hole if i == hole_at else 0, os.SEEK_CUR)  # never written: sparse
                 f.write(b"".join(chunk))
-            f.write(b"" if self.mdat == "size0" else self.top_end)
+            f.write(b"" if mdat == "size0" else self.atoms("top-end"))
             if frag:
                 self.write_fragments(f, where)
         return where
@@ -280,7 +265,7 @@ class Movie:
             parts = [p for p in parts if p[2] > 0]
             if not parts:
                 return
-            f.write(self.between_fragments if k > 0 else b"")
+            f.write(self.atoms("between-fragments") if k > 0 else b"")
             if k == self.hole_at:  # a "free" with a 64-bit size whose body is never written
                 f.write(struct.pack(">I4sQ", 1, b"free", 16 + self.hole))
                 f.seek(self.hole, os.SEEK_CUR)
@@ -303,56 +288,57 @@ class Movie:
 
     def traf(self, t, first, count, k, data_at, moof_at, first_traf):
         """The "traf" of count samples of t from `first`, whose data starts at
-        data_at; the samples take the values the file gives them."""
-        heads = [(0x1, ">Q", data_at)] if self.base == "explicit" else []
-        heads += [(0x2, ">I", 1)] if self.description_index else []
+        data_at; the samples take the values the file gives them. The rows'
+        head says what "base" and the track's fields, tfhd and trex do."""
+        base = self.o.get("base", ["moof"])[0]
+        heads = [(0x1, ">Q", data_at)] if base == "explicit" else []
+        heads += [(0x2, ">I", 1)] if "description-index" in self.o else []
         heads += [(bit, ">I", t.tfhd[name]) for bit, name in zip((0x8, 0x10, 0x20), FIELDS)
                   if name in t.tfhd]
-        flags = sum(bit for bit, _, _ in heads) | (0x020000 if self.base == "moof" else 0)
+        flags = sum(bit for bit, _, _ in heads) | (0x020000 if base == "moof" else 0)
         parts = [full("tfhd", 0, flags, struct.pack(">I", t.id),
                       *(struct.pack(form, v) for _, form, v in heads))]
-        for i in range(first, first + count):
-            t.durations[i] = t.durations[i] if "duration" in t.fields else t.default("duration")
+        for i in range(first, first + count):  # what the fields leave out takes the defaults
             assert "size" in t.fields or len(t.samples[i]) == t.default("size")
+            t.durations[i] = t.durations[i] if "duration" in t.fields else t.default("duration")
             t.offsets[i] = t.offsets[i] if "cto" in t.fields else 0
-        if self.tfdt:
-            time = sum(t.durations[:first]) + sum(self.jumps.get(j, 0) for j in range(k + 1))
-            parts.append(full("tfdt", 1, 0, struct.pack(">Q", time)) if self.tfdt_v1
-                         else full("tfdt", 0, 0, struct.pack(">I", time)))
-        size, at = -(-count // t.runs), data_at
+        time = sum(t.durations[:first]) + sum(self.jumps.get(j, 0) for j in range(k + 1))
+        parts += [full("tfdt", self.tfdt_v1, 0, struct.pack(">Q" if self.tfdt_v1 else ">I", time))
+                  ] if "no-tfdt" not in self.o else []
+        size, at, first_flags = -(-count // number(t.o, "runs", 1)), data_at, "first-flags" in t.o
         for a in range(first, first + count, size):
             b = min(a + size, first + count)
-            heads = [(0x1, ">i", at - moof_at)] if self.base == "moof" or (
-                self.base == "implicit" and first_traf and a == first) else []
-            heads += [(0x4, ">I", t.flags[a])] if t.first_flags else []
+            heads = [(0x1, ">i", at - moof_at)] if base == "moof" or (
+                base == "implicit" and first_traf and a == first) else []
+            heads += [(0x4, ">I", t.flags[a])] if first_flags else []
             rflags = sum(bit for bit, _, _ in heads) + sum(
                 bit for bit, name in zip((0x100, 0x200, 0x400, 0x800), FIELDS) if name in t.fields)
             rows = b""
             for i in range(a, b):
-                if "flags" not in t.fields and not (i == a and t.first_flags):
+                if "flags" not in t.fields and not (i == a and first_flags):
                     t.flags[i] = t.default("flags")
                 t.keys[i] = not t.flags[i] & 0x10000
                 rows += b"".join(struct.pack(form, value) for name, form, value in zip(
                     FIELDS, (">I", ">I", ">I", ">i" if self.trun_v1 else ">I"),
                     (t.durations[i], len(t.samples[i]), t.flags[i], t.offsets[i]))
                     if name in t.fields)
-            parts.append(full("trun", int(self.trun_v1), rflags, struct.pack(">I", b - a),
+            parts.append(full("trun", self.trun_v1, rflags, struct.pack(">I", b - a),
                               *(struct.pack(form, v) for _, form, v in heads), rows))
             at += sum(len(x) for x in t.samples[a:b])
         return box("traf", *parts)
 
     def jump(self, t, i):
         """Ticks that "tfdt" jumps put in front of sample i of t."""
-        if not self.jumps or i < t.stored or not self.tfdt:
+        if not self.jumps or i < t.stored or "no-tfdt" in self.o:
             return 0
         return sum(self.jumps.get(j, 0) for j in range((i - t.stored) // t.per + 1))
 
 
 def expected(movie, where, name, origin, o):
     samples = ["# expected samples of %s" % name, "# " + origin] + \
-        ["# note: " + n for n in o["note"]] + modern_tool.SAMPLES_HEAD
+        ["# note: " + n for n in o["note"]] + tool.SAMPLES_HEAD
     streams = ["# expected track facts of %s" % name, "# " + origin] + \
-        ["# note: " + n for n in o["stream-note"]] + [modern_tool.STREAMS_HEAD]
+        ["# note: " + n for n in o["stream-note"]] + [tool.STREAMS_HEAD]
     for t in movie.tracks:
         samples.append("track %d %s %s timescale %d samples %d" %
                        (t.id, t.kind, t.codec, t.timescale, len(t.samples)))
@@ -365,7 +351,7 @@ def expected(movie, where, name, origin, o):
         empty = list(itertools.takewhile(lambda e: e[1] == -1, t.edits))
         media_time = t.edits[len(empty)][1] if len(empty) < len(t.edits) else -1
         st = t.stream
-        streams.append(modern_tool.STREAM % (
+        streams.append(tool.STREAM % (
             "0x%x" % t.id, t.kind, t.format, st["width"], st["height"], st["rate"], st["channels"],
             sum(t.durations), len(t.samples), st["extradata"], st["config"], media_time,
             sum(d * t.timescale // movie.timescale for d, _ in empty), 0, "1:1", "und", t.scheme) +
@@ -375,13 +361,12 @@ def expected(movie, where, name, origin, o):
 
 def compare(path, mine, theirs, what):
     """Prints the first lines where ffprobe's view differs."""
-    name = os.path.basename(path)
     a, b = ([line for line in x if not line.startswith("#")] for x in (mine, theirs))
     out = [(x, y) for x, y in itertools.zip_longest(a, b, fillvalue="(none)") if x != y]
     for x, y in out[:3]:
-        sys.stderr.write("%s: %s: built  %s\n%s: %s: ffprobe %s\n" % (name, what, x, name, what, y))
+        tool.note(path, "%s: built %s; ffprobe %s" % (what, x, y))
     if len(out) > 3:
-        sys.stderr.write("%s: %s: %d more differences\n" % (name, what, len(out) - 3))
+        tool.note(path, "%s: %d more differences" % (what, len(out) - 3))
 
 
 def make(directory, o, movie):
@@ -390,24 +375,23 @@ def make(directory, o, movie):
     path = os.path.join(directory, name)
     where = movie.write(path)
     if "claim" in o:
-        data, table_name, at, count = bytearray(open(path, "rb").read()), *o["claim"]
-        node = next(a for a in walk(atoms(bytes(data))) if a.name == table_name.encode())
+        data, atom, at, count = bytearray(open(path, "rb").read()), *o["claim"]
+        node = next(a for a in walk(atoms(bytes(data))) if a.name == atom.encode())
         struct.pack_into(">I", data, node.pos + node.head + int(at), int(count))
         open(path, "wb").write(bytes(data))
-        print("%s: %d bytes, \"%s\" claims %s entries" % (name, len(data), table_name, count))
+        print("%s: %d bytes, \"%s\" claims %s entries" % (name, len(data), atom, count))
         return
     listings = o.get("listings", ["checked"])[0]
     if listings == "none":
         return
-    origin = "hand-built: what an ISO/IEC 14496-12 reader gives" + \
-        (", checked with ffprobe" if listings == "checked" else "")
-    samples, streams = expected(movie, where, name, origin, o)
+    samples, streams = expected(movie, where, name, "hand-built: what an ISO/IEC 14496-12 reader "
+                                "gives" + (", checked with ffprobe" if listings == "checked" else ""), o)
     open(path + ".samples", "w").write("\n".join(samples) + "\n")
     open(path + ".streams", "w").write("\n".join(streams) + "\n")
     if listings == "checked":
-        compare(path, samples, modern_tool.samples_lines(path, strict=False), "samples")
-        compare(path, streams, modern_tool.streams_lines(path), "streams")
-        modern_tool.describe(path)
+        compare(path, samples, tool.samples_lines(path, strict=False), "samples")
+        compare(path, streams, tool.streams_lines(path), "streams")
+        tool.describe(path)
 
 
 def build(rows, directory):

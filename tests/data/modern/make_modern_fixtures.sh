@@ -11,7 +11,7 @@
 # says what each file holds and the formats of the listings.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-tool="python3 $here/modern_tool.py"
+tool="python3 $here/../fixture_tool.py"
 cd "$here"
 
 # Bit-exact output: no encoder strings, no metadata, one thread (also
