@@ -2,17 +2,13 @@
 """Listings of the fixtures from ffprobe, checked as they are made against
 the files' own atoms (the READMEs beside the files give the formats).
 
-  fixture_tool.py listing FILE [ORIGINAL]   NAME.samples in tests/data
-                              (with the key flags of ORIGINAL: "keys vop")
-  fixture_tool.py samples|streams FILE      NAME.samples or NAME.streams in
-                              tests/data/modern
-  fixture_tool.py describe FILE             one line on the file's atoms
-  fixture_tool.py check FILE    the same, stopping unless the file keeps to
-                              32-bit sizes, version 0 headers and "stco"
-  fixture_tool.py strip-stss IN OUT         IN with "stss" renamed "skip"
-  fixture_tool.py m4v FILE      header size and picture size of MPEG-4 video
-  fixture_tool.py cut FILE ATOM OUT         FILE cut in the middle of its
-                              last top-level ATOM (a recording cut short)
+  fixture_tool.py listing FILE [ORIGINAL]  NAME.samples in tests/data (ORIGINAL's key flags)
+  fixture_tool.py samples|streams FILE     NAME.samples, NAME.streams in tests/data/modern
+  fixture_tool.py describe|check FILE      size and top-level atoms; check stops unless the
+                                           file keeps to 32-bit sizes, version 0, "stco"
+  fixture_tool.py strip-stss IN OUT        IN with "stss" renamed "skip"
+  fixture_tool.py m4v FILE                 header size, picture size of MPEG-4 video
+  fixture_tool.py cut FILE ATOM OUT        FILE cut in the middle of its last ATOM
 """
 import os
 import struct
@@ -42,6 +38,10 @@ def u(form, body, at):
     return struct.unpack_from(form, body, at)[0]
 
 
+def entries(body, form):  # the entries of a table behind its version, flags and count
+    return struct.iter_unpack(form, body[8:8 + struct.calcsize(form) * u(">I", body, 4)])
+
+
 def listing(path, keys_from=None):
     lines = ["# expected samples of %s" % os.path.basename(path),
              "# from ffprobe -ignore_editlist 1 -show_packets -show_data_hash CRC32",
@@ -61,9 +61,8 @@ def listing(path, keys_from=None):
 
 def strip_stss(src, dst):
     data = bytearray(open(src, "rb").read())
-    for a in walk(atoms(bytes(data))):
-        if a.name == b"stss":
-            data[a.pos + 4:a.pos + 8] = b"skip"
+    for a in (a for a in walk(atoms(bytes(data))) if a.name == b"stss"):
+        data[a.pos + 4:a.pos + 8] = b"skip"
     open(dst, "wb").write(bytes(data))
 
 
@@ -76,34 +75,11 @@ def m4v(path):  # the first start code behind the video object layer and its use
     print("%d %dx%d" % (pos, s["width"], s["height"]))
 
 
-def descriptor(data, pos):  # an MPEG-4 descriptor: (tag, body start, body end)
-    tag, length = data[pos], 0
-    for b in data[pos + 1:pos + 5]:
-        pos, length = pos + 1, (length << 7) | (b & 0x7F)
-        if not b & 0x80:
-            break
-    return tag, pos + 1, pos + 1 + length
-
-
-def esds_dsi(body):  # the DecoderSpecificInfo of an "esds" behind version and flags
-    tag, pos, end = descriptor(body, 0)
-    if tag != 3:
-        return None
-    flags = body[pos + 2]
-    pos += 3 + (2 if flags & 0x80 else 0)
-    pos += 1 + body[pos] if flags & 0x40 else 0
-    tag, pos, end = descriptor(body, pos + (2 if flags & 0x20 else 0))
-    if tag != 4 or pos + 13 >= end:
-        return None
-    tag, pos, end = descriptor(body, pos + 13)
-    return body[pos:end] if tag == 5 else None
-
-
 class Track:  # what the atoms of one "trak" say
     def __init__(self, data, trak, movie_timescale):
         tkhd, mdhd, stbl = trak.get(data, "tkhd"), trak.get(data, "mdia", "mdhd"), \
             trak.find("mdia", "minf", "stbl")
-        self.id, self.versions = u(">I", tkhd, 20 if tkhd[0] else 12), (tkhd[0], mdhd[0])
+        self.id = u(">I", tkhd, 20 if tkhd[0] else 12)
         self.timescale, code = u(">I", mdhd, 20 if mdhd[0] else 12), u(">H", mdhd, len(mdhd) - 4)
         self.language = "und" if code == 0x7FFF else \
             "".join(chr(0x60 + (code >> s & 31)) for s in (10, 5, 0))  # QuickTime's 0x7FFF: none
@@ -124,24 +100,21 @@ class Track:  # what the atoms of one "trak" say
             self.pasp = struct.unpack(">II", body[:8]) if c.name == b"pasp" else self.pasp
             if c.name in CONFIG_ATOMS and self.config_atom is None:
                 self.config_atom = c.name
-                self.config = esds_dsi(body[4:]) if c.name == b"esds" else \
-                    body[4:] if c.name in FULL_CONFIG else body
+                self.config = body[4:] if c.name in FULL_CONFIG else body
         stts, sizes = stbl.get(data, "stts"), stbl.find("stsz") or stbl.find("stz2")
-        self.duration = sum(c * d for c, d in struct.iter_unpack(">II", stts[8:8 + 8 * u(">I", stts, 4)]))
+        self.duration = sum(c * d for c, d in entries(stts, ">II"))
         self.sample_size = u(">I", sizes.body(data), 4) if sizes.name == b"stsz" else 0
         self.count = self.stored = u(">I", sizes.body(data), 8)  # fragments' samples follow
         self.has_stss, ctts = stbl.find("stss") is not None, stbl.get(data, "ctts") or bytes(8)
-        self.ctts_version = ctts[0] if stbl.find("ctts") else None
         self.offsets = []  # composition offsets: signed in version 1
-        for c, off in struct.iter_unpack(">Ii" if ctts[0] else ">II", ctts[8:8 + 8 * u(">I", ctts, 4)]):
+        for c, off in entries(ctts, ">Ii" if ctts[0] else ">II"):
             self.offsets += [off] * c
         self.offsets += [0] * (self.count - len(self.offsets))
         # The first non-empty edit's media time (-1 without) and the leading
         # empty edits in media ticks.
         self.edit_media_time, self.edit_delay = -1, 0
         elst = trak.get(data, "edts", "elst") or bytes(8)
-        for i in range(u(">I", elst, 4)):
-            dur, media = struct.unpack_from(">Qq" if elst[0] else ">Ii", elst, 8 + i * (20 if elst[0] else 12))
+        for dur, media, _ in entries(elst, ">QqI" if elst[0] else ">IiI"):
             if media != -1:
                 self.edit_media_time = media
                 break
@@ -190,7 +163,7 @@ def fragments(data, top, moov, next_time):
                                                     (0x800, ">i" if r[0] == 1 else ">I")])
                     duration, size = e.get(0x100, dur0), e.get(0x200, size0)
                     sflags = e.get(0x400, head.get(0x4, flags0) if k == 0 else flags0)
-                    out.append([time, duration, size, pos, not sflags & 0x00010000, e.get(0x800, 0)])
+                    out.append([time, duration, size, pos, not sflags & 0x10000, e.get(0x800, 0)])
                     time, pos = time + duration, pos + size
                 run_end = pos
             next_time[tid], previous_end = time, run_end
@@ -216,17 +189,14 @@ def note(path, text):
     sys.stderr.write("%s: note: %s\n" % (os.path.basename(path), text))
 
 
-def kind_of(stream):
-    return stream["codec_type"] if stream["codec_type"] in ("video", "audio") else "other"
-
-
 def matched(path):
-    """The file's bytes; ffprobe's streams and packets beside the tracks, of the same ids and time bases."""
+    """The file's bytes; ffprobe's streams and packets beside the tracks (same ids, time bases)."""
     data, streams = open(path, "rb").read(), probe(path)
     mine = tracks(data)
     if len(mine) != len(streams):
         raise SystemExit("%s: %d tracks, ffprobe %d streams" % (path, len(mine), len(streams)))
     for t, (s, _) in zip(mine, streams):
+        s["kind"] = s["codec_type"] if s["codec_type"] in ("video", "audio") else "other"
         if int(s["id"], 16) != t.id or s["time_base"] != "1/%d" % t.timescale:
             raise SystemExit("%s: stream %s, time base %s: tkhd %d, mdhd timescale %d" % (
                 path, s["id"], s["time_base"], t.id, t.timescale))
@@ -243,9 +213,9 @@ def samples_lines(path, strict=True):
     for s, own, t in streams:
         blob = [data[int(p["pos"]):int(p["pos"]) + int(p["size"])] for p in own]
         if any(zlib.crc32(b) != int(p["data_hash"].split(":")[1], 16) for b, p in zip(blob, own)):
-            raise SystemExit("%s: track %d: a packet's CRC differs from the file's bytes" % (path, t.id))
+            raise SystemExit("%s: track %d: a packet's CRC-32 is not its bytes'" % (path, t.id))
         lines.append("track %d %s %s timescale %d samples %d" %
-                     (t.id, kind_of(s), s["codec_name"], t.timescale, t.count))
+                     (t.id, s["kind"], s["codec_name"], t.timescale, t.count))
         head = len(lines)
         if s["codec_name"].startswith("pcm_"):
             blob = b"".join(blob)
@@ -258,15 +228,15 @@ def samples_lines(path, strict=True):
         # (ffprobe gives the first of them partly, then stops).
         frag = t.fragment_samples
         past = [f for f in frag if f[3] + f[2] > len(data)]
-        readable = t.count - len(past)
-        if (past and frag[-len(past):] != past) or not readable <= len(own) <= readable + bool(past):
+        n = t.count - len(past)  # readable
+        if frag[len(frag) - len(past):] != past or not n <= len(own) <= n + bool(past):
             raise SystemExit("%s: track %d: %d packets, %d samples, %d past the end not last" % (
                 path, t.id, len(own), t.count, len(past)))
-        if len(own) > readable:
+        if len(own) > n:
             text = "ffprobe gives the first sample past the end partly (%s bytes)" % own[-1]["size"]
             note(path, "track %d: %s" % (t.id, text))
             lines.insert(head, "# " + text)
-        own, first, differs = own[:readable], int(own[0]["dts"]) if own else 0, []
+        own, first, differs = own[:n], int(own[0]["dts"]) if own else 0, []
         mine_first = frag[0][0] if frag and t.stored == 0 else 0
         for i, (p, offset) in enumerate(zip(own, t.offsets)):
             dts, key = int(p["dts"]), 1 if p["flags"].startswith("K") else 0
@@ -300,13 +270,15 @@ def streams_lines(path):  # the facts of each stream; where ffprobe and the atom
         text = s.get("extradata", "").strip("\n")  # a hexdump
         extra = bytes.fromhex("".join(x[10:49] for x in text.split("\n")).replace(" ", "")) \
             if text else None
+        # ffprobe's extradata of an "esds" is its DecoderSpecificInfo, the decoder configuration.
+        t.config = extra if t.config_atom == b"esds" else t.config
         compared = t.config_atom in (b"avcC", b"hvcC", b"av1C", b"esds")
         if compared and extra != t.config:
-            raise SystemExit("%s: stream %s: extradata differs from %r" % (path, s["id"], t.config_atom))
+            raise SystemExit("%s: stream %s: extradata is not %r" % (path, s["id"], t.config_atom))
         rotation = next((int(x.get("rotation", 0)) for x in s.get("side_data_list", [])
                          if x.get("side_data_type") == "Display Matrix"), 0)
         sar = s.get("sample_aspect_ratio", "1:1")
-        sar = "%d:%d" % t.pasp if sar == "0:1" or kind_of(s) != "video" else sar
+        sar = "%d:%d" % t.pasp if sar == "0:1" or s["kind"] != "video" else sar
         ffmpeg = (s["codec_tag_string"], extra, int(s["duration_ts"]), s.get("nb_frames", "N/A"),
                   -rotation % 360, sar, s.get("tags", {}).get("language", "und"))
         atoms_say = (t.format.decode("latin-1"), extra if compared else t.config, t.duration,
@@ -318,7 +290,7 @@ def streams_lines(path):  # the facts of each stream; where ffprobe and the atom
                 note(path, "stream %s: ffprobe's %s %s, the atoms' %s" % (
                     s["id"], w, *(x.hex() if isinstance(x, bytes) else x for x in (theirs, ours))))
         lines.append(STREAM % (
-            s["id"], kind_of(s), s["codec_tag_string"], s.get("width", 0), s.get("height", 0),
+            s["id"], s["kind"], s["codec_tag_string"], s.get("width", 0), s.get("height", 0),
             s.get("sample_rate", "0"), s.get("channels", 0), t.duration, t.count,
             extra.hex() if compared and extra else "-", t.config.hex() if t.config else "-",
             t.edit_media_time, t.edit_delay, t.rotation, "%d:%d" % t.pasp, t.language,
@@ -327,19 +299,15 @@ def streams_lines(path):  # the facts of each stream; where ffprobe and the atom
 
 
 def describe(path, classic=False):
-    """One line for the log: top-level atoms, each track's headers. A classic
-    file stays within 32-bit sizes, version 0 headers and "stco"."""
+    """One line for the log. A classic file must keep to 32-bit sizes,
+    version 0 headers and "stco"."""
     data = open(path, "rb").read()
     for a in walk(atoms(data)) if classic else []:
         if a.name == b"co64" or data[a.pos:a.pos + 4] == b"\0\0\0\1" or \
                 (a.name in VERSIONED and data[a.pos + 8] != 0):
             raise SystemExit("%s: %r at %d: co64, 64-bit size or version 1" % (path, a.name, a.pos))
-    print("%s: %d bytes, top level %s; %s" % (
-        os.path.basename(path), len(data), " ".join(a.name.decode("latin-1") for a in atoms(data)),
-        "; ".join("%d:%s/%s n=%d ts=%d tkhd v%d mdhd v%d%s%s" % (
-            t.id, t.handler.decode(), t.format.decode("latin-1"), t.count, t.timescale,
-            *t.versions, " stss" if t.has_stss else "",
-            "" if t.ctts_version is None else " ctts v%d" % t.ctts_version) for t in tracks(data))))
+    print("%s: %d bytes, top level %s" % (os.path.basename(path), len(data), " ".join(
+        a.name.decode("latin-1") for a in atoms(data))))
 
 
 def cut(path, name, out):

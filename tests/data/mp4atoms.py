@@ -55,15 +55,13 @@ class Atom:
     def body(self, data):
         return data[self.pos + self.head:self.pos + self.size]
 
-    def find(self, *path):
-        """The first descendant along path (names as str), or None."""
+    def find(self, *path):  # the first descendant along path (names as str), or None
         node = self
         for name in path:
-            node = next((c for c in node.children if c.name == name.encode()), None) if node else None
+            node = node and next((c for c in node.children if c.name == name.encode()), None)
         return node
 
-    def get(self, data, *path):
-        """The payload of the first descendant along path, or None."""
+    def get(self, data, *path):  # its payload
         node = self.find(*path)
         return node.body(data) if node else None
 
@@ -79,7 +77,8 @@ def atoms(data, start=0, end=None, depth=0, parent=b"", handler=b""):
     while pos + 8 <= end:
         size, name = struct.unpack(">I4s", data[pos:pos + 8])
         head = 16 if size == 1 else 8
-        size = u64(data, pos + 8) if size == 1 else end - pos if size == 0 else size
+        size = struct.unpack_from(">Q", data, pos + 8)[0] if size == 1 else \
+            end - pos if size == 0 else size
         atom = Atom(name, pos, size, head, depth == 0 and size >= head and pos + size > end)
         if size < head or (pos + size > end and not atom.cut):
             raise SystemExit("bad size %d of %r at %d" % (size, name, pos))
@@ -87,23 +86,17 @@ def atoms(data, start=0, end=None, depth=0, parent=b"", handler=b""):
         body = pos + head
         handler = data[body + 8:body + 12] if name == b"hdlr" and parent == b"mdia" else handler
         atom.head += 16 if name == b"uuid" else 0  # the 16-byte type
-        if atom.cut or depth >= 16:
-            pass
-        elif parent == b"stsd" and handler in (b"vide", b"soun"):
+        if parent == b"stsd" and handler in (b"vide", b"soun") and depth < 16:
             version = struct.unpack(">H", data[pos + 16:pos + 18])[0]
             fields = 78 if handler == b"vide" else 28 + {1: 16, 2: 36}.get(version, 0)
             atom.children = atoms(data, body + fields, pos + size, 8, name, handler)
-        elif name in CONTAINERS or name == b"stsd":
+        elif (name in CONTAINERS or name == b"stsd") and not atom.cut and depth < 16:
             # ISO "meta" is a full atom, QuickTime's starts with its "hdlr".
             meta = name == b"meta" and data[body + 4:body + 8] != b"hdlr"
             skip = 8 if name == b"stsd" else 4 if meta else 0
             atom.children = atoms(data, body + skip, pos + size, depth + 1, name, handler)
         pos += max(size, 8)
     return out
-
-
-def u64(data, at):
-    return struct.unpack_from(">Q", data, at)[0]
 
 
 def walk(nodes):
@@ -118,8 +111,7 @@ def ffprobe(path, *what):
 
 
 def probe(path, packets_of=None):
-    """ffprobe's streams of path, and the packets of each stream (of
-    packets_of if given) in decoding order, with their CRC-32."""
+    """ffprobe's streams of path, each with its packets (of packets_of) in decoding order."""
     streams = ffprobe(path, "-show_streams", "-show_data")["streams"]
     packets = ffprobe(packets_of or path, "-show_packets", "-show_data_hash", "CRC32")["packets"]
     return [(s, sorted((p for p in packets if p["stream_index"] == s["index"]),

@@ -12,7 +12,6 @@ import random
 import struct
 import subprocess
 import sys
-import tempfile
 import zlib
 
 sys.dont_write_bytecode = True  # nothing written beside the sources
@@ -50,22 +49,17 @@ def named(o, key):
     return {k: int(v, 0) for k, v in (x.split("=") for x in o.get(key, []))}
 
 
-def donor(path, tid, samples=None, streams=None):
+def donor(path, tid):
     """A track of an FFmpeg file: its sample entry, its samples where its listing says."""
     data = open(path, "rb").read()
     moov = next(a for a in atoms(data) if a.name == b"moov")
     info, trak = next((t, a) for t, a in zip(tool.tracks(data), moov.all("trak")) if t.id == tid)
     e = trak.find("mdia", "minf", "stbl", "stsd").children[0]
-    lines, mine, codec = [], False, None  # DTS SIZE POS KEY CTS_OFFSET CRC32
-    for line in samples or open(path + ".samples"):
-        if line.startswith("track "):
-            mine = line.split()[1] == str(tid)
-            codec = line.split()[3] if mine else codec
-        elif mine and line[0].isdigit():
-            lines.append(line.split())
+    block = next(b for b in open(path + ".samples").read().split("\ntrack ")[1:]
+                 if b.split()[0] == str(tid)).split("\n")  # the track's lines of the listing
+    codec, lines = block[0].split()[2], [x.split() for x in block[1:] if x[:1].isdigit()]
     dts = [int(f[0]) for f in lines]
-    stream = next(x for x in streams or open(path + ".streams")
-                  if x.startswith("stream 0x%x " % tid)).split()
+    stream = next(x for x in open(path + ".streams") if x.startswith("stream 0x%x " % tid)).split()
     return dict(entry=data[e.pos:e.pos + e.size], timescale=info.timescale,
                 handler=info.handler.decode(), kind=stream[2], codec=codec,
                 samples=[data[int(f[2]):int(f[2]) + int(f[1])] for f in lines],
@@ -76,24 +70,18 @@ def donor(path, tid, samples=None, streams=None):
 
 def source(args, o, folder, cache):
     """The samples and facts of a track's source (the rows' head lists them)."""
-    if args[0] == "silence" and args[0] not in cache:  # AAC frames of 4 bytes
-        with tempfile.TemporaryDirectory() as scratch:
-            path = os.path.join(scratch, "silence.mp4")
-            subprocess.check_call(FFMPEG + [
-                "-f", "lavfi", "-i", "anullsrc=r=8000:cl=mono", "-t", "2", "-c:a", "aac", "-b:a",
-                "16k", "-fflags", "+bitexact", "-flags:a", "+bitexact", "-map_metadata", "-1",
-                "-threads", "1", path])
-            cache[args[0]] = donor(path, 1, tool.samples_lines(path), tool.streams_lines(path))
-    elif ":" in args[0] and args[0] not in cache:
-        cache[args[0]] = donor(os.path.join(folder, args[0].split(":")[0]),
-                               int(args[0].split(":")[1]))
-    if args[0] in cache:
+    if ":" in args[0]:
+        if args[0] not in cache:
+            cache[args[0]] = donor(os.path.join(folder, args[0].split(":")[0]),
+                                   int(args[0].split(":")[1]))
         return cache[args[0]]
-    if args[0] == "text":  # a 16-bit length and the text
+    if args[0] == "frames":
+        samples = [bytes.fromhex(args[1])] * number(o, "count")
+    elif args[0] == "text":  # a 16-bit length and the text
         samples = [struct.pack(">H", len(b)) + b for b in (encode([x]) for x in args[1:])]
     elif args[0] == "pcm":
-        data = subprocess.check_output(FFMPEG + ["-i", os.path.join(folder, args[1]), "-map",
-                                                 "0:a:" + args[2], "-c", "copy", "-f", args[3], "-"])
+        data = subprocess.check_output(FFMPEG + ["-i", os.path.join(folder, args[1]), "-map", "0:a:"
+                                                 + args[2], "-c", "copy", "-f", args[3], "-"])
         samples = [data[i:i + int(args[4])] for i in range(0, len(data), int(args[4]))]
     else:  # amr SEED MODE BYTES: a storage-format header byte and seeded random bits
         rng, mode, payload = random.Random(int(args[1])), int(args[2]), int(args[3])
@@ -103,21 +91,23 @@ def source(args, o, folder, cache):
     return dict(entry=b"", timescale=int(timescale), handler=handler, kind=kind, codec=codec,
                 samples=samples, durations=[number(o, "duration", 1)] * len(samples),
                 offsets=[0] * len(samples), keys=[True] * len(samples),
-                stream=dict(width="0", height="0", rate="0", channels="0", extradata="-", config="-"))
+                stream=dict(dict(width=0, height=0, rate=0, channels=0, extradata="-", config="-"),
+                            **dict(x.split("=") for x in o.get("stream", []))))
 
 
 class Track:
     """A track to write: its samples and facts, and how its atoms hold them (o: its row)."""
 
     def __init__(self, o, folder, cache):
-        self.o, self.id, self.fragment_count = o, int(o["track"][0]), 0
+        self.o, self.id, self.fragment_count, self.jump = o, int(o["track"][0]), 0, {}
         src = source(o["track"][1:], o, folder, cache)
         n = number(o, "count", len(src["samples"]))
         self.entry, self.timescale, self.handler = src["entry"], src["timescale"], src["handler"]
         self.kind, self.codec, self.stream = src["kind"], src["codec"], dict(src["stream"])
         self.samples, self.durations, self.offsets, self.keys = (
             src[k][:n] for k in ("samples", "durations", "offsets", "keys"))
-        self.chunk, self.per, self.stored = number(o, "chunk", 5), number(o, "per"), number(o, "stored")
+        self.chunk, self.per, self.stored = (number(o, k, d) for k, d in (
+            ("chunk", 5), ("per", 0), ("stored", 0)))
         self.edits = [(sum(self.durations) * 1000 // self.timescale if d == "*" else int(d), int(m))
                       for d, m in (e.split(":") for e in o.get("edits", []))]
         start = number(o, "cto", at=1)
@@ -129,7 +119,8 @@ class Track:
         at, sat = self.entry.find(b"frma"), self.entry.find(b"schm")  # a protected entry
         self.format = (self.entry[at + 4:at + 8] if at > 0 else self.entry[4:8]).decode("latin-1")
         self.scheme = self.entry[sat + 8:sat + 12].decode() if sat > 0 else "-"
-        self.fields, self.tfhd, self.trex = set(o.get("fields", FIELDS)), named(o, "tfhd"), named(o, "trex")
+        self.fields, self.tfhd = set(o.get("fields", FIELDS)), named(o, "tfhd")
+        self.trex = named(o, "trex")
 
     def default(self, name):
         return self.tfhd.get(name, self.trex.get(name, 0))
@@ -148,11 +139,13 @@ def runs(values):
 
 
 def stbl(t, offsets):
-    n, sizes, bits, v1 = len(t.samples), [len(s) for s in t.samples], number(t.o, "stz2"), "ctts-v1" in t.o
+    n, sizes, bits, v1 = len(t.samples), [len(s) for s in t.samples], number(t.o, "stz2"), \
+        int("ctts-v1" in t.o)
     parts = [t.front("stbl"), full("stsd", 0, 0, struct.pack(">I", 1), t.entry),
              table("stts", runs(t.durations), ">II")]
-    parts += [table("ctts", runs(t.offsets), ">Ii" if v1 else ">II", int(v1))] if any(t.offsets) else []
-    parts += [table("stss", [(i + 1,) for i, k in enumerate(t.keys) if k], ">I")] if not all(t.keys) else []
+    parts += [table("ctts", runs(t.offsets), ">Ii" if v1 else ">II", v1)] if any(t.offsets) else []
+    parts += [] if all(t.keys) else [table("stss", [(i + 1,) for i, k in enumerate(t.keys) if k],
+                                           ">I")]
     chunks = [len(t.samples[i:i + t.chunk]) for i in range(0, n, t.chunk)]
     parts.append(table("stsc", [(i + 1, c, 1) for i, c in enumerate(chunks)
                                 if i == 0 or chunks[i - 1] != c], ">III"))
@@ -173,7 +166,7 @@ def stbl(t, offsets):
 def trak(t, offsets, timescale):
     media, v, ev = sum(t.durations), int("v1" in t.o), int("elst-v1" in t.o)
     movie = sum(d for d, _ in t.edits) if t.edits else media * timescale // t.timescale
-    width, height = (int(t.stream.get(k, 0)) if t.kind == "video" else 0 for k in ("width", "height"))
+    width, height = (int(t.stream[k]) if t.kind == "video" else 0 for k in ("width", "height"))
     tkhd = full("tkhd", v, 3, struct.pack(">QQIIQ" if v else ">IIIII", 0, 0, t.id, 0, movie),
                 struct.pack(">8xhhH2x", 0, 0, 0x100 if t.kind == "audio" else 0),
                 IDENTITY, struct.pack(">II", width << 16, height << 16))
@@ -190,15 +183,13 @@ def trak(t, offsets, timescale):
 
 
 class Movie:
-    """A file (o: its row): "moov", then the tracks' chunks in turn in one
-    "mdat"; when fragmented, only each track's first `stored` samples in one
-    chunk each, then fragments of `per` samples of each track."""
+    """A file (o: its row): "moov", the tracks' chunks in turn in one "mdat"
+    (fragmented: only the first `stored` samples of each), then fragments."""
 
     def __init__(self, o, tracks):
-        self.o, self.tracks, self.timescale, self.fragmented = o, tracks, 1000, "fragments" in o["file"]
+        self.o, self.tracks, self.timescale = o, tracks, 1000
+        self.fragmented = "fragments" in o["file"]
         self.hole_at, self.hole = number(o, "hole", -1), number(o, "hole", 0, 1)
-        self.jumps = {int(k): ticks for k, ticks in named(o, "jumps").items()}
-        self.tfdt_v1, self.trun_v1 = int("tfdt-v1" in o), int("trun-v1" in o)
 
     def atoms(self, key):
         return encode(self.o.get(key, []))
@@ -241,9 +232,8 @@ class Movie:
         for i, (t, chunk) in enumerate(order):
             pos += self.hole if i == hole_at else 0
             offsets[t.id].append(pos)
-            for s in chunk:
-                where[t.id].append(pos)
-                pos += len(s)
+            where[t.id] += itertools.accumulate([pos] + [len(s) for s in chunk[:-1]])
+            pos += sum(len(s) for s in chunk)
         with open(path, "wb") as f:
             f.write(ftyp + self.atoms("top-front") + self.moov(tracks, offsets, mvex) + (
                 struct.pack(">I4sQ", 1, b"mdat", pos - base + 16) if mdat == "large" else
@@ -260,9 +250,8 @@ class Movie:
         for t in self.tracks:
             t.flags = [SYNC_FLAGS if k else NON_SYNC_FLAGS for k in t.keys]
         for k in itertools.count():
-            parts = [(t, t.stored + k * t.per, min(t.per, len(t.samples) - t.stored - k * t.per))
-                     for t in self.tracks]
-            parts = [p for p in parts if p[2] > 0]
+            parts = [(t, a, c) for t in self.tracks for a in [t.stored + k * t.per]
+                     for c in [min(t.per, len(t.samples) - a)] if c > 0]
             if not parts:
                 return
             f.write(self.atoms("between-fragments") if k > 0 else b"")
@@ -279,18 +268,18 @@ class Movie:
                 return box("moof", full("mfhd", 0, 0, struct.pack(">I", k + 1)), *trafs)
 
             data_at = moof_at + len(moof(0)) + 8  # fixed widths: the size of "moof" comes first
-            f.write(moof(data_at) + box("mdat", *(x for t, a, c in parts for x in t.samples[a:a + c])))
+            f.write(moof(data_at))
+            f.write(box("mdat", *(x for t, a, c in parts for x in t.samples[a:a + c])))
             for t, a, c in parts:
                 t.fragment_count += 1
-                for x in t.samples[a:a + c]:
-                    where[t.id].append(data_at)
-                    data_at += len(x)
+                where[t.id] += itertools.accumulate([data_at] + [len(x) for x in
+                                                                 t.samples[a:a + c - 1]])
+                data_at += sum(len(x) for x in t.samples[a:a + c])
 
     def traf(self, t, first, count, k, data_at, moof_at, first_traf):
         """The "traf" of count samples of t from `first`, whose data starts at
-        data_at; the samples take the values the file gives them. The rows'
-        head says what "base" and the track's fields, tfhd and trex do."""
-        base = self.o.get("base", ["moof"])[0]
+        data_at; the samples take the values the file gives them."""
+        base, tv1, rv1 = self.o.get("base", ["moof"])[0], "tfdt-v1" in self.o, "trun-v1" in self.o
         heads = [(0x1, ">Q", data_at)] if base == "explicit" else []
         heads += [(0x2, ">I", 1)] if "description-index" in self.o else []
         heads += [(bit, ">I", t.tfhd[name]) for bit, name in zip((0x8, 0x10, 0x20), FIELDS)
@@ -298,13 +287,15 @@ class Movie:
         flags = sum(bit for bit, _, _ in heads) | (0x020000 if base == "moof" else 0)
         parts = [full("tfhd", 0, flags, struct.pack(">I", t.id),
                       *(struct.pack(form, v) for _, form, v in heads))]
+        tfdt = "no-tfdt" not in self.o
+        jump = sum(named(self.o, "jumps").get(str(j), 0) for j in range(k + 1)) if tfdt else 0
         for i in range(first, first + count):  # what the fields leave out takes the defaults
             assert "size" in t.fields or len(t.samples[i]) == t.default("size")
             t.durations[i] = t.durations[i] if "duration" in t.fields else t.default("duration")
-            t.offsets[i] = t.offsets[i] if "cto" in t.fields else 0
-        time = sum(t.durations[:first]) + sum(self.jumps.get(j, 0) for j in range(k + 1))
-        parts += [full("tfdt", self.tfdt_v1, 0, struct.pack(">Q" if self.tfdt_v1 else ">I", time))
-                  ] if "no-tfdt" not in self.o else []
+            t.offsets[i], t.jump[i] = t.offsets[i] if "cto" in t.fields else 0, jump
+        time = sum(t.durations[:first]) + jump
+        if tfdt:
+            parts.append(full("tfdt", int(tv1), 0, struct.pack(">Q" if tv1 else ">I", time)))
         size, at, first_flags = -(-count // number(t.o, "runs", 1)), data_at, "first-flags" in t.o
         for a in range(first, first + count, size):
             b = min(a + size, first + count)
@@ -319,19 +310,13 @@ class Movie:
                     t.flags[i] = t.default("flags")
                 t.keys[i] = not t.flags[i] & 0x10000
                 rows += b"".join(struct.pack(form, value) for name, form, value in zip(
-                    FIELDS, (">I", ">I", ">I", ">i" if self.trun_v1 else ">I"),
+                    FIELDS, (">I", ">I", ">I", ">i" if rv1 else ">I"),
                     (t.durations[i], len(t.samples[i]), t.flags[i], t.offsets[i]))
                     if name in t.fields)
-            parts.append(full("trun", self.trun_v1, rflags, struct.pack(">I", b - a),
+            parts.append(full("trun", int(rv1), rflags, struct.pack(">I", b - a),
                               *(struct.pack(form, v) for _, form, v in heads), rows))
             at += sum(len(x) for x in t.samples[a:b])
         return box("traf", *parts)
-
-    def jump(self, t, i):
-        """Ticks that "tfdt" jumps put in front of sample i of t."""
-        if not self.jumps or i < t.stored or "no-tfdt" in self.o:
-            return 0
-        return sum(self.jumps.get(j, 0) for j in range((i - t.stored) // t.per + 1))
 
 
 def expected(movie, where, name, origin, o):
@@ -345,7 +330,7 @@ def expected(movie, where, name, origin, o):
         dts = 0
         for i, (s, d, pos, key, off) in enumerate(zip(t.samples, t.durations, where[t.id],
                                                       t.keys, t.offsets)):
-            samples.append("%d %d %d %d %d %08x" % (dts + movie.jump(t, i), len(s), pos, key, off,
+            samples.append("%d %d %d %d %d %08x" % (dts + t.jump.get(i, 0), len(s), pos, key, off,
                                                     zlib.crc32(s)))
             dts += d
         empty = list(itertools.takewhile(lambda e: e[1] == -1, t.edits))
@@ -360,13 +345,12 @@ def expected(movie, where, name, origin, o):
 
 
 def compare(path, mine, theirs, what):
-    """Prints the first lines where ffprobe's view differs."""
+    """Notes the lines where ffprobe's view differs: the first three, and how many."""
     a, b = ([line for line in x if not line.startswith("#")] for x in (mine, theirs))
-    out = [(x, y) for x, y in itertools.zip_longest(a, b, fillvalue="(none)") if x != y]
-    for x, y in out[:3]:
-        tool.note(path, "%s: built %s; ffprobe %s" % (what, x, y))
-    if len(out) > 3:
-        tool.note(path, "%s: %d more differences" % (what, len(out) - 3))
+    out = ["%s: built %s; ffprobe %s" % (what, x, y)
+           for x, y in itertools.zip_longest(a, b, fillvalue="(none)") if x != y]
+    for text in out[:3] + (["%s: %d lines differ" % (what, len(out))] if len(out) > 3 else []):
+        tool.note(path, text)
 
 
 def make(directory, o, movie):
@@ -384,14 +368,14 @@ def make(directory, o, movie):
     listings = o.get("listings", ["checked"])[0]
     if listings == "none":
         return
+    origin = ", checked with ffprobe" if listings == "checked" else ""
     samples, streams = expected(movie, where, name, "hand-built: what an ISO/IEC 14496-12 reader "
-                                "gives" + (", checked with ffprobe" if listings == "checked" else ""), o)
+                                "gives" + origin, o)
     open(path + ".samples", "w").write("\n".join(samples) + "\n")
     open(path + ".streams", "w").write("\n".join(streams) + "\n")
     if listings == "checked":
         compare(path, samples, tool.samples_lines(path, strict=False), "samples")
         compare(path, streams, tool.streams_lines(path), "streams")
-        tool.describe(path)
 
 
 def build(rows, directory):
