@@ -2,7 +2,8 @@
 # Makes the FFmpeg fixtures of tests/data/modern and, beside each file, its
 # expected sample listing (NAME.samples) and track facts (NAME.streams),
 # taken from ffprobe at generation time so that the tests compare without
-# FFmpeg; then the hand-built files of build_fixtures.py with theirs.
+# FFmpeg; then the hand-built files of fixtures.rows (build_fixtures.py)
+# with theirs.
 #
 #   make_modern_fixtures.sh
 #

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the fixtures of `mp4core extract` that tests/data/modern lacks: the
 # PCM layouts of QuickTime in one small .mov (FFmpeg), then the hand-built
-# files of build_stream_fixtures.py ("ipcm"/"fpcm", HE-AAC, AMR).
+# files of fixtures.rows ("ipcm"/"fpcm", HE-AAC, AMR), written by
+# ../modern/build_fixtures.py.
 #
 #   make_stream_fixtures.sh
 #
