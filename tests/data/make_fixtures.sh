@@ -24,7 +24,7 @@ video() { echo -f lavfi -i "testsrc=size=$1:rate=$2:duration=$3"; }
 # audio RATE SECONDS: a tone
 audio() { echo -f lavfi -i "sine=frequency=440:beep_factor=4:sample_rate=$1:duration=$2"; }
 
-# finish FILE [listing options]: check the file and write FILE.samples
+# finish FILE [ORIGINAL]: check the file and write FILE.samples (key flags of ORIGINAL)
 finish() {
   local file=$1; shift
   $tool check "$file"
@@ -71,7 +71,7 @@ finish mpeg4_gop250.mp4
 # GOP 12 with its "stss" renamed: key frames come from the coding type of
 # each plane; the expected key marks are ffprobe's on the original.
 $tool strip-stss mpeg4_gop12.mp4 mpeg4_gop12_no_stss.mp4
-finish mpeg4_gop12_no_stss.mp4 --keys-from mpeg4_gop12.mp4
+finish mpeg4_gop12_no_stss.mp4 mpeg4_gop12.mp4
 
 # A video track of exactly one sample, beside an AAC track.
 ff $(video 160x120 25 0.04) $(audio 22050 1) -c:v mpeg4 -q:v 8 \

@@ -2,7 +2,8 @@
 # Makes the FFmpeg fixtures of tests/data/modern and, beside each file, its
 # expected sample listing (NAME.samples) and track facts (NAME.streams),
 # taken from ffprobe at generation time so that the tests compare without
-# FFmpeg; then the hand-built files of build_fixtures.py with theirs.
+# FFmpeg; then the hand-built files of fixtures.rows (build_fixtures.py)
+# with theirs.
 #
 #   make_modern_fixtures.sh
 #
@@ -11,7 +12,7 @@
 # says what each file holds and the formats of the listings.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-tool="python3 $here/modern_tool.py"
+tool="python3 $here/../fixture_tool.py"
 cd "$here"
 
 # Bit-exact output: no encoder strings, no metadata, one thread (also
@@ -129,6 +130,6 @@ finish frag_cut_in_moof.mp4
 
 # The hand-built files (samples and sample entries taken from the files
 # above), with their listings.
-[ -f "$here/build_fixtures.py" ] && python3 "$here/build_fixtures.py" "$here"
+python3 "$here/build_fixtures.py" "$here/fixtures.rows" "$here"
 
 du -ch ./*.mp4 ./*.mov ./*.samples ./*.streams | tail -n 1

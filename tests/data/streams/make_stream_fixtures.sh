@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the fixtures of `mp4core extract` that tests/data/modern lacks: the
 # PCM layouts of QuickTime in one small .mov (FFmpeg), then the hand-built
-# files of build_stream_fixtures.py ("ipcm"/"fpcm", HE-AAC, AMR).
+# files of fixtures.rows ("ipcm"/"fpcm", HE-AAC, AMR), written by
+# ../modern/build_fixtures.py.
 #
 #   make_stream_fixtures.sh
 #
@@ -27,5 +28,5 @@ ff -f lavfi -i "aevalsrc=$tones:s=8000:d=0.02" -f lavfi -i "aevalsrc=$tones:s=96
    -c:a:5 pcm_s32be -c:a:6 pcm_f32le -c:a:7 pcm_f64be -c:a:8 pcm_alaw -c:a:9 pcm_mulaw \
    -c:a:10 pcm_s16le "${exact[@]}" pcm_variants.mov
 
-python3 "$here/build_stream_fixtures.py" "$here"
+python3 "$here/../modern/build_fixtures.py" "$here/fixtures.rows" "$here"
 ls -l ./*.mov ./*.mp4
