@@ -38,6 +38,7 @@ constexpr size_t kTkhdVolume = 44;
 constexpr size_t kTkhdMatrix = 48;
 constexpr size_t kTkhdWidth = 84;
 constexpr size_t kTkhdHeight = 88;
+constexpr uint32_t kTkhdEnabled = 0x000001;  // in the flags at kVersionFlags
 
 // "mdhd"
 constexpr size_t kMdhdCreationTime = 12;
