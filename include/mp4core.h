@@ -161,8 +161,9 @@ typedef struct MP4TrackInfo {
                                 entry; AAC with SBR or PS signalled
                                 explicitly (object type 5 or 29, or the sync
                                 extension) gives the output rate and
-                                channels, signalled implicitly its core
-                                rate; AMR 1 channel; 0 for video */
+                                channels (a mono core 2, unless PS is ruled
+                                out), signalled implicitly its core rate;
+                                AMR 1 channel; 0 for video */
     uint32_t Channels;
     char Language[4];        /* "mdhd" language, three letters and a 0 */
     uint8_t Encrypted;       /* 1: a protected sample entry */

@@ -177,9 +177,11 @@ constexpr uint32_t kSyncSbr = 0x2B7;
 constexpr uint32_t kSyncPs = 0x548;
 
 // Rate and channels of an AudioSpecificConfig as a decoder outputs them.
-// SBR and PS signalled explicitly (object type 5 or 29, or the sync
-// extension behind an AAC LC config) give the extension's rate, and PS
-// stereo; signalled only implicitly (in the stream) the core rate stays.
+// SBR signalled explicitly (object type 5 or 29, or the sync extension
+// behind an AAC LC config) gives the extension's rate, and a mono core
+// stereo unless the config rules parametric stereo out (its own sync
+// extension with the flag clear): a decoder must be ready for PS there.
+// SBR signalled only implicitly (in the stream) leaves the core rate.
 void ReadAudioSpecificConfig(const uint8_t *config, uint32_t size, uint32_t *rate,
                              uint32_t *channels) {
     uint32_t bit = 0, type = 0, value = 0, extensionRate = 0;
@@ -188,30 +190,27 @@ void ReadAudioSpecificConfig(const uint8_t *config, uint32_t size, uint32_t *rat
     if (GetBitField(config, size, &value, 4, bit) != 1) return;
     bit += 4;
     if (value != 0) *channels = value == 7 ? 8 : value;
-    bool parametricStereo = type == kAotPs;
-    if (type == kAotSbr || type == kAotPs) {
+    bool sbr = type == kAotSbr || type == kAotPs;
+    bool noStereo = false;
+    if (sbr) {
         if (ReadFrequency(config, size, &bit, &extensionRate)) *rate = extensionRate;
     } else if (type == kAotAacLc && value != 0) {
         // GASpecificConfig: frame length, core coder flag (and its delay),
         // extension flag; then the sync extension, if the config goes on.
-        uint32_t dependsOnCore = 0;
+        uint32_t dependsOnCore = 0, sync = 0, flag = 0;
         GetBitField(config, size, &dependsOnCore, 1, bit + 1);
         bit += 3 + (dependsOnCore != 0 ? 14 : 0);
-        uint32_t sync = 0, sbr = 0;
         if (GetBitField(config, size, &sync, 11, bit) == 1 && sync == kSyncSbr) {
             bit += 11;
-            if (ReadObjectType(config, size, &bit, &type) && type == kAotSbr &&
-                GetBitField(config, size, &sbr, 1, bit) == 1 && sbr == 1) {
-                ++bit;
-                if (ReadFrequency(config, size, &bit, &extensionRate)) *rate = extensionRate;
-                uint32_t ps = 0;
-                if (GetBitField(config, size, &sync, 11, bit) == 1 && sync == kSyncPs &&
-                    GetBitField(config, size, &ps, 1, bit + 11) == 1)
-                    parametricStereo = ps == 1;
-            }
+            sbr = ReadObjectType(config, size, &bit, &type) && type == kAotSbr &&
+                  GetBitField(config, size, &flag, 1, bit++) == 1 && flag == 1 &&
+                  ReadFrequency(config, size, &bit, &extensionRate);
+            if (sbr) *rate = extensionRate;
+            noStereo = sbr && GetBitField(config, size, &sync, 11, bit) == 1 && sync == kSyncPs &&
+                       GetBitField(config, size, &flag, 1, bit + 11) == 1 && flag == 0;
         }
     }
-    if (parametricStereo && *channels == 1) *channels = 2;
+    if (sbr && !noStereo && *channels == 1) *channels = 2;
 }
 constexpr uint32_t kAc3Rates[3] = {48000, 44100, 32000};
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <map>
 
@@ -237,28 +238,34 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
     EXPECT_EQ(MP4GetAtom(file.handle, "moov", &data, nullptr), -99);
 }
 
-// An FFmpeg file against ffprobe's streams and the atoms its script cut
-// out of the bytes.
-TEST(Describe, FfmpegHdrFileAgreesWithItsListings) {
-    ModernFile file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
-    std::ifstream streams(FixturePath("describe/hdr_hevc_aac_truehd.mp4.streams"));
-    std::map<std::string, std::string> stream;
-    uint32_t index = 0;
-    for (std::string line; std::getline(streams, line);) {
-        const size_t equals = line.find('=');
-        if (equals != std::string::npos) stream[line.substr(0, equals)] = line.substr(equals + 1);
-        if (line != "[/STREAM]") continue;
-        MP4TrackInfo info{};
-        ASSERT_EQ(MP4GetTrackInfo(file.handle, index++, &info), 1);
-        const bool video = stream["codec_type"] == "video";
-        EXPECT_EQ(std::vector<std::string>({std::to_string(info.Width), std::to_string(info.Height), std::to_string(info.SampleRate),
-                                            std::to_string(info.Channels)}),
-                  std::vector<std::string>({video ? stream["width"] : "0", video ? stream["height"] : "0", video ? "0" : stream["sample_rate"],
-                                            video ? "0" : stream["channels"]}))
-            << index;
-        stream.clear();
+// FFmpeg files (and the HE-AAC one) against ffprobe's streams, and the atoms
+// the script cut out of the HDR file's bytes.
+TEST(Describe, FfmpegFilesAgreeWithTheirListings) {
+    for (const char *name : {"streams/he_aac.mp4", "describe/hdr_hevc_aac_truehd.mp4"}) {
+        SCOPED_TRACE(name);
+        ModernFile file(ReadWholeFile(FixturePath(name)));
+        std::ifstream streams(FixturePath("describe/" + std::string(std::strrchr(name, '/') + 1) + ".streams"));
+        std::map<std::string, std::string> stream;
+        uint32_t index = 0;
+        for (std::string line; std::getline(streams, line);) {
+            const size_t equals = line.find('=');
+            if (equals != std::string::npos) stream[line.substr(0, equals)] = line.substr(equals + 1);
+            if (line != "[/STREAM]") continue;
+            MP4TrackInfo info{};
+            ASSERT_EQ(MP4GetTrackInfo(file.handle, index++, &info), 1);
+            const bool video = stream["codec_type"] == "video";
+            EXPECT_EQ(std::vector<std::string>({std::to_string(info.Width), std::to_string(info.Height), std::to_string(info.SampleRate),
+                                                std::to_string(info.Channels)}),
+                      std::vector<std::string>({video ? stream["width"] : "0", video ? stream["height"] : "0", video ? "0" : stream["sample_rate"],
+                                                video ? "0" : stream["channels"]}))
+                << index;
+            stream.clear();
+        }
+        uint32_t count = 0;
+        MP4GetTrackCount(file.handle, &count);
+        EXPECT_EQ(index, count);
     }
-    EXPECT_EQ(index, 3u);
+    ModernFile file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
     std::ifstream atoms(FixturePath("describe/hdr_hevc_aac_truehd.mp4.atoms"));
     size_t lines = 0;
     for (std::string path, hex; atoms >> path >> hex; ++lines) {

@@ -3,7 +3,7 @@
 # a "colr" of BT.2020 primaries and the PQ transfer, an AAC track and a
 # TrueHD ("mlpa") track; and beside it
 #   .streams  ffprobe -show_streams, the facts MP4GetTrackInfo is checked
-#             against (size, rate, channels);
+#             against (size, rate, channels), also of ../streams/he_aac.mp4;
 #   .atoms    PATH HEX per line: the payload of an atom, found by its name's
 #             bytes in the file and cut out with xxd by the size in front of
 #             it, for MP4GetAtom and HeaderDuration.
@@ -20,6 +20,8 @@ ffmpeg $common -f lavfi -i testsrc2=size=64x48:rate=25:duration=0.2 \
     -c:a:0 aac -ac:a:0 2 -c:a:1 truehd -strict -2 \
     -fflags +bitexact -flags:v +bitexact -flags:a +bitexact -map_metadata -1 -threads 1 "$f"
 ffprobe -hide_banner -loglevel error -show_streams "$f" > "$f.streams"
+# HE-AAC signalled explicitly (object types 5 and 29) as FFmpeg decodes it.
+ffprobe -hide_banner -loglevel error -show_streams ../streams/he_aac.mp4 > he_aac.mp4.streams
 # PATH NAME N: the Nth atom of that name in the file.
 atom() {
     at=$(grep -boa "$2" "$f" | sed -n "${3}p" | cut -d: -f1)
