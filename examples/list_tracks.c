@@ -4,20 +4,35 @@
  *
  * The modern reader reads what today's encoders write (H.264, HEVC, AV1,
  * Opus, ... in files of any size); MP4GetTrackCount and MP4GetTrackInfo list
- * the tracks in the order of the file, and the calls by number reach any
- * sample without moving a cursor first. */
+ * the tracks in the order of the file (with the "mdhd" duration beside the
+ * samples' sum, and the second sample entry of a track that has several,
+ * through MP4GetAtom), and the calls by number reach any sample without
+ * moving a cursor first. */
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "mp4core.h"
 
-static void print_track(const MP4TrackInfo *t) {
+static void print_track(MP4_local_file *file, uint32_t index, const MP4TrackInfo *t) {
     printf("track %u: %.4s %.4s, %u samples, %llu ticks at %u/s", t->TrackId, t->Handler,
            t->Format, t->SampleCount, (unsigned long long)t->Duration, t->Timescale);
+    if (t->HeaderDuration != UINT64_MAX)
+        printf(" (header %llu)", (unsigned long long)t->HeaderDuration);
     if (t->TrackType == MP4_TRACK_VIDEO) printf(", %ux%u", t->Width, t->Height);
     if (t->TrackType == MP4_TRACK_AUDIO) printf(", %u Hz, %u channels", t->SampleRate, t->Channels);
     printf("\n");
+    if (t->EntryCount > 1) {
+        /* The second sample entry by its path: "*" is any name, [2] the second. */
+        char path[64];
+        snprintf(path, sizeof path, "moov/trak[%u]/mdia/minf/stbl/stsd/*[2]", index + 1);
+        uint8_t *entry = NULL;
+        uint64_t size = 0;
+        if (MP4GetAtom(file, path, &entry, &size) == 1) {
+            printf("    entry 2 of %u: %llu bytes\n", t->EntryCount, (unsigned long long)size);
+            MP4freeData((void **)&entry);
+        }
+    }
 }
 
 int main(int argc, char **argv) {
@@ -35,7 +50,7 @@ int main(int argc, char **argv) {
     MP4GetTrackCount(file, &count);
     for (uint32_t index = 0; index < count; index++) {
         MP4TrackInfo track;
-        if (MP4GetTrackInfo(file, index, &track) == 1) print_track(&track);
+        if (MP4GetTrackInfo(file, index, &track) == 1) print_track(file, index, &track);
     }
 
     uint32_t index = argc == 4 ? (uint32_t)strtoul(argv[2], NULL, 10) : 0;

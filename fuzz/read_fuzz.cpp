@@ -5,6 +5,7 @@
 // times; close.
 #include <cstdint>
 #include <initializer_list>
+#include <string>
 
 #include "memory_file.h"
 #include "mp4core.h"
@@ -73,6 +74,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)
                 ReadByCursor(file, a->TrackId, MP4_TRACK_AUDIO, a->SampleCount);
             ReadByNumber(file);
+            // Atom paths: fixed ones, the input's first bytes, and names at its first offsets.
+            const std::string raw(reinterpret_cast<const char *>(data), size < 300 ? size : 300);
+            const std::string names = raw.size() < 24 ? raw : raw.substr(4, 4) + "/" + raw.substr(12, 4) + "[2]/*/" + raw.substr(20, 4);
+            for (const char *path : {raw.c_str(), names.c_str(), "moov/trak[1]/mdia/minf/stbl/stsd/*[1]/*", "*[2]/*[1]/*", "moov/trak[0]", "mdat"}) {
+                uint8_t *payload = nullptr;
+                uint64_t bytes = 0;
+                if (MP4GetAtom(file, path, &payload, &bytes) == 1) MP4freeData(reinterpret_cast<void **>(&payload));
+            }
             MP4FileClose(&file);
             if (file != nullptr) __builtin_trap();
         }

@@ -143,18 +143,27 @@ typedef struct MP4TrackInfo {
                                 5 scene description, 0 any other handler */
     char Handler[4];         /* "hdlr" handler type, e.g. "vide" */
     char Format[4];          /* first sample entry, e.g. "avc1"; of a protected
-                                entry ("encv", "enca") the original format */
+                                entry ("encv", "enca") the original format;
+                                Dolby Vision entries keep their own name */
     uint32_t SampleCount;    /* samples the reader knows; a track without
                                 tables: what its "stsz" says, or 0 */
     uint32_t Timescale;      /* "mdhd" ticks per second */
     uint64_t Duration;       /* sum of the sample durations, in ticks */
-    uint32_t Width;          /* picture size of the sample entry; 0 for audio */
+    uint32_t Width;          /* picture size of the sample entry (every entry
+                                of a "vide" track is a visual one); 0 for
+                                audio */
     uint32_t Height;
     uint32_t Rotation;       /* 0, 90, 180 or 270, from the "tkhd" matrix */
     uint32_t PixelAspectH;   /* "pasp"; 1:1 without */
     uint32_t PixelAspectV;
     uint32_t SampleRate;     /* audio, from the decoder configuration where
-                                the entry has one; 0 for video */
+                                it states them, else from the sound sample
+                                entry; AAC with SBR or PS signalled
+                                explicitly (object type 5 or 29, or the sync
+                                extension) gives the output rate and
+                                channels (a mono core 2, unless PS is ruled
+                                out), signalled implicitly its core rate;
+                                AMR 1 channel; 0 for video */
     uint32_t Channels;
     char Language[4];        /* "mdhd" language, three letters and a 0 */
     uint8_t Encrypted;       /* 1: a protected sample entry */
@@ -165,8 +174,25 @@ typedef struct MP4TrackInfo {
     uint64_t EditDelay;      /* leading empty edits, in media ticks */
     uint32_t FragmentCount;  /* track fragments ("traf") of the track in the
                                 file's "moof" atoms; 0 on a classic handle */
-    uint32_t Reserved[7];
+    uint32_t EntryCount;     /* sample entries: the atoms the reader found in
+                                "stsd" (a classic handle stops at the first
+                                entry it does not know) */
+    uint64_t HeaderDuration; /* "mdhd" duration in ticks, as the header states
+                                it (fragments not added); all ones when it
+                                says unknown (all ones in its 32 or 64 bits) */
+    uint32_t Flags;          /* MP4_TRACK_MIRRORED: the "tkhd" matrix mirrors
+                                the picture (negative determinant);
+                                MP4_TRACK_DISABLED: "tkhd" flag 1 (enabled)
+                                is clear; MP4_TRACK_COMPOSITION: a "ctts"
+                                with entries, or a "trun" of the track with
+                                composition offsets */
+    uint32_t Reserved[3];    /* zero */
 } MP4TrackInfo;
+
+/* Bits of MP4TrackInfo.Flags. */
+#define MP4_TRACK_MIRRORED 1
+#define MP4_TRACK_DISABLED 2
+#define MP4_TRACK_COMPOSITION 4
 
 /* One sample as MP4GetSampleInfo describes it, without its bytes. 32
  * bytes. */
@@ -631,10 +657,13 @@ MP4CORE_API int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_
 
 /* MP4GetDecoderConfig gives the decoder configuration of a track's first
  * sample entry: the payload of its configuration atom behind the 8-byte
- * head (and behind version and flags for "vpcC" and "dfLa"): "avcC",
- * "hvcC", "av1C", "vpcC", "dOps", "dac3", "dec3", "dfLa", "alac", "d263",
- * "damr"; for "esds" the DecoderSpecificInfo (the AudioSpecificConfig, the
- * MPEG-4 video headers).
+ * head (and behind version and flags for "vpcC", "vvcC" and "dfLa"):
+ * "avcC", "hvcC", "av1C", "vpcC", "vvcC", "dOps", "dac3", "dec3", "dac4",
+ * "mhaC", "iacb", "dmlp", "dfLa", "alac", "d263", "damr"; for "esds" the
+ * DecoderSpecificInfo (the AudioSpecificConfig, the MPEG-4 video
+ * headers). A Dolby Vision entry gives its base codec's ("avcC", "hvcC",
+ * "av1C"); its "dvcC" or "dvvC" is reached with MP4GetAtom, as are the
+ * configurations of the other entries.
  *   data  receives one new block (release with MP4freeData) on result 1.
  *   size  receives its length on result 1.
  * Results: 1 done; -99 file, data or size null, or trackId 0; -98 no
@@ -645,6 +674,33 @@ MP4CORE_API int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                         uint8_t **data, uint32_t *size);
+
+/* MP4GetAtom gives the payload of the atom that path names: everything
+ * behind its 8-byte head (16 with a 64-bit size; a full atom's version and
+ * flags included; a "uuid" behind its 16-byte type too), read from the
+ * file. The path is four-character names joined by "/", from the top
+ * level, each optionally followed by a 1-based index among its siblings of
+ * that name: "moov/trak[2]/mdia/minf/stbl/stsd/hvc1/colr",
+ * "moov/udta/meta/ilst". "*" matches any name ("*[2]" as the step behind
+ * "stsd" is the second sample entry); "\xC2\xA9" (the UTF-8 copyright sign)
+ * stands for the byte 0xA9 that starts the names of "ilst" items. The walk
+ * follows the tree the open read: on a classic handle it ends where the
+ * classic reader stopped; on a modern handle the children of "meta", of
+ * every sample entry of a "vide" or "soun" track and of the entries
+ * "tx3g", "wvtt", "stpp" and "mett" are reached, those of unknown entries
+ * of other handlers are not.
+ *   data  receives one new block (release with MP4freeData) on result 1;
+ *         an empty payload gives a block of no bytes.
+ *   size  receives the payload's length on result 1 and -94.
+ * Results: 1 done; -99 file, path, data or size null; -98 the path is
+ * malformed: empty, longer than 255 characters or 32 names, a name of
+ * other than four characters, an empty "/" step, or an index that is 0,
+ * not a number or above 99999999; -97 no atom at that path; -96 the file
+ * holds fewer bytes than the atom claims; -95 no memory; -94 the payload
+ * is above 16 MiB (nothing is read; *size holds its length).
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetAtom(MP4_local_file *file, const char *path, uint8_t **data,
+                               uint64_t *size);
 
 /* ---- Description ------------------------------------------------------ */
 

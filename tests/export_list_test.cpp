@@ -23,7 +23,7 @@ const std::set<std::string> kApi = {
     // Beside the 22: the modern reader and the calls by track and sample
     // number.
     "MP4FileOpenEx", "MP4GetTrackCount", "MP4GetTrackInfo", "MP4GetSampleInfo",
-    "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig",
+    "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig", "MP4GetAtom",
     // The fragmented writer.
     "MP4FileNewEx",
 };

@@ -138,14 +138,32 @@ int RunDump(const Arguments &arguments) {
     // The blank line sets the classic open's diagnostics apart.
     std::printf(classic ? "\n%s: %d\n" : "%s (modern reader): %d\n", call, int(result));
     if (result != 1) return ReportFailure(kDumpCommand.name, call, result);
-    std::printf("file size: %llu\n", static_cast<unsigned long long>(file->RootAtom->FileSize));
-    PrintTree(file, file->RootAtom->FirstAtom, 0);
+    int status = 0;
+    if (const char *path = OptionValue(arguments, "--payload")) {
+        uint8_t *data = nullptr;
+        uint64_t size = 0;
+        const int32_t got = MP4GetAtom(file, path, &data, &size);
+        if (got == 1) {
+            PrintHexBlock(path, data, uint32_t(size), 0);
+        } else {
+            status = ReportFailure(kDumpCommand.name, "MP4GetAtom", got, path);
+        }
+        void *block = data;
+        MP4freeData(&block);
+    } else {
+        std::printf("file size: %llu\n", static_cast<unsigned long long>(file->RootAtom->FileSize));
+        PrintTree(file, file->RootAtom->FirstAtom, 0);
+    }
     MP4FileClose(&file);
-    return 0;
+    return status;
 }
 
 constexpr OperandRow kOperands[] = {{"FILE", "the MP4 file to read"}};
-constexpr OptionRow kOptions[] = {MP4CORE_CLASSIC_OPTION};
+constexpr OptionRow kOptions[] = {
+    MP4CORE_CLASSIC_OPTION,
+    {"--payload", "PATH", false, false,
+     "print the payload of the atom at PATH (\"moov/trak[1]/tkhd\") in hex, not the tree"},
+};
 
 }  // namespace
 
@@ -160,6 +178,9 @@ extern const CommandRow kDumpCommand = {
     "\"uuid\". Atoms the catalogue does not know are passed over and say so.\n"
     "With --classic it opens FILE with MP4FileOpen and prints that open's own\n"
     "diagnostics first, then its result (\"MP4FileOpen: 1\"); an atom the classic\n"
-    "reader does not know ends its container's scan.\n",
+    "reader does not know ends its container's scan.\n"
+    "With --payload PATH it prints, behind the open's result, the payload of one\n"
+    "atom (MP4GetAtom: names joined by \"/\", each with an optional 1-based index\n"
+    "among its siblings of that name, \"*\" for any name) in hex, instead of the tree.\n",
     RunDump,
 };

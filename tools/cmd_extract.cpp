@@ -121,6 +121,13 @@ int Extract(MP4_local_file *file, const Options &options) {
         std::fprintf(stderr, "mp4core %s: no track %u\n", name, options.track);
         return 1;
     }
+    // Encrypted samples would make a stream no decoder takes.
+    if (info.Encrypted) {
+        const char scheme[5] = {info.Scheme[0], info.Scheme[1], info.Scheme[2], info.Scheme[3], 0};
+        std::fprintf(stderr, "mp4core %s: track %u is protected (scheme \"%s\"): its samples are encrypted, nothing is written\n",
+                     name, options.track, scheme[0] != 0 ? scheme : "none");
+        return 1;
+    }
     StreamTrack track{};
     const int32_t read = ReadStreamTrack(file, info, &track);
     if (read != 1) {
@@ -191,7 +198,8 @@ extern const CommandRow kExtractCommand = {
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
     "\nWrites the samples of one track to OUT in the raw form of its stream:\n"
     "  H.264, HEVC     Annex B: start codes, the parameter sets in front of the\n"
-    "                  first picture and of key frames without them (.264, .265)\n"
+    "                  first picture and of key frames without them (.264, .265);\n"
+    "                  Dolby Vision as its base codec\n"
     "  AAC             ADTS (.aac); HE-AAC as its core object type and rate\n"
     "  MPEG-1/2 audio  the frames as they are (.mp3)\n"
     "  AC-3, E-AC-3    the frames as they are (.ac3, .eac3)\n"
@@ -199,11 +207,12 @@ extern const CommandRow kExtractCommand = {
     "  FLAC            a FLAC stream (.flac)\n"
     "  PCM             WAV (.wav): sowt, twos, raw, in24, in32, fl32, fl64,\n"
     "                  alaw, ulaw, lpcm, ipcm, fpcm\n"
-    "  AV1, VP9        IVF (.ivf)\n"
+    "  AV1, VP9        IVF (.ivf); Dolby Vision AV1 (\"dav1\") as AV1\n"
     "  MPEG-4 video    the decoder configuration, then the samples (.m4v)\n"
     "  H.263           the samples (.263)\n"
     "  AMR             \"#!AMR\\n\" or \"#!AMR-WB\\n\", then the samples (.amr)\n"
-    "Other tracks (ALAC, timed text, ...) are refused, naming their format.\n"
+    "Other tracks (ALAC, timed text, ...) are refused, naming their format;\n"
+    "protected tracks are refused, naming their scheme.\n"
     "A sample that can't be read or is damaged is reported and passed over\n"
     "(exit status 1). On a terminal, standard error shows the progress.\n",
     RunExtract,

@@ -118,6 +118,14 @@ constexpr ResultText kResultTexts[] = {
     {"MP4GetDecoderConfig", -96,
      "the file holds fewer bytes than the configuration atom claims, or it claims more than 1 MiB"},
     {"MP4GetDecoderConfig", -95, "no memory for the configuration"},
+    {"MP4GetAtom", -99, "no file handle, path, or no place for the payload"},
+    {"MP4GetAtom", -98,
+     "the path is malformed: empty, too long, a name of other than four characters, or an index "
+     "that is 0 or no number"},
+    {"MP4GetAtom", -97, "no atom at that path"},
+    {"MP4GetAtom", -96, "the file holds fewer bytes than the atom claims"},
+    {"MP4GetAtom", -95, "no memory for the payload"},
+    {"MP4GetAtom", -94, "the payload is above 16 MiB"},
 
     // The authoring calls have one failure result; the library's debug
     // output on standard error has said which check refused.

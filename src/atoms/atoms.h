@@ -19,6 +19,7 @@ struct AtomNode {
     char AtomName[5];       // four name bytes and a terminator
     uint8_t Reader;         // AtomReader
     uint8_t LargeHead;      // 8 when a 64-bit size follows the name, else 0
+    uint8_t EntryForm;      // SampleEntryForm of a child of a modern "stsd"
     uint64_t AtomOffset;    // file offset of the size field; 0 in a template node
     AtomNode *NextSibling;
     AtomNode *ParentAtom;
@@ -34,13 +35,30 @@ struct ChildRule {
     char ChildName[4];
 };
 
+// How the modern reader reads a sample entry: by its track's handler, so
+// that an entry of any format has the fields of its kind. A "vide" entry
+// is visual; a "soun" entry is a sound entry, laid out as ISO has it under
+// an "stsd" of version 1 and by its own version (QuickTime) under one of
+// version 0. Entries of other handlers are read by their name's row.
+enum SampleEntryForm : uint8_t {
+    kEntryByName = 0,
+    kVisualEntry = 1,
+    kSoundEntryIso = 2,
+    kSoundEntryQuickTime = 3,
+};
+
 // How the modern reader finds where a container's children begin, beyond
 // the fixed ChildOffset.
 enum class ChildPlacement : uint8_t {
     kFixed,          // ChildOffset
     kSoundVersion,   // sound sample entry: 36, 52 or 72 by its version (u16 at 16)
     kMetaProbe,      // "meta": 12 (a full atom), or 8 when "hdlr" follows at once
+    kBehindStrings,  // ChildOffset, then as many zero-terminated strings as
+                     // the row's StringCount ("stpp", "mett")
 };
+// The strings a kBehindStrings entry may hold before its children are
+// looked for at most this far into it.
+constexpr uint32_t kMaxEntryStringBytes = 1024;
 
 // A field of a full atom that one of its flags switches on ("tfhd",
 // "trun"): the flag and the field's bytes. A layout's fields stand in the
@@ -68,6 +86,7 @@ struct AtomSchema {
     uint32_t RecordSizeV1;
     uint32_t EntrySizeV1;
     ChildPlacement Placement;
+    uint8_t StringCount;   // kBehindStrings: the strings before the children
     // Modern reader only: the fields that the atom's flags switch on; null
     // for an atom whose layout the flags don't change.
     const FlaggedLayout *Flagged;
@@ -89,6 +108,9 @@ int32_t GetAtomLayout(const AtomNode *node, AtomSchema *schema);
 // 1 for every catalogue name of the reader and "free", 0 for "root", -1
 // otherwise.
 int32_t IsKnownAtomName(const char *name, AtomReader reader = kClassicReader);
+// The form of the entries of a modern "stsd" of this version in a track of
+// this handler (four bytes).
+SampleEntryForm EntryFormOf(const char *handler, uint8_t stsdVersion);
 bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, const char *name,
                   AtomSchema *schema);
 

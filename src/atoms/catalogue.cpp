@@ -37,11 +37,14 @@ struct CatalogueRow {
     ChildPlacement placement = ChildPlacement::kFixed;
     // Modern reader: fields that the atom's flags switch on.
     const FlaggedLayout *flagged = nullptr;
+    // Modern reader, kBehindStrings: the strings in front of the children.
+    uint8_t stringCount = 0;
 };
 
 constexpr KnownBy kModern = kModernOnly;
 constexpr ChildPlacement kSound = ChildPlacement::kSoundVersion;
 constexpr ChildPlacement kFixed = ChildPlacement::kFixed;
+constexpr ChildPlacement kStrings = ChildPlacement::kBehindStrings;
 
 // The track fragment header: behind the track ID, each default that its
 // flag announces.
@@ -125,6 +128,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"mdia", 8, 8, 0, 0, 0, {{"mdhd", 1, kReq}, {"hdlr", 1, kReq}, {"minf", 1, kReq}}},
     {"mehd", 0, 16, 0, 0, 0, {}, kModern, 20, 0, kFixed},
     {"meta", 12, 12, 0, 0, 0, {}, kModern, 0, 0, ChildPlacement::kMetaProbe},
+    {"mett", 16, 16, 0, 0, 0, {}, kModern, 0, 0, kStrings, nullptr, 2},
     {"mfhd", 0, 16, 0, 0, 0, {}},
     {"mfra", 8, 8, 0, 0, 0, {{"tfra", kAny, 0}, {"mfro", 1, 0}}, kModern, 0, 0, kFixed},
     {"mfro", 0, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
@@ -168,6 +172,7 @@ constexpr CatalogueRow kCatalogue[] = {
       {"stco", 1, 0}, {"co64", 1, 0}, {"stss", 1, 0}, {"stsh", 1, 0}, {"stdp", 1, 0}}},
     {"stco", 0, 20, 1, 0, 4, {}},
     {"stdp", 0, 20, 1, 0, 4, {}},
+    {"stpp", 16, 16, 0, 0, 0, {}, kModern, 0, 0, kStrings, nullptr, 3},
     {"stsc", 0, 20, 1, 0, 12, {}},
     {"stsd", 16, 16, 0, 0, 0,
      {{"samr", kAny, 0}, {"mp4s", kAny, 0}, {"s263", kAny, 0}, {"rtp ", kAny, 0},
@@ -197,6 +202,7 @@ constexpr CatalogueRow kCatalogue[] = {
     {"trun", 0, 16, 0, 0, 0, {}, kBothReaders, 0, 0, kFixed, &kTrunLayout},
     {"tsro", 0, 12, 0, 0, 0, {}},
     {"twos", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+    {"tx3g", 46, 46, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"udta", 8, 8, 0, 0, 0, {{"cprt", kAny, 0}, {"hnti", 1, 0}, {"hinf", 1, 0}}},
     {"ulaw", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
     {"url ", 0, 16, 0, 1, 1, {}},
@@ -206,9 +212,21 @@ constexpr CatalogueRow kCatalogue[] = {
     {"vp08", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"vp09", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
     {"wave", 8, 8, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"wvtt", 16, 16, 0, 0, 0, {}, kModern, 0, 0, kFixed},
 };
 
 constexpr size_t kCatalogueRows = sizeof(kCatalogue) / sizeof(kCatalogue[0]);
+
+// The layouts of the sample entries that the modern reader reads by their
+// track's handler (SampleEntryForm 1 to 3): a visual entry, and a sound
+// entry with its children at 36 (ISO, versions 0 and 1 alike) or placed by
+// its version (QuickTime). A row by the entry's name of the same kind is
+// taken before these.
+constexpr CatalogueRow kEntryFormRows[] = {
+    {"vide", 86, 86, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"soun", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kFixed},
+    {"soun", 36, 36, 0, 0, 0, {}, kModern, 0, 0, kSound},
+};
 
 constexpr size_t CountRows(KnownBy knownBy) {
     size_t count = 0;
@@ -331,6 +349,21 @@ bool SetChildRule(uint32_t ruleNumber, uint32_t maxCount, uint8_t required, cons
 
 namespace {
 
+// The row of a node: by its name, or for a sample entry of a modern
+// "stsd", by its form. A named row serves when it is of the form's kind
+// (its children where the form has them); the ISO sound form keeps the
+// named row's layout with its children at 36.
+const CatalogueRow *RowOf(const AtomNode *node) {
+    const CatalogueRow *named = FindRow(node->AtomName, AtomReader(node->Reader));
+    if (node->EntryForm == kEntryByName || node->EntryForm > kSoundEntryQuickTime) return named;
+    const CatalogueRow *form = &kEntryFormRows[node->EntryForm - 1];
+    const bool sound = node->EntryForm != kVisualEntry;
+    if (named != nullptr && named->childOffset == form->childOffset &&
+        (named->placement == kSound) == sound)
+        return node->EntryForm == kSoundEntryIso ? form : named;
+    return form;
+}
+
 // The layout of a row, all of the schema but the child rules.
 void FillLayout(const CatalogueRow &row, AtomReader reader, AtomSchema *schema) {
     schema->ChildOffset = row.childOffset;
@@ -341,6 +374,7 @@ void FillLayout(const CatalogueRow &row, AtomReader reader, AtomSchema *schema) 
     schema->RecordSizeV1 = row.recordSizeV1;
     schema->EntrySizeV1 = row.entrySizeV1;
     schema->Placement = row.placement;
+    schema->StringCount = row.stringCount;
     schema->Flagged = reader == kModernReader ? row.flagged : nullptr;
 }
 
@@ -348,7 +382,7 @@ void FillLayout(const CatalogueRow &row, AtomReader reader, AtomSchema *schema) 
 // asks many times (its size, its pointer, its version): without the
 // copying of the child rules. False when the catalogue has no row for it.
 bool LayoutOf(const AtomNode *node, AtomSchema *schema) {
-    const CatalogueRow *row = FindRow(node->AtomName, AtomReader(node->Reader));
+    const CatalogueRow *row = RowOf(node);
     if (row == nullptr) return false;
     FillLayout(*row, AtomReader(node->Reader), schema);
     return true;
@@ -369,7 +403,18 @@ int32_t GetAtomSchemaByName(const char *name, AtomSchema *schema, AtomReader rea
 }
 
 int32_t GetAtomSchema(const AtomNode *node, AtomSchema *schema) {
-    return GetAtomSchemaByName(node->AtomName, schema, AtomReader(node->Reader));
+    if (node->EntryForm == kEntryByName)
+        return GetAtomSchemaByName(node->AtomName, schema, AtomReader(node->Reader));
+    const CatalogueRow *row = RowOf(node);
+    FillLayout(*row, AtomReader(node->Reader), schema);
+    schema->RuleCount = FillRules(row->rules, schema);
+    return 1;
+}
+
+SampleEntryForm EntryFormOf(const char *handler, uint8_t stsdVersion) {
+    if (std::memcmp(handler, "vide", 4) == 0) return kVisualEntry;
+    if (std::memcmp(handler, "soun", 4) != 0) return kEntryByName;
+    return stsdVersion == 1 ? kSoundEntryIso : kSoundEntryQuickTime;
 }
 
 int32_t GetAtomLayout(const AtomNode *node, AtomSchema *schema) {

@@ -38,6 +38,7 @@ constexpr size_t kTkhdVolume = 44;
 constexpr size_t kTkhdMatrix = 48;
 constexpr size_t kTkhdWidth = 84;
 constexpr size_t kTkhdHeight = 88;
+constexpr uint32_t kTkhdEnabled = 0x000001;  // in the flags at kVersionFlags
 
 // "mdhd"
 constexpr size_t kMdhdCreationTime = 12;
@@ -109,6 +110,23 @@ constexpr size_t kMdhdLanguageV1 = 40;
 // Protection: "frma" original format, "schm" scheme type.
 constexpr size_t kFrmaFormat = 8;
 constexpr size_t kSchmType = 12;
+// Colour of a visual sample entry. "colr": the colour type ("nclx", "nclc"
+// or an ICC profile's "rICC"/"prof"), then the coded primaries, transfer
+// and matrix, and for "nclx" the full-range flag in the top bit.
+constexpr size_t kColrType = 8;
+constexpr size_t kColrPrimaries = 12;
+constexpr size_t kColrTransfer = 14;
+constexpr size_t kColrMatrix = 16;
+constexpr size_t kColrRange = 18;
+// "mdcv": three display primaries and the white point (x, y as u16 each),
+// then the maximum and minimum luminance (u32 each).
+constexpr size_t kMdcvPrimaries = 8;
+constexpr size_t kMdcvWhitePoint = 20;
+constexpr size_t kMdcvMaxLuminance = 24;
+constexpr size_t kMdcvMinLuminance = 28;
+// "clli": maximum content light level and maximum frame-average light level.
+constexpr size_t kClliMaxCll = 8;
+constexpr size_t kClliMaxFall = 10;
 // "pasp"
 constexpr size_t kPaspH = 8;
 constexpr size_t kPaspV = 12;

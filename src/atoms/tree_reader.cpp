@@ -91,6 +91,56 @@ uint32_t DepthOf(const AtomNode *node) {
     return depth;
 }
 
+// Where the children of a sample entry of text or metadata begin: behind
+// the zero-terminated strings that follow its fixed fields. Strings that
+// don't end inside the atom, or within kMaxEntryStringBytes, leave it
+// without children.
+uint64_t StringsEnd(const HeadSource &source, const AtomNode *node, uint64_t fixed) {
+    AtomSchema schema{};
+    GetAtomLayout(node, &schema);
+    uint8_t bytes[kMaxEntryStringBytes];
+    const uint64_t room = node->AtomSize > fixed ? node->AtomSize - fixed : 0;
+    const size_t want = size_t(room < sizeof bytes ? room : sizeof bytes);
+    if (ReadHead(source, node->AtomOffset + fixed, bytes, want) != HeadRead::kOk) return 0;
+    uint32_t strings = 0;
+    for (size_t at = 0; at < want; ++at) {
+        if (bytes[at] == 0 && ++strings == schema.StringCount) return fixed + at + 1;
+    }
+    return 0;
+}
+
+// The form of the entries of a modern "stsd": its version, and the handler
+// of the "mdia" above it, from the heads of that "mdia"'s children (its
+// "hdlr" may stand behind "minf", whose children are being read). At most
+// kMaxHandlerProbes heads are looked at.
+constexpr uint32_t kMaxHandlerProbes = 16;
+
+SampleEntryForm StsdEntryForm(const HeadSource &source, const AtomNode *stsd,
+                              const TreeRules &rules) {
+    const AtomNode *mdia = stsd;
+    for (int up = 0; up < 3 && mdia != nullptr; ++up) mdia = mdia->ParentAtom;
+    uint8_t version = 0;
+    if (mdia == nullptr || !AtomNameEquals(mdia->AtomName, "mdia") ||
+        ReadHead(source, stsd->AtomOffset + stsd->LargeHead + field::kVersionFlags, &version, 1) !=
+            HeadRead::kOk)
+        return kEntryByName;
+    const uint64_t end = mdia->AtomOffset + mdia->AtomSize;
+    uint64_t position = mdia->AtomOffset + mdia->LargeHead + kHeadBytes;
+    for (uint32_t probe = 0; probe < kMaxHandlerProbes && position < end; ++probe) {
+        Head head;
+        if (ReadSizedHead(source, position, end, rules, &head) != HeadRead::kOk || head.Size == 0)
+            break;
+        uint8_t handler[4];
+        if (AtomNameEquals(reinterpret_cast<const char *>(head.Bytes + 4), "hdlr"))
+            return ReadHead(source, position + head.LargeHead + field::kHdlrHandlerType, handler,
+                            4) == HeadRead::kOk
+                       ? EntryFormOf(reinterpret_cast<const char *>(handler), version)
+                       : kEntryByName;
+        position += head.Size;
+    }
+    return kEntryByName;
+}
+
 // Where the children of `node` begin, or 0 for none. Some containers of the
 // modern set place them by what they hold: a sound sample entry by its
 // version (QuickTime adds 16 or 36 bytes of fields), a "meta" by whether it
@@ -104,6 +154,7 @@ uint64_t ChildStart(const HeadSource &source, const AtomNode *node) {
     if (node->Reader != kModernReader || schema.Placement == ChildPlacement::kFixed) return fixed;
     const uint64_t body = node->AtomOffset + node->LargeHead;
     uint8_t probe[8];
+    if (schema.Placement == ChildPlacement::kBehindStrings) return StringsEnd(source, node, fixed);
     if (schema.Placement == ChildPlacement::kSoundVersion) {
         if (ReadHead(source, body + 16, probe, 2) != HeadRead::kOk) return fixed;
         const uint16_t version = GetBE16(probe, 0);
@@ -125,6 +176,9 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
     if (position >= parentEnd) return 1;
     if (depth >= kMaxAtomDepth) return 1;
 
+    const SampleEntryForm form = rules.Reader == kModernReader && AtomNameEquals(parent->AtomName, "stsd")
+                                     ? StsdEntryForm(source, parent, rules)
+                                     : kEntryByName;
     AtomNode *last = nullptr;
     for (;;) {
         Head head;
@@ -133,7 +187,7 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
             return -99;
         }
         const char *name = reinterpret_cast<const char *>(head.Bytes + 4);
-        const bool known = IsKnownAtomName(name, rules.Reader) >= 0;
+        const bool known = form != kEntryByName || IsKnownAtomName(name, rules.Reader) >= 0;
         if (!known && rules.UnknownEndsScan) return -1;
         // A stored size below the head's own 8 bytes would not move the
         // scan on (0) or would land inside the head (1 to 7): it ends the
@@ -141,6 +195,7 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
         if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return -1;
         AtomNode *node = MakeNode(head, position, parent, rules);
         if (node == nullptr) return -99;  // no memory: the scan ends here
+        node->EntryForm = form;
         if (last == nullptr) {
             parent->FirstChild = node;
         } else {

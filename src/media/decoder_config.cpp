@@ -25,8 +25,9 @@ struct ConfigRow {
 };
 
 constexpr ConfigRow kConfigRows[] = {
-    {"avcC", false}, {"hvcC", false}, {"av1C", false}, {"vpcC", true},  {"dOps", false},
-    {"dac3", false}, {"dec3", false}, {"dfLa", true},  {"alac", true},  {"d263", false},
+    {"avcC", false}, {"hvcC", false}, {"av1C", false}, {"vpcC", true},  {"vvcC", true},
+    {"dOps", false}, {"dac3", false}, {"dec3", false}, {"dac4", false}, {"mhaC", false},
+    {"iacb", false}, {"dmlp", false}, {"dfLa", true},  {"alac", true},  {"d263", false},
     {"damr", false}, {"esds", true},
 };
 
@@ -129,6 +130,89 @@ bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *in
 namespace {
 
 constexpr uint32_t kAc3Channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
+// Channels of the loudspeaker layouts 0 to 20 that an MPEG-H configuration
+// names as its reference layout (0: none stated).
+constexpr uint32_t kLayoutChannels[21] = {0, 1, 2, 3, 4, 5, 6, 8, 2, 3, 4,
+                                          7, 8, 24, 8, 12, 10, 12, 14, 12, 14};
+
+// Entries whose own fields say less than the format: AMR in MP4 is mono
+// (3GPP writers put the template's 2 in the entry's channel count), and
+// "mlpa" keeps its rate as a whole 32-bit number (it may pass 65535).
+struct EntryRule {
+    char name[5];
+    uint32_t channels;   // 0: the entry's
+    bool wholeRate;
+};
+constexpr EntryRule kEntryRules[] = {{"samr", 1, false}, {"sawb", 1, false}, {"mlpa", 0, true}};
+
+// An AudioSpecificConfig's object type (5 bits, or 6 more behind 31) and
+// sampling frequency (an index of 4 bits, or 24 bits of rate behind 15),
+// from bit `*bit` on. False when the config ends first.
+bool ReadObjectType(const uint8_t *config, uint32_t size, uint32_t *bit, uint32_t *type) {
+    if (GetBitField(config, size, type, 5, *bit) != 1) return false;
+    *bit += 5;
+    if (*type != 31) return true;
+    if (GetBitField(config, size, type, 6, *bit) != 1) return false;
+    *bit += 6;
+    *type += 32;
+    return true;
+}
+
+bool ReadFrequency(const uint8_t *config, uint32_t size, uint32_t *bit, uint32_t *rate) {
+    uint32_t index = 0;
+    if (GetBitField(config, size, &index, 4, *bit) != 1) return false;
+    *bit += 4;
+    if (index == 15) {
+        if (GetBitField(config, size, rate, 24, *bit) != 1) return false;
+        *bit += 24;
+    } else if (index < 13) {
+        *rate = SamplingFrequencyOf(index);
+    }
+    return true;
+}
+
+constexpr uint32_t kAotAacLc = 2;
+constexpr uint32_t kAotSbr = 5;
+constexpr uint32_t kAotPs = 29;
+constexpr uint32_t kSyncSbr = 0x2B7;
+constexpr uint32_t kSyncPs = 0x548;
+
+// Rate and channels of an AudioSpecificConfig as a decoder outputs them.
+// SBR signalled explicitly (object type 5 or 29, or the sync extension
+// behind an AAC LC config) gives the extension's rate, and a mono core
+// stereo unless the config rules parametric stereo out (its own sync
+// extension with the flag clear): a decoder must be ready for PS there.
+// SBR signalled only implicitly (in the stream) leaves the core rate.
+void ReadAudioSpecificConfig(const uint8_t *config, uint32_t size, uint32_t *rate,
+                             uint32_t *channels) {
+    uint32_t bit = 0, type = 0, value = 0, extensionRate = 0;
+    if (!ReadObjectType(config, size, &bit, &type) || !ReadFrequency(config, size, &bit, rate))
+        return;
+    if (GetBitField(config, size, &value, 4, bit) != 1) return;
+    bit += 4;
+    if (value != 0) *channels = value == 7 ? 8 : value;
+    bool sbr = type == kAotSbr || type == kAotPs;
+    bool noStereo = false;
+    if (sbr) {
+        if (ReadFrequency(config, size, &bit, &extensionRate)) *rate = extensionRate;
+    } else if (type == kAotAacLc && value != 0) {
+        // GASpecificConfig: frame length, core coder flag (and its delay),
+        // extension flag; then the sync extension, if the config goes on.
+        uint32_t dependsOnCore = 0, sync = 0, flag = 0;
+        GetBitField(config, size, &dependsOnCore, 1, bit + 1);
+        bit += 3 + (dependsOnCore != 0 ? 14 : 0);
+        if (GetBitField(config, size, &sync, 11, bit) == 1 && sync == kSyncSbr) {
+            bit += 11;
+            sbr = ReadObjectType(config, size, &bit, &type) && type == kAotSbr &&
+                  GetBitField(config, size, &flag, 1, bit++) == 1 && flag == 1 &&
+                  ReadFrequency(config, size, &bit, &extensionRate);
+            if (sbr) *rate = extensionRate;
+            noStereo = sbr && GetBitField(config, size, &sync, 11, bit) == 1 && sync == kSyncPs &&
+                       GetBitField(config, size, &flag, 1, bit + 11) == 1 && flag == 0;
+        }
+    }
+    if (sbr && !noStereo && *channels == 1) *channels = 2;
+}
 constexpr uint32_t kAc3Rates[3] = {48000, 44100, 32000};
 
 // Rate and channels of an MPEG audio frame header; false when the four
@@ -201,14 +285,19 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
     if (entry == nullptr || entry->realStructure == nullptr) return;
     // Only an entry of a sound layout has the sound fields in its record.
     const bool laidOut = RecordHolds(entry, field::kAudioSampleRate + 4);
+    const EntryRule *rule = nullptr;
+    for (const EntryRule &candidate : kEntryRules)
+        if (AtomNameEquals(entry->AtomName, candidate.name)) rule = &candidate;
     if (laidOut) {
         *channels = GetBE16(entry->realStructure, field::kAudioChannelCount);
-        *rate = GetBE32(entry->realStructure, field::kAudioSampleRate) >> 16;
+        *rate = GetBE32(entry->realStructure, field::kAudioSampleRate) >>
+                (rule != nullptr && rule->wholeRate ? 0 : 16);
     }
     // QuickTime's sound description version 2 keeps rate (a double) and
-    // channels behind the version 0 fields.
+    // channels behind the version 0 fields (not so an ISO entry of version 1).
     uint8_t v2[field::kAudioV2ChannelCount + 4 - field::kAudioV2SampleRate];
-    if (laidOut && GetBE16(entry->realStructure, field::kAudioVersion) == 2 &&
+    if (laidOut && entry->EntryForm != kSoundEntryIso &&
+        GetBE16(entry->realStructure, field::kAudioVersion) == 2 &&
         ReadFileAt(root->FileStream, entry->AtomOffset + entry->LargeHead + field::kAudioV2SampleRate,
                    v2, sizeof v2) == sizeof v2) {
         uint64_t bits = GetBE64(v2, 0);
@@ -217,6 +306,7 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
         *rate = value > 0 && value < 1e9 ? uint32_t(value) : 0;
         *channels = GetBE32(v2, field::kAudioV2ChannelCount - field::kAudioV2SampleRate);
     }
+    if (rule != nullptr && rule->channels != 0) *channels = rule->channels;
     uint8_t *config = nullptr;
     uint32_t size = 0;
     const ConfigRow *row = nullptr;
@@ -231,20 +321,13 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
     }
     uint32_t value = 0;
     if (AtomNameEquals(atom->AtomName, "esds")) {
-        // AudioSpecificConfig: object type (5 bits, or 6 more behind 31),
-        // frequency index (4 bits, or 24 bits of rate behind 15), channels.
-        uint32_t bit = 5;
-        GetBitField(config, size, &value, 5, 0);
-        if (value == 31) bit += 6;
-        GetBitField(config, size, &value, 4, bit);
-        bit += 4;
-        if (value == 15) {
-            if (GetBitField(config, size, rate, 24, bit) == 1) bit += 24;
-        } else if (value < 13) {
-            *rate = SamplingFrequencyOf(value);
-        }
-        if (GetBitField(config, size, &value, 4, bit) == 1 && value != 0)
-            *channels = value == 7 ? 8 : value;
+        ReadAudioSpecificConfig(config, size, rate, channels);
+    } else if (AtomNameEquals(atom->AtomName, "dac4") && size >= 2) {
+        // Behind 3 bits of version and 7 of bitstream version, the rate
+        // flag: 48000 or 44100 Hz. Channels stay the entry's.
+        *rate = (config[1] & 0x20) != 0 ? 48000 : 44100;
+    } else if (AtomNameEquals(atom->AtomName, "mhaC") && size >= 3) {
+        if (config[2] != 0 && config[2] < 21) *channels = kLayoutChannels[config[2]];
     } else if (AtomNameEquals(atom->AtomName, "dOps") && size >= 2) {
         *rate = 48000;
         *channels = config[1];
@@ -262,10 +345,6 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
         GetBitField(config + 4, 18, rate, 20, 80);
         GetBitField(config + 4, 18, &value, 3, 100);
         *channels = value + 1;
-    } else if (AtomNameEquals(atom->AtomName, "damr")) {
-        // AMR in MP4 is mono: 3GPP writers put the template's 2 in the
-        // entry's channel count.
-        *channels = 1;
     } else if (AtomNameEquals(atom->AtomName, "alac") && size >= 24) {
         *channels = config[9];
         *rate = GetBE32(config, 20);

@@ -11,6 +11,11 @@ const StreamForm kStreamForms[] = {
     {"avc3", 0, "H.264 Annex B", nullptr, StartAvc, AnnexBSample, nullptr},
     {"hvc1", 0, "HEVC Annex B", nullptr, StartHevc, AnnexBSample, nullptr},
     {"hev1", 0, "HEVC Annex B", nullptr, StartHevc, AnnexBSample, nullptr},
+    // Dolby Vision entries carry their base codec's configuration.
+    {"dva1", 0, "H.264 Annex B", nullptr, StartAvc, AnnexBSample, nullptr},
+    {"dvav", 0, "H.264 Annex B", nullptr, StartAvc, AnnexBSample, nullptr},
+    {"dvh1", 0, "HEVC Annex B", nullptr, StartHevc, AnnexBSample, nullptr},
+    {"dvhe", 0, "HEVC Annex B", nullptr, StartHevc, AnnexBSample, nullptr},
     // "mp4a" by the object type of its "esds": MPEG-4 AAC, the MPEG-2 AAC
     // profiles (main, LC, SSR), MPEG-2 and MPEG-1 audio.
     {"mp4a", 0x40, "AAC ADTS", nullptr, StartAdts, AdtsSample, nullptr},
@@ -29,6 +34,7 @@ const StreamForm kStreamForms[] = {
     {"Opus", 0, "Ogg Opus", nullptr, StartOggOpus, OggOpusSample, FinishOggOpus},
     {"fLaC", 0, "FLAC", nullptr, StartFlac, CopySample, nullptr},
     {"av01", 0, "AV1 IVF", "AV01", StartIvf, Av1IvfSample, nullptr},
+    {"dav1", 0, "AV1 IVF", "AV01", StartIvf, Av1IvfSample, nullptr},
     {"vp09", 0, "VP9 IVF", "VP90", StartIvf, IvfSample, nullptr},
     // PCM of every layout (wav.cpp's table says how each is stored).
     {"sowt", 0, "WAV", nullptr, StartWav, WavSample, FinishWav},

@@ -64,6 +64,16 @@ uint32_t RotationOf(const uint8_t *matrix) {
     return 0;
 }
 
+// Whether the a, b, c, d of a "tkhd" matrix mirror the picture: a
+// negative determinant.
+bool MirrorsPicture(const uint8_t *matrix) {
+    const int64_t a = int32_t(GetBE32(matrix, 0));
+    const int64_t b = int32_t(GetBE32(matrix, 4));
+    const int64_t c = int32_t(GetBE32(matrix, 12));
+    const int64_t d = int32_t(GetBE32(matrix, 16));
+    return a * d - b * c < 0;
+}
+
 // The packed ISO 639-2 letters of "mdhd"; "und" for anything but three
 // lower-case letters.
 void LanguageOf(uint16_t packed, char language[4]) {
@@ -82,6 +92,11 @@ void FillHeaders(const AtomNode *trak, MP4TrackInfo *info) {
         const bool wide = IsVersion1(tkhdAtom);
         info->TrackId = GetBE32(tkhd, wide ? field::kTkhdTrackIdV1 : field::kTkhdTrackId);
         info->Rotation = RotationOf(tkhd + (wide ? field::kTkhdMatrixV1 : field::kTkhdMatrix));
+        if (MirrorsPicture(tkhd + (wide ? field::kTkhdMatrixV1 : field::kTkhdMatrix)))
+            info->Flags |= MP4_TRACK_MIRRORED;
+        // Both readers keep the flags as the file has them.
+        if ((GetBE32(tkhd, field::kVersionFlags) & field::kTkhdEnabled) == 0)
+            info->Flags |= MP4_TRACK_DISABLED;
     }
     const AtomNode *mdhdAtom = NodeAt(trak, {"mdia", "mdhd"});
     if (const uint8_t *mdhd = RecordAt(trak, {"mdia", "mdhd"})) {
@@ -89,6 +104,9 @@ void FillHeaders(const AtomNode *trak, MP4TrackInfo *info) {
         info->Timescale = GetBE32(mdhd, wide ? field::kMdhdTimescaleV1 : field::kMdhdTimescale);
         LanguageOf(GetBE16(mdhd, wide ? field::kMdhdLanguageV1 : field::kMdhdLanguage),
                    info->Language);
+        info->HeaderDuration = wide ? GetBE64(mdhd, field::kMdhdDurationV1)
+                                    : GetBE32(mdhd, field::kMdhdDuration);
+        if (!wide && info->HeaderDuration == UINT32_MAX) info->HeaderDuration = UINT64_MAX;
     }
     if (const uint8_t *hdlr = RecordAt(trak, {"mdia", "hdlr"}))
         std::memcpy(info->Handler, hdlr + field::kHdlrHandlerType, 4);
@@ -148,6 +166,30 @@ void FillEntry(const AtomNode *entry, MP4TrackInfo *info) {
     }
 }
 
+// Whether the track's samples have composition offsets: a "ctts" with
+// entries, or a "trun" with them in one of the track's fragments. The walk
+// stops at the first such run.
+bool HasCompositionOffsets(const Root_atom *root, const AtomNode *trak, uint32_t trackId) {
+    const AtomNode *ctts = NodeAt(trak, {"mdia", "minf", "stbl", "ctts"});
+    if (ctts != nullptr && RecordHolds(ctts, field::kTableEntryCount + 4) &&
+        GetBE32(ctts->realStructure, field::kTableEntryCount) > 0)
+        return true;
+    for (const AtomNode *moof = root->FirstAtom; moof != nullptr; moof = moof->NextSibling) {
+        if (!AtomNameEquals(moof->AtomName, "moof")) continue;
+        for (const AtomNode *traf = moof->FirstChild; traf != nullptr; traf = traf->NextSibling) {
+            const AtomNode *tfhd = NodeAt(traf, {"tfhd"});
+            if (!AtomNameEquals(traf->AtomName, "traf") || !RecordHolds(tfhd, field::kTfhdTrackId + 4) ||
+                GetBE32(tfhd->realStructure, field::kTfhdTrackId) != trackId)
+                continue;
+            for (const AtomNode *trun = traf->FirstChild; trun != nullptr; trun = trun->NextSibling)
+                if (AtomNameEquals(trun->AtomName, "trun") &&
+                    (NodeFlags(trun) & flag::kTrunCompositionOffset) != 0)
+                    return true;
+        }
+    }
+    return false;
+}
+
 // Samples and duration: from the tables the handle built, else from what
 // the atoms still hold.
 void FillCounts(const MP4_local_file *file, const AtomNode *trak, MP4TrackInfo *info) {
@@ -199,6 +241,10 @@ int32_t MP4GetTrackInfo(MP4_local_file *file, uint32_t index, MP4TrackInfo *info
     info->TrackType = ModernTrackType(trak);
     FillHeaders(trak, info);
     FillEntry(FirstSampleEntry(trak), info);
+    const AtomNode *stsd = NodeAt(trak, {"mdia", "minf", "stbl", "stsd"});
+    for (const AtomNode *entry = stsd ? stsd->FirstChild : nullptr; entry; entry = entry->NextSibling)
+        ++info->EntryCount;
+    if (HasCompositionOffsets(file->RootAtom, trak, info->TrackId)) info->Flags |= MP4_TRACK_COMPOSITION;
     FillEdits(moov, trak, info);
     FillCounts(file, trak, info);
     if (info->TrackType == MP4_TRACK_AUDIO) {

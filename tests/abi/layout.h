@@ -49,7 +49,9 @@
     FIELD(MP4TrackInfo, Language, 60, 4) FIELD(MP4TrackInfo, Encrypted, 64, 1)    \
     FIELD(MP4TrackInfo, Pad, 65, 3) FIELD(MP4TrackInfo, Scheme, 68, 4)            \
     FIELD(MP4TrackInfo, EditMediaTime, 72, 8) FIELD(MP4TrackInfo, EditDelay, 80, 8) \
-    FIELD(MP4TrackInfo, FragmentCount, 88, 4) FIELD(MP4TrackInfo, Reserved, 92, 28) \
+    FIELD(MP4TrackInfo, FragmentCount, 88, 4) FIELD(MP4TrackInfo, EntryCount, 92, 4) \
+    FIELD(MP4TrackInfo, HeaderDuration, 96, 8) FIELD(MP4TrackInfo, Flags, 104, 4) \
+    FIELD(MP4TrackInfo, Reserved, 108, 12)                                        \
     RECORD(MP4SampleInfo, 32)                                                     \
     FIELD(MP4SampleInfo, FileOffset, 0, 8) FIELD(MP4SampleInfo, DecodeTime, 8, 8) \
     FIELD(MP4SampleInfo, CompositionOffset, 16, 4) FIELD(MP4SampleInfo, Size, 20, 4) \
@@ -64,7 +66,9 @@
     CONSTANT(MP4_AUDIO_AMR_NB, 300) CONSTANT(MP4_AUDIO_AMR_WB, 400)               \
     CONSTANT(MP4_DECORE_CONTEXT_SLOT, 21) CONSTANT(MP4_DECORE_DECODE, 0x100)      \
     CONSTANT(MP4_OPEN_MODERN, 1) CONSTANT(MP4_FIND_KEY, 1)                        \
-    CONSTANT(MP4_NEW_FRAGMENTED, 1) CONSTANT(MP4_NEW_SYNC, 2)
+    CONSTANT(MP4_NEW_FRAGMENTED, 1) CONSTANT(MP4_NEW_SYNC, 2)                     \
+    CONSTANT(MP4_TRACK_MIRRORED, 1) CONSTANT(MP4_TRACK_DISABLED, 2)               \
+    CONSTANT(MP4_TRACK_COMPOSITION, 4)
 
 #ifdef __cplusplus
 extern "C" {

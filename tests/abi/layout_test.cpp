@@ -5,11 +5,17 @@
 #include "abi/layout.h"
 #include "mp4core.h"
 
+#include <type_traits>
+
 namespace {
 
 #define RECORD(r, size) {#r, 0, sizeof(r), 0, size},
 #define FIELD(r, f, offset, size) {#r "." #f, offsetof(r, f), sizeof(r::f), offset, size},
 #define CONSTANT(name, value) {#name, size_t(name), 0, size_t(value), 0},
+
+// The calls added beside the 22 keep the signatures applications link.
+static_assert(std::is_same_v<decltype(&MP4GetAtom),
+                             int32_t (*)(MP4_local_file *, const char *, uint8_t **, uint64_t *)>);
 
 const LayoutRow kCppRows[] = {
     MP4CORE_PUBLISHED_LAYOUT(RECORD, FIELD) MP4CORE_PUBLISHED_CONSTANTS(CONSTANT)};
