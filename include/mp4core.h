@@ -202,7 +202,18 @@ typedef struct MP4SampleInfo {
     int32_t CompositionOffset;  /* presentation minus decoding time ("ctts") */
     uint32_t Size;
     uint8_t IsKeyFrame;         /* sync sample */
-    uint8_t Pad[7];
+    uint8_t Pad;                /* zero */
+    /* The sample entry of "stsd" it uses, from 1: the "stsc" entry of its
+     * chunk, or for a fragment's sample the "tfhd" sample description index,
+     * else the track's "trex" default, else 1. 0 when the file names 0 or
+     * an entry past 65535. Always 1 on a classic handle. */
+    uint16_t DescriptionIndex;
+    /* In track ticks: its "stts" delta (the last delta goes on past the
+     * table's end), or its "trun" duration, else the "tfhd" default, else
+     * the "trex" default; a PCM sample of grouped frames lasts its frames
+     * times the frame's delta (at most 2^32 - 1). On a classic handle the
+     * next sample's time less its own (32 bits), and 0 for the last. */
+    uint32_t Duration;
 } MP4SampleInfo;
 
 /* The frame record that Mp4VideoSeek hands to decore: four machine words.
@@ -623,8 +634,9 @@ MP4CORE_API int32_t MP4GetTrackCount(MP4_local_file *file, uint32_t *count);
 MP4CORE_API int32_t MP4GetTrackInfo(MP4_local_file *file, uint32_t index, MP4TrackInfo *info);
 
 /* MP4GetSampleInfo describes sample sampleNumber of a track without
- * reading its bytes. On a classic handle IsKeyFrame is the classic mark
- * and CompositionOffset 0.
+ * reading its bytes. On a classic handle IsKeyFrame is the classic mark,
+ * CompositionOffset 0, DescriptionIndex 1 and Duration what the next
+ * sample's time tells (0 for the last).
  * Results: 1 done; -99 file or info null, or trackId 0; -98 no track of
  * that ID and type; -97 the track has no sample table; -96 sampleNumber is
  * not below the track's sample count.

@@ -99,6 +99,8 @@ int32_t MP4GetSampleInfo(MP4_local_file *file, uint32_t trackId, int32_t trackTy
     info->CompositionOffset = int32_t(sample.CompositionOffset);
     info->Size = sample.Size;
     info->IsKeyFrame = (node->Modern ? sample.IsSync : sample.IsKeyFrame) == 1 ? 1 : 0;
+    info->DescriptionIndex = SampleDescriptionIndex(node, sampleNumber);
+    info->Duration = SampleDuration(node, sampleNumber);
     return 1;
 }
 

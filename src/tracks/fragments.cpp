@@ -152,6 +152,7 @@ void ReadTrackExtends(const Root_atom *root, FragmentTrack *tracks, size_t count
         track->DefaultDuration = GetBE32(record, field::kTrexDuration);
         track->DefaultSize = GetBE32(record, field::kTrexSize);
         track->DefaultFlags = GetBE32(record, field::kTrexFlags);
+        track->DefaultDescription = GetBE32(record, field::kTrexDescriptionIndex);
     }
 }
 
@@ -225,7 +226,7 @@ bool PlaceRun(const RunView &run, const SampleDefaults &defaults, uint64_t start
             // both are stored as their 32 bits.
             record.CompositionOffset = EntryWord(run, k, run.CompositionAt, 0);
             record.IsSync = (flags & flag::kSampleIsNonSync) == 0 ? 1 : 0;
-            if (!AppendRecord(node, record, *time)) return false;
+            if (!AppendRecord(node, record, *time, duration)) return false;
             *time += duration;
             node->DecodeDuration += duration;
         }
@@ -240,6 +241,7 @@ void PlanRun(const RunView &run, TablePlan *plan) {
     if (run.Count == 0) return;
     plan->Samples += run.Count;
     plan->SyncBound += run.Count;
+    plan->DurationMarks += 1;
     if (run.EntrySize != 0) {
         plan->Records += run.Count;
         plan->RecordRuns += 1;
@@ -278,6 +280,16 @@ void WalkFragments(const Root_atom *root, FragmentTrack *tracks, size_t count, b
                                       : previousEnd;
             TrackNode *node = fill && track != nullptr && !track->Failed ? *track->Holder : nullptr;
             uint64_t time = node != nullptr ? FragmentStartTime(traf, track->NextTime) : 0;
+            if (node != nullptr) {
+                const uint32_t fallback = track->HasExtends ? track->DefaultDescription : 1;
+                MarkFrom(&node->Descriptions, node->SampleCount,
+                         FlaggedWord(tfhd, layouts.Header, header.Flags, flag::kTfhdDescriptionIndex,
+                                     fallback));
+            }
+            if (!fill && track != nullptr) {
+                track->Plan.DescriptionMarks += 1;
+                track->Plan.DurationMarks += 1;
+            }
             uint64_t runEnd = base;
             for (AtomNode *trun = traf->FirstChild; trun != nullptr; trun = trun->NextSibling) {
                 if (!AtomNameEquals(trun->AtomName, "trun")) continue;

@@ -180,7 +180,8 @@ struct EntryCursor {
 // Walks the chunks of a constant-size track and gives `emit` its runs in
 // order: a run ends where a chunk, an "stts" or a "ctts" entry ends. Each
 // chunk's samples lie back to back from its offset, as in FillOffsets;
-// units that no chunk holds are cut off the track. Gives the end time.
+// units that no chunk holds are cut off the track. `emit` also takes the
+// sample description index of the run's "stsc" entry. Gives the end time.
 template <typename Emit>
 uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUnits &units, Emit emit) {
     const Table &chunks = atoms.Chunks;
@@ -215,7 +216,7 @@ uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUni
                 run.CompositionOffset = compositions.Value;
                 run.Group = units.Group;
                 run.IsSync = 1;
-                if (!emit(run)) return time;
+                if (!emit(run, chunks.Word(e, 8))) return time;
                 at += n * units.Size;
                 time += n * times.Value;
                 placed += uint32_t(n);
@@ -272,6 +273,10 @@ int32_t FillTimes(TrackNode *node, const Table &times) {
         if (left > 0) --left;
     }
     node->DecodeDuration = time;
+    // The last sample's delta: nothing behind it tells it.
+    node->RecordOpen = node->SampleCount > 0;
+    node->OpenDuration = delta;
+    node->OpenEnd = time;
     return 1;
 }
 
@@ -292,6 +297,7 @@ void FillOffsets(TrackNode *node, const ModernAtoms &atoms) {
         if (end > offsets.Count) end = offsets.Count;
         const uint32_t perChunk = chunks.Word(e, 4);
         if (perChunk == 0) continue;
+        MarkFrom(&node->Descriptions, sample, chunks.Word(e, 8));
         for (uint64_t c = first; c < end && sample < node->SampleCount; ++c) {
             uint64_t at = offsets.Width == 8 ? (uint64_t(offsets.Word(uint32_t(c))) << 32) |
                                                    offsets.Word(uint32_t(c), 4)
@@ -352,15 +358,17 @@ int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time) {
     return 1;
 }
 
-bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time) {
+bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time, uint32_t duration) {
     if (node->RecordCount >= node->RecordCapacity || node->SampleCount >= node->SampleCapacity)
         return false;
     const uint32_t index = node->RecordCount;
+    SampleRun *last = node->RunCount > 0 ? &node->Runs[node->RunCount - 1] : nullptr;
+    const bool extends = last != nullptr && last->Group == 0 && last->FirstOffset + last->Units == index;
+    CloseOpenRecord(node, node->Runs == nullptr || extends, time);
     node->SampleRecords[index] = record;
     if (SetDecodeTime(node, index, time) != 1) return false;
     if (node->Runs != nullptr) {
-        SampleRun *last = node->RunCount > 0 ? &node->Runs[node->RunCount - 1] : nullptr;
-        if (last != nullptr && last->Group == 0 && last->FirstOffset + last->Units == index) {
+        if (extends) {
             ++last->Units;
         } else {
             SampleRun run{};
@@ -372,6 +380,9 @@ bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time) {
     }
     node->RecordCount = index + 1;
     ++node->SampleCount;
+    node->RecordOpen = 1;
+    node->OpenDuration = duration;
+    node->OpenEnd = time + duration;
     return true;
 }
 
@@ -380,6 +391,7 @@ bool AppendRun(TrackNode *node, const SampleRun &run) {
     if (samples == 0) return true;
     if (node->RunCount >= node->RunCapacity || samples > node->SampleCapacity - node->SampleCount)
         return false;
+    CloseOpenRecord(node, false, 0);
     SampleRun &placed = node->Runs[node->RunCount++];
     placed = run;
     placed.FirstSample = node->SampleCount;
@@ -403,9 +415,11 @@ void PlanModernTables(const Root_atom *root, const AtomNode *trak, TablePlan *pl
         plan->Samples += count;
         plan->RecordRuns += 1;
         plan->SyncBound += atoms.HasSyncTable ? std::min(count, atoms.Syncs.Count) : count;
+        plan->DescriptionMarks += atoms.Chunks.Count;
         return;
     }
-    WalkConstantRuns(atoms, count, units, [&](const SampleRun &run) {
+    plan->DescriptionMarks += atoms.Chunks.Count;
+    WalkConstantRuns(atoms, count, units, [&](const SampleRun &run, uint32_t) {
         ++plan->Runs;
         plan->Samples += RunSamples(run);
         plan->SyncBound += RunSamples(run);
@@ -424,7 +438,9 @@ int32_t FillModernTables(Root_atom *root, TrackNode *node) {
     RunUnits units;
     if (HeldAsRuns(root, node->TrakAtom, atoms, count, &units)) {
         bool placed = true;
-        node->DecodeDuration = WalkConstantRuns(atoms, count, units, [&](const SampleRun &run) {
+        node->DecodeDuration = WalkConstantRuns(atoms, count, units, [&](const SampleRun &run,
+                                                                         uint32_t description) {
+            MarkFrom(&node->Descriptions, node->SampleCount, description);
             return placed = AppendRun(node, run);
         });
         return placed ? 1 : kModernFillNoMemory;
@@ -451,6 +467,7 @@ int32_t FillModernTables(Root_atom *root, TrackNode *node) {
 // IsKeyFrame is the classic mark, which audio never carries. TableMode 1
 // video gets the KeyFrameTable of the sync samples in order.
 int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode) {
+    CloseOpenRecord(node, false, 0);
     const bool video = trackType == MP4_TRACK_VIDEO;
     SampleRecord *records = node->SampleRecords;
     uint64_t keys = 0;

@@ -23,7 +23,68 @@ SampleView RecordView(const TrackNode *node, uint32_t record) {
                       r.IsKeyFrame,    r.IsSync};
 }
 
+// The last mark at or before `sample`, or null.
+const SampleMark *MarkAt(const MarkList &list, uint32_t sample) {
+    const SampleMark *first = list.Marks;
+    const SampleMark *last = first + list.Count;
+    const SampleMark *after = std::upper_bound(
+        first, last, sample, [](uint32_t i, const SampleMark &m) { return i < m.FirstSample; });
+    return after == first ? nullptr : after - 1;
+}
+
+uint32_t RecordDuration(const TrackNode *node, uint32_t record) {
+    const SampleMark *mark = MarkAt(node->Durations, record);
+    if (mark != nullptr && mark->FirstSample == record) return mark->Value;
+    if (record + 1 >= node->RecordCount) return 0;  // never left unmarked by the fill
+    return uint32_t(SampleDecodeTime(node, record + 1) - SampleDecodeTime(node, record));
+}
+
 }  // namespace
+
+uint32_t SampleDuration(const TrackNode *node, uint32_t index) {
+    if (!node->Modern) {
+        const SampleRecord *records = node->SampleRecords;
+        return index + 1 < node->SampleCount ? records[index + 1].Time - records[index].Time : 0;
+    }
+    if (node->Runs == nullptr) return RecordDuration(node, index);
+    const SampleRun &run = *RunOf(node, index);
+    const uint32_t k = index - run.FirstSample;
+    if (run.Group == 0) return RecordDuration(node, uint32_t(run.FirstOffset) + k);
+    const uint64_t before = uint64_t(k) * run.Group;
+    const uint64_t units = std::min<uint64_t>(run.Group, run.Units - before);
+    return uint32_t(std::min<uint64_t>(units * run.UnitDuration, UINT32_MAX));
+}
+
+uint16_t SampleDescriptionIndex(const TrackNode *node, uint32_t index) {
+    if (!node->Modern) return 1;
+    const SampleMark *mark = MarkAt(node->Descriptions, index);
+    if (mark == nullptr) return 1;
+    return mark->Value <= UINT16_MAX ? uint16_t(mark->Value) : 0;
+}
+
+bool MarkFrom(MarkList *list, uint32_t first, uint32_t value) {
+    SampleMark *last = list->Count > 0 ? &list->Marks[list->Count - 1] : nullptr;
+    if (last != nullptr && last->FirstSample == first) {
+        last->Value = value;
+        // Back to what the mark before said: the mark is not needed.
+        const uint32_t before = list->Count > 1 ? list->Marks[list->Count - 2].Value : 1;
+        if (value == before) --list->Count;
+        return true;
+    }
+    if (value == (last != nullptr ? last->Value : 1)) return true;
+    if (list->Count >= list->Capacity) return false;
+    list->Marks[list->Count++] = SampleMark{first, value};
+    return true;
+}
+
+void CloseOpenRecord(TrackNode *node, bool contiguous, uint64_t next) {
+    if (!node->RecordOpen) return;
+    node->RecordOpen = 0;
+    if (contiguous && next == node->OpenEnd) return;
+    MarkList &list = node->Durations;
+    if (list.Count < list.Capacity)
+        list.Marks[list.Count++] = SampleMark{node->RecordCount - 1, node->OpenDuration};
+}
 
 bool HasSampleTables(const TrackNode *node) {
     return node != nullptr && (node->SampleRecords != nullptr || node->Runs != nullptr);

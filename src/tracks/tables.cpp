@@ -97,8 +97,22 @@ uint64_t PlanBytes(const TablePlan &plan, bool keyFrameTable) {
     const uint64_t runs = plan.Runs == 0 ? 0 : plan.Runs + plan.RecordRuns;
     uint64_t bytes = plan.Records * sizeof(SampleRecord) + runs * sizeof(SampleRun);
     if (keyFrameTable) bytes += (plan.SyncBound + 1) * sizeof(KeyFrameRecord);
-    return bytes;
+    // The marks: a duration one more, for the track's last record.
+    const uint64_t marks = plan.DescriptionMarks + (plan.Records > 0 ? plan.DurationMarks + 1 : 0);
+    return bytes + marks * sizeof(SampleMark);
 }
+
+namespace {
+
+bool NewMarks(MarkList *list, uint64_t capacity) {
+    if (capacity == 0) return true;
+    if (capacity > UINT32_MAX) return false;
+    list->Marks = static_cast<SampleMark *>(std::calloc(size_t(capacity), sizeof(SampleMark)));
+    list->Capacity = list->Marks != nullptr ? uint32_t(capacity) : 0;
+    return list->Marks != nullptr;
+}
+
+}  // namespace
 
 int32_t CreateModernTables(TrackNode *node, const TablePlan &plan, int32_t mode) {
     node->TableMode = uint32_t(mode);
@@ -119,7 +133,10 @@ int32_t CreateModernTables(TrackNode *node, const TablePlan &plan, int32_t mode)
         node->RunCapacity = uint32_t(runs);
     }
     node->SampleCapacity = uint32_t(plan.Samples);
-    return 1;
+    const uint64_t durations = plan.Records > 0 ? plan.DurationMarks + 1 : 0;
+    return NewMarks(&node->Descriptions, plan.DescriptionMarks) && NewMarks(&node->Durations, durations)
+               ? 1
+               : -1;
 }
 
 int32_t ReleaseTrackNodes(TrackNode **holder) {
@@ -131,6 +148,8 @@ int32_t ReleaseTrackNodes(TrackNode **holder) {
         std::free(block->KeyFrameRecords);
         std::free(block->TimeHighs);
         std::free(block->Runs);
+        std::free(block->Descriptions.Marks);
+        std::free(block->Durations.Marks);
         std::free(block);
         block = next;
     }

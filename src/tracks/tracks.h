@@ -37,6 +37,21 @@ struct TimeHigh {
     uint32_t High;
 };
 
+// One entry of a sparse list kept in rising FirstSample: a value that holds
+// from FirstSample on (a sample description index), or for that one record
+// only (a record's duration where the next record's time can't tell it).
+struct SampleMark {
+    uint32_t FirstSample;
+    uint32_t Value;
+};
+// A list of marks with room for Capacity of them, made at the open from the
+// table entries that can cause one (see TablePlan), so that it never grows.
+struct MarkList {
+    SampleMark *Marks;
+    uint32_t Count;
+    uint32_t Capacity;
+};
+
 // A stretch of samples a modern handle keeps without a record per sample:
 // Units units (PCM frames, or whole samples when Group is 1) of UnitSize
 // bytes and UnitDuration ticks each, back to back in the file from
@@ -105,6 +120,17 @@ struct TrackNode {
     uint32_t RunCapacity;
     uint32_t RecordCount;
     uint32_t RecordCapacity;
+    // Sample description indexes: from each mark's sample on, its value
+    // ("stsc" entries, "tfhd" or "trex"); 1 before the first mark.
+    MarkList Descriptions;
+    // Durations of records: record i lasts until record i + 1 begins,
+    // unless a mark for record i gives its duration: the last record, one
+    // behind which a run or a jump of "tfdt" follows. While the last record
+    // appended is open, OpenEnd is where its duration says the next begins.
+    MarkList Durations;
+    uint8_t RecordOpen;
+    uint32_t OpenDuration;
+    uint64_t OpenEnd;
 
     // Write side only.
     uint32_t SampleBase;
@@ -185,6 +211,21 @@ uint64_t SumSampleSizes(const TrackNode *node, uint32_t count);
 // The 64-bit decoding time of record `index` of a node (its sample on a
 // node without runs).
 uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index);
+// The duration of sample `index` in track ticks: a run's unit duration
+// times the units of the sample (saturating at 2^32 - 1), a record's mark
+// or the next record's time less its own; on a classic handle the next
+// record's 32-bit time less its own, and 0 for the last sample.
+uint32_t SampleDuration(const TrackNode *node, uint32_t index);
+// The 1-based sample description index of sample `index` (1 on a classic
+// handle; 0 where the file names an entry that is 0 or past 65535).
+uint16_t SampleDescriptionIndex(const TrackNode *node, uint32_t index);
+// Marks `value` from sample `first` on (no mark when the value doesn't
+// change; a later mark at the same sample replaces it). False when the list
+// is full.
+bool MarkFrom(MarkList *list, uint32_t first, uint32_t value);
+// Ends the open record of a node: its duration is marked unless the next
+// sample is a record beginning at `next` (`contiguous`).
+void CloseOpenRecord(TrackNode *node, bool contiguous, uint64_t next);
 // The time by which a search orders sample `index`: on a classic handle the
 // record's 32-bit time taken as signed (the data model's comparison), on a
 // modern handle the 64-bit time.
@@ -250,10 +291,11 @@ int32_t FinishModernTables(TrackNode *node, int32_t trackType, int32_t mode);
 // (records are timed in order). 1, or a negative code when there is no
 // memory for the list of high halves.
 int32_t SetDecodeTime(TrackNode *node, uint32_t index, uint64_t time);
-// Appends the next sample of a node as a record (Time is set from `time`)
-// or a run, behind those it holds; with Runs a record also extends or
-// starts a record run. False when the node has no room or no memory.
-bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time);
+// Appends the next sample of a node as a record (Time is set from `time`,
+// lasting `duration`) or a run, behind those it holds; with Runs a record
+// also extends or starts a record run. False when the node has no room or
+// no memory.
+bool AppendRecord(TrackNode *node, const SampleRecord &record, uint64_t time, uint32_t duration);
 bool AppendRun(TrackNode *node, const SampleRun &run);
 // The sample count that the first size table ("stsz" or "stz2") of a
 // "trak" claims, and whether the file could hold that many samples (a
@@ -268,6 +310,8 @@ struct TablePlan {
     uint64_t Samples = 0;
     uint64_t SyncBound = 0;   // at most this many sync samples
     uint64_t RecordRuns = 0;  // runs of records, needed once runs are mixed in
+    uint64_t DescriptionMarks = 0;  // at most one per "stsc" entry and "traf"
+    uint64_t DurationMarks = 0;     // at most one per "stbl", "traf" and "trun"
     bool Usable = true;       // false: the "stbl" tables can't describe their samples
 };
 // Adds the "stbl" samples of a track, as records or as runs, to `plan`.
@@ -293,6 +337,7 @@ struct FragmentTrack {
     uint32_t DefaultDuration;  // "trex" defaults
     uint32_t DefaultSize;
     uint32_t DefaultFlags;
+    uint32_t DefaultDescription;  // 1 without "trex"
     bool HasExtends;           // the defaults come from a "trex"
     uint32_t Samples;          // samples its track fragments hold (counted)
     TablePlan Plan;            // its tables: the "stbl" plan and its fragments

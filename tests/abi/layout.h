@@ -55,7 +55,8 @@
     RECORD(MP4SampleInfo, 32)                                                     \
     FIELD(MP4SampleInfo, FileOffset, 0, 8) FIELD(MP4SampleInfo, DecodeTime, 8, 8) \
     FIELD(MP4SampleInfo, CompositionOffset, 16, 4) FIELD(MP4SampleInfo, Size, 20, 4) \
-    FIELD(MP4SampleInfo, IsKeyFrame, 24, 1) FIELD(MP4SampleInfo, Pad, 25, 7)
+    FIELD(MP4SampleInfo, IsKeyFrame, 24, 1) FIELD(MP4SampleInfo, Pad, 25, 1)       \
+    FIELD(MP4SampleInfo, DescriptionIndex, 26, 2) FIELD(MP4SampleInfo, Duration, 28, 4)
 
 #define MP4CORE_PUBLISHED_CONSTANTS(CONSTANT)                                     \
     CONSTANT(MP4_TRACK_VIDEO, 1) CONSTANT(MP4_TRACK_AUDIO, 2)                     \

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 
@@ -123,6 +124,55 @@ TEST(ModernEdges, TinyFragmentsOpenInProportionToTheFile) {
     ASSERT_EQ(MP4ReadSample(f.handle, 1, MP4_TRACK_VIDEO, kFragments, &sample), 1);
     EXPECT_EQ(Bytes(sample->Data, sample->Data + sample->Size), Bytes{7});
     SampleDataFree(&sample);
+}
+
+// A "moof" of one track fragment, its run's data in the "mdat" behind it
+// (the "tfhd" says the data is counted from the "moof").
+Bytes Fragment(uint32_t tfhdFlags, const Bytes &defaults, uint32_t decodeTime, uint32_t trunFlags,
+               uint32_t count, const Bytes &entries) {
+    auto moof = [&](uint32_t dataOffset) {
+        return Atom("moof", {Atom("traf", {FullAtom("tfhd", 0x020000 | tfhdFlags, {U32(1), defaults}),
+                                           FullAtom("tfdt", 0, {U32(decodeTime)}),
+                                           FullAtom("trun", 0x000001 | trunFlags, {U32(count), U32(dataOffset), entries})})});
+    };
+    return Cat({moof(uint32_t(moof(0).size() + 8)), Atom("mdat", {Zeros(count)})});
+}
+
+// Each sample's entry and duration ("entry:duration"): from "stsc" and
+// "stts" (records and runs alike), from "tfhd", "trex" and "trun" where a
+// "tfdt" jumps and a run of defaults follows records; on a classic handle
+// from the next sample's time.
+TEST(ModernEdges, EachSampleGivesItsEntryAndDuration) {
+    const std::string twoEntries = " stts 2,2,10,2,30 chunk 2 stsc 2,1,2,1,2,2,2 stsd 2,16,1836069747,0,0,16,1836069747,0,0";
+    // No samples in "stbl"; a "trex" (entry 3, 9 ticks, 1 byte) at the end of "moov".
+    Bytes fragmented = MiniFile("video 0 moov first");
+    const Bytes mvex = Atom("mvex", {FullAtom("trex", 0, {U32(1), U32(3), U32(9), U32(1), U32(0)})});
+    const size_t moov = size_t(std::search(fragmented.begin(), fragmented.end(), "moov", "moov" + 4) - fragmented.begin()) - 4;
+    const uint32_t size = uint32_t(fragmented[moov + 2]) << 8 | fragmented[moov + 3];  // below 64 KiB
+    fragmented.insert(fragmented.begin() + long(moov + size), mvex.begin(), mvex.end());
+    const Bytes grown = U32(size + uint32_t(mvex.size()));
+    std::copy(grown.begin(), grown.end(), fragmented.begin() + long(moov));
+    fragmented = Cat({fragmented, Fragment(0x0A, Cat({U32(2), U32(7)}), 1000, 0x300, 2, Cat({U32(5), U32(1), U32(6), U32(1)})),
+                      Fragment(0, {}, 3000, 0x100, 1, U32(8)), Fragment(0, {}, 5000, 0, 2, {})});
+    struct Case { const char *name; Bytes file; uint32_t flags; const char *expected; } cases[] = {
+        {"records", MiniFile("video 4" + twoEntries), MP4_OPEN_MODERN, "1:10 1:10 2:30 2:30"},
+        {"runs", MiniFile("video 4 no stss stsz 4,4" + twoEntries), MP4_OPEN_MODERN, "1:10 1:10 2:30 2:30"},
+        {"fragments", fragmented, MP4_OPEN_MODERN, "2:5 2:6 3:8 3:9 3:9"},
+        {"classic", MiniFile("video 4 stts 2,2,10,2,30"), 0, "1:10 1:10 1:30 1:0"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        ModernFile f(c.file, c.flags);
+        MP4TrackInfo info{};
+        ASSERT_EQ(MP4GetTrackInfo(f.handle, 0, &info), 1);
+        std::string got;
+        for (uint32_t n = 0; n < info.SampleCount; ++n) {
+            MP4SampleInfo s{};
+            EXPECT_EQ(MP4GetSampleInfo(f.handle, 1, MP4_TRACK_VIDEO, n, &s), 1);
+            got += (n > 0 ? " " : "") + std::to_string(s.DescriptionIndex) + ":" + std::to_string(s.Duration);
+        }
+        EXPECT_EQ(got, c.expected);
+    }
 }
 
 TEST(ModernEdges, UnknownFlagGives100AndWritesNothing) {

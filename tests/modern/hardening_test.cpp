@@ -67,8 +67,8 @@ std::string Listing(const Bytes &image) {
         MP4Sample *sample = nullptr;
         const int32_t got = MP4GetSampleInfo(open.handle, info.TrackId, info.TrackType, n, &s);
         const int32_t read = MP4ReadSample(open.handle, info.TrackId, info.TrackType, n, &sample);
-        out += Format("%u: %d %llu %llu %u %u %d %08x\n", n, got, (unsigned long long)s.FileOffset,
-                      (unsigned long long)s.DecodeTime, s.Size, s.IsKeyFrame, read,
+        out += Format("%u: %d %llu %llu %u %u %u %u %d %08x\n", n, got, (unsigned long long)s.FileOffset,
+                      (unsigned long long)s.DecodeTime, s.Size, s.IsKeyFrame, s.DescriptionIndex, s.Duration, read,
                       read == 1 ? Crc32(sample->Data, sample->Size) : 0);
         SampleDataFree(&sample);
     }
@@ -136,7 +136,7 @@ TEST(ModernHardening, TwosOfOneByteFramesReadsEveryByte) {
     MP4TrackInfo info{};
     ASSERT_EQ(MP4GetTrackInfo(open.handle, 0, &info), 1);
     ASSERT_EQ(info.SampleCount, 4u);
-    const uint32_t sizes[] = {4096, 1904, 4096, 1904}, times[] = {0, 1024, 1500, 2524};
+    const uint32_t sizes[] = {4096, 1904, 4096, 1904}, times[] = {0, 1024, 1500, 2524}, durations[] = {1024, 476, 1024, 476};
     Bytes all;
     for (uint32_t n = 0; n < 4; ++n) {
         MP4SampleInfo s{};
@@ -145,6 +145,7 @@ TEST(ModernHardening, TwosOfOneByteFramesReadsEveryByte) {
         ASSERT_EQ(MP4ReadSample(open.handle, info.TrackId, info.TrackType, n, &sample), 1);
         EXPECT_EQ(s.Size, sizes[n]);
         EXPECT_EQ(s.DecodeTime, times[n]);
+        EXPECT_EQ(s.Duration, durations[n]);
         all.insert(all.end(), sample->Data, sample->Data + sample->Size);
         SampleDataFree(&sample);
     }
