@@ -170,22 +170,26 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
     uint64_t position = 0;
     AtomNode *last = nullptr;
     root->FirstAtom = nullptr;
+    // Under CutEndsFile a head that can't be taken ends the file where it
+    // starts, once a whole atom stands before it.
+    const auto cut = [&]() -> int32_t {
+        if (rules.CutEndsFile && last != nullptr) return 1;
+        if (!rules.Quiet) std::printf("Read data from file error!\n");
+        return -99;
+    };
     for (;;) {
         Head head;
-        if (ReadSizedHead(source, position, root->FileSize, rules, &head) != HeadRead::kOk) {
-            if (!rules.Quiet) std::printf("Read data from file error!\n");
-            return -99;
-        }
+        if (ReadSizedHead(source, position, root->FileSize, rules, &head) != HeadRead::kOk)
+            return cut();
         if (IsKnownAtomName(reinterpret_cast<const char *>(head.Bytes + 4), rules.Reader) < 0 &&
             !rules.Quiet) {
             std::printf("There could be have illegal atoms!");
         }
         // A stored size below 8 can't be stepped over: the top-level scan
         // fails as after a short read.
-        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) {
-            if (!rules.Quiet) std::printf("Read data from file error!\n");
-            return -99;
-        }
+        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return cut();
+        // An atom that reaches past the end was cut while it was written.
+        if (rules.CutEndsFile && head.Size > root->FileSize - position) return cut();
         AtomNode *node = MakeNode(head, position, nullptr, rules);
         if (node == nullptr) return -99;
         if (last == nullptr) {
