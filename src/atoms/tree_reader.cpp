@@ -24,6 +24,13 @@ enum class HeadRead { kOk, kShort };
 struct HeadSource {
     Root_atom *Root;
     ReadAhead **Window;  // null: the stream
+    // Nodes the scans below the top level may still make; null: no bound.
+    // Atoms that nest as they should hold at most one head per 8 bytes of
+    // the file. A child may reach past its parent, over the parent's later
+    // siblings, which are then read again inside it: a few KB of such atoms
+    // nested 32 deep would make millions of nodes. The bound ends the scans
+    // of a file like that, silently, as the depth bound does.
+    uint64_t *NodesLeft;
 };
 
 // One read per head. Positions are 64-bit: a position plus a stored size
@@ -139,6 +146,10 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
         // scan on (0) or would land inside the head (1 to 7): it ends the
         // container's scan as an unknown atom does.
         if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return -1;
+        if (source.NodesLeft != nullptr) {
+            if (*source.NodesLeft == 0) return 1;
+            --*source.NodesLeft;
+        }
         AtomNode *node = MakeNode(head, position, parent, rules);
         if (node == nullptr) return -99;  // no memory: the scan ends here
         if (last == nullptr) {
@@ -161,12 +172,12 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset) {
     Root_atom file{};
     file.FileStream = stream;
-    return ReadChildrenAt(HeadSource{&file, nullptr}, parent, childOffset, DepthOf(parent),
-                          kClassicTreeRules);
+    return ReadChildrenAt(HeadSource{&file, nullptr, nullptr}, parent, childOffset,
+                          DepthOf(parent), kClassicTreeRules);
 }
 
 int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
-    const HeadSource source{root, window};
+    const HeadSource source{root, window, nullptr};
     uint64_t position = 0;
     AtomNode *last = nullptr;
     root->FirstAtom = nullptr;
@@ -206,7 +217,8 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
 
 int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
     if (ReadTopLevelAtoms(root, rules, window) < 0) return -99;
-    const HeadSource source{root, window};
+    uint64_t nodesLeft = root->FileSize / kHeadBytes;
+    const HeadSource source{root, window, &nodesLeft};
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
         const bool known = IsKnownAtomName(atom->AtomName, rules.Reader) >= 0;
         const uint64_t children = known ? ChildStart(source, atom) : 0;
