@@ -228,7 +228,8 @@ size_t Emit(const Atoms &tree, bool fixSizes, uint8_t *data, size_t maxSize, std
     std::vector<uint8_t> out;
     std::vector<Place> places;
     Write(tree, fixSizes, &out, &places);
-    if (editField && !places.empty()) EditField(&out, places, random);
+    if (editField && places.empty()) return 0;  // nothing to edit: junk
+    if (editField) EditField(&out, places, random);
     if (out.empty() || out.size() > maxSize) return 0;
     std::memcpy(data, out.data(), out.size());
     return out.size();
