@@ -143,9 +143,11 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
         const bool known = IsKnownAtomName(name, rules.Reader) >= 0;
         if (!known && rules.UnknownEndsScan) return -1;
         // A stored size below the head's own 8 bytes would not move the
-        // scan on (0) or would land inside the head (1 to 7): it ends the
-        // container's scan as an unknown atom does.
+        // scan on (0) or would land inside the head (1 to 7), and a 64-bit
+        // size can pass the end of 64-bit positions and land before the
+        // head: each ends the container's scan as an unknown atom does.
         if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return -1;
+        if (head.Size > UINT64_MAX - position) return -1;
         if (source.NodesLeft != nullptr) {
             if (*source.NodesLeft == 0) return 1;
             --*source.NodesLeft;
