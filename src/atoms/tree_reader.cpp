@@ -198,8 +198,8 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
             !rules.Quiet) {
             std::printf("There could be have illegal atoms!");
         }
-        // A stored size below 8 can't be stepped over: the top-level scan
-        // fails as after a short read.
+        // A stored size below 8 can't be stepped over: it is taken as a
+        // short read.
         if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return cut();
         // An atom that reaches past the end was cut while it was written.
         if (rules.CutEndsFile && head.Size > root->FileSize - position) return cut();
