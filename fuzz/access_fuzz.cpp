@@ -1,13 +1,15 @@
-// Opens the input as an MP4 file in each table mode and makes a sequence of
-// sample access calls on it, chosen from the input's bytes: reading, seeking
-// by time and position, key frame steps, and the decoder-assisted seek with
-// a test decoder that touches every sample it gets and fails now and then.
+// Opens the input as an MP4 file in each table mode (and once with the
+// modern reader) and makes a sequence of sample access calls on it, chosen
+// from the input's bytes: reading, seeking by time and position, key frame
+// steps, and the decoder-assisted seek with a test decoder that touches
+// every sample it gets and fails now and then.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "heap_ceiling.h"
 #include "memory_file.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
@@ -130,11 +132,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     uint64_t seed = 1469598103934665603ull;  // FNV-1a over the input
     for (size_t i = 0; i < size; ++i) seed = (seed ^ data[i]) * 1099511628211ull;
-    for (int32_t mode : {MP4_TABLE_KEYFRAMES, MP4_TABLE_MARKS, MP4_TABLE_MARKS_ALT}) {
+    // Each table mode on the classic reader, then the modern reader.
+    const int32_t passes[] = {MP4_TABLE_KEYFRAMES, MP4_TABLE_MARKS, MP4_TABLE_MARKS_ALT, 0};
+    for (int32_t pass : passes) {
         Random random{seed | 1};
         gDecoderRandom.state = (seed >> 1) | 1;
         MP4_local_file *file = nullptr;
-        if (MP4FileOpen(&file, path, mode) != 1) continue;
+        const size_t heap = HeapInUse();
+        if (pass == 0) {
+            if (MP4FileOpenEx(&file, path, MP4_TABLE_MARKS, MP4_OPEN_MODERN) != 1) continue;
+            CheckHeapCeiling(heap, size);
+        } else if (MP4FileOpen(&file, path, pass) != 1) {
+            continue;
+        }
         RunCalls(file, random);
         MP4FileClose(&file);
     }

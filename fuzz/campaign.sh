@@ -8,6 +8,7 @@ build=$1
 seconds=$2
 out=$3
 here=$(cd "$(dirname "$0")" && pwd)
+. "$here/limits.sh"
 mkdir -p "$out"
 for target in "$build"/fuzz/*_fuzz; do
   [ -x "$target" ] || continue
@@ -17,7 +18,7 @@ for target in "$build"/fuzz/*_fuzz; do
   echo "-- $name: ${seconds}s"
   # -fork keeps going past a finding so one crash does not end the campaign.
   "$target" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
-    -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+    -max_total_time="$seconds" -rss_limit_mb=2048 $(memory_limits "$name") -timeout=10 \
     -artifact_prefix="$work/crashes/" "$work/grown" "$here/corpus/$name" \
     >"$work/log" 2>&1 || true
   grep -E '^#[0-9]+' "$work/log" | tail -n 1 || true

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "heap_ceiling.h"
 #include "memory_file.h"
 #include "mp4core.h"
 #include "tracks/tracks.h"
@@ -63,12 +64,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (uint32_t flags : {0u, uint32_t(MP4_OPEN_MODERN)}) {
         for (int32_t mode : {1, 2, 3, 0, 4}) {
             MP4_local_file *file = nullptr;
+            const size_t heap = HeapInUse();
             const int32_t result = flags == 0 ? MP4FileOpen(&file, path, mode)
                                               : MP4FileOpenEx(&file, path, mode, flags);
             if (result != 1) {
                 if (file != nullptr) __builtin_trap();  // a failed open leaves no handle
                 continue;
             }
+            if (flags != 0) CheckHeapCeiling(heap, size);
             for (VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
                 ReadByCursor(file, v->TrackId, MP4_TRACK_VIDEO, v->SampleCount);
             for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)

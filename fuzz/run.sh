@@ -7,6 +7,7 @@ build=$1
 seconds=$2
 here=$(cd "$(dirname "$0")" && pwd)
 status=0
+. "$here/limits.sh"
 for target in "$build"/fuzz/*_fuzz; do
   [ -x "$target" ] || continue
   name=$(basename "$target")
@@ -14,7 +15,7 @@ for target in "$build"/fuzz/*_fuzz; do
   seeds=()
   [ -d "$here/corpus/$name" ] && seeds+=("$here/corpus/$name")
   echo "-- $name"
-  if ! "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+  if ! "$target" -max_total_time="$seconds" -rss_limit_mb=2048 $(memory_limits "$name") -timeout=10 \
       -artifact_prefix="$work/" "$work" "${seeds[@]}" >"$work/log" 2>&1; then
     echo "FAILED: $name"; tail -n 60 "$work/log"; status=1
   else

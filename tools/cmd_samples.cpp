@@ -78,6 +78,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t sa
     const char *name = type == MP4_TRACK_VIDEO ? "video" : "audio";
     bool ok = true;
     uint32_t number = 0;
+    SampleErrors errors("GetNextSample", trackId, name);
     // -82 moves the cursor on, so every turn either moves on or ends; the
     // bound keeps a listing finite whatever a track holds.
     for (uint64_t turn = 0; turn <= uint64_t(sampleCount) + 1; ++turn) {
@@ -92,8 +93,7 @@ bool ListTrack(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t sa
             if (number == 0) std::printf("%u %s no samples\n", trackId, name);
             return ok;
         } else {
-            std::printf("%u %s %u error %d\n", trackId, name, number, int(result));
-            ReportSampleCall("GetNextSample", result, trackId, name, &number);
+            errors.Add(number, result);
             ok = false;
             if (result != -82) return ok;
         }
@@ -225,12 +225,15 @@ extern const CommandRow kSamplesCommand = {
     "TRACK TYPE NUMBER error RESULT, a track that can't be listed TRACK TYPE error\n"
     "RESULT, and a track without samples says so in a line of its own. A track\n"
     "with fragments first gets a comment line with its sample and fragment counts.\n"
+    "Of a track's unreadable samples the first 3 get their line; the others are\n"
+    "summed up at the end of the track, one comment line per result:\n"
+    "  # track TRACK TYPE: N more samples unreadable (A, B, C, D, E, ...): error RESULT\n"
     "With --classic it opens FILE with MP4FileOpen and lists the samples of the\n"
     "video and then the audio tracks as GetNextSample gives them:\n"
     "  TRACK TYPE NUMBER TIME SIZE KEY OFFSET CRC32\n"
     "with the classic key frame mark (0 for audio), or, for a sample that can't\n"
-    "be read, TRACK TYPE NUMBER error RESULT. A track that gives no sample at all\n"
-    "says so in a line of its own.\n"
+    "be read, TRACK TYPE NUMBER error RESULT (summed up past the first 3 as above).\n"
+    "A track that gives no sample at all says so in a line of its own.\n"
     "With --seek, --next-key and --prev-key it makes those calls instead, in the\n"
     "order given, on each video and audio track, and prints one line per call:\n"
     "the call, then the sample it gave in the form of the reader in use.\n",

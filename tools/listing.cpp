@@ -46,3 +46,32 @@ void ReportSampleCall(const char *call, int32_t result, uint32_t trackId, const 
         std::snprintf(context, sizeof context, "%s track %u", name, trackId);
     ReportFailure(kSamplesCommand.name, call, result, context);
 }
+
+void SampleErrors::Add(uint32_t number, int32_t result) {
+    if (shown_ < kShownErrors) {
+        ++shown_;
+        std::printf("%u %s %u error %d\n", trackId_, name_, number, int(result));
+        ReportSampleCall(call_, result, trackId_, name_, &number);
+        return;
+    }
+    Tally *tally = nullptr;
+    for (Tally &t : tallies_)
+        if (t.result == result) tally = &t;
+    if (tally == nullptr) tally = &tallies_.emplace_back(Tally{result, 0, {}});
+    if (tally->count < kSummaryNumbers) tally->numbers[tally->count] = number;
+    ++tally->count;
+}
+
+SampleErrors::~SampleErrors() {
+    for (const Tally &t : tallies_) {
+        std::printf("# track %u %s: %llu more samples unreadable (", trackId_, name_,
+                    static_cast<unsigned long long>(t.count));
+        for (uint64_t i = 0; i < t.count && i < kSummaryNumbers; ++i)
+            std::printf(i == 0 ? "%u" : ", %u", t.numbers[i]);
+        std::printf("%s): error %d\n", t.count > kSummaryNumbers ? ", ..." : "", int(t.result));
+        char context[96];
+        std::snprintf(context, sizeof context, "%s track %u, %llu more samples", name_, trackId_,
+                      static_cast<unsigned long long>(t.count));
+        ReportFailure(kSamplesCommand.name, call_, t.result, context);
+    }
+}

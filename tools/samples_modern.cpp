@@ -20,6 +20,7 @@ bool ListTrack(MP4_local_file *file, const MP4TrackInfo &track) {
         std::printf("# track %u %s: %u samples, %u fragments\n", track.TrackId, name,
                     track.SampleCount, track.FragmentCount);
     bool ok = true;
+    SampleErrors errors("MP4ReadSample", track.TrackId, name);
     for (uint32_t number = 0; number < track.SampleCount; ++number) {
         MP4Sample *sample = nullptr;
         const int32_t result =
@@ -36,8 +37,7 @@ bool ListTrack(MP4_local_file *file, const MP4TrackInfo &track) {
             ReportSampleCall("MP4ReadSample", result, track.TrackId, name);
             return ok;
         }
-        std::printf("%u %s %u error %d\n", track.TrackId, name, number, int(result));
-        ReportSampleCall("MP4ReadSample", result, track.TrackId, name, &number);
+        errors.Add(number, result);
     }
     return ok;
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "commands.h"
 #include "mp4core.h"
@@ -34,6 +35,36 @@ uint32_t Crc32(const uint8_t *data, size_t size);
 // line: the call, its result and meaning, the track and the sample number.
 void ReportSampleCall(const char *call, int32_t result, uint32_t trackId, const char *name,
                       const uint32_t *number = nullptr);
+
+// The unreadable samples of one track in a listing of samples. The first
+// kShownErrors get their line each ("TRACK TYPE NUMBER error RESULT", and
+// the call's report on standard error); the others are counted by result,
+// and when the object goes each result gets one summary line, a comment:
+//   # track TRACK TYPE: N more samples unreadable (A, B, C, D, E, ...): error RESULT
+// with the first kSummaryNumbers of their numbers, and one report.
+class SampleErrors {
+public:
+    static constexpr uint32_t kShownErrors = 3;
+    static constexpr uint32_t kSummaryNumbers = 5;
+    SampleErrors(const char *call, uint32_t trackId, const char *name)
+        : call_(call), trackId_(trackId), name_(name) {}
+    ~SampleErrors();
+    SampleErrors(const SampleErrors &) = delete;
+    SampleErrors &operator=(const SampleErrors &) = delete;
+    void Add(uint32_t number, int32_t result);
+
+private:
+    struct Tally {
+        int32_t result;
+        uint64_t count;
+        uint32_t numbers[kSummaryNumbers];
+    };
+    const char *call_;
+    uint32_t trackId_;
+    const char *name_;
+    uint32_t shown_ = 0;
+    std::vector<Tally> tallies_;
+};
 
 // "video", "audio", "hint", "od", "scene" or "other", by MP4TrackInfo's type.
 const char *TrackTypeName(int32_t type);

@@ -160,15 +160,19 @@ constexpr uint32_t kMaxAtomDepth = 32;
 // are the 32-bit field alone. The modern reader keeps an unknown atom as an
 // opaque leaf and goes on, takes a size of 1 as a 64-bit size behind the
 // name and a size of 0 as "to the end of the parent (or of the file)", and
-// prints nothing.
+// prints nothing. It also takes a cut file as cut (CutEndsFile): a
+// top-level head cut short, a size it can't take, or an atom that reaches
+// past the end of the file is where the file ends, and the atoms before it
+// are the whole tree; only a file without one whole atom fails.
 struct TreeRules {
     AtomReader Reader;
     bool UnknownEndsScan;
     bool WideSizes;
     bool Quiet;
+    bool CutEndsFile;
 };
-constexpr TreeRules kClassicTreeRules{kClassicReader, true, false, false};
-constexpr TreeRules kModernTreeRules{kModernReader, false, true, true};
+constexpr TreeRules kClassicTreeRules{kClassicReader, true, false, false, false};
+constexpr TreeRules kModernTreeRules{kModernReader, false, true, true, true};
 
 // With a window (the modern open passes the handle's read-ahead window)
 // heads are read through it; without one, from the stream.

@@ -24,6 +24,13 @@ enum class HeadRead { kOk, kShort };
 struct HeadSource {
     Root_atom *Root;
     ReadAhead **Window;  // null: the stream
+    // Nodes the scans below the top level may still make; null: no bound.
+    // Atoms that nest as they should hold at most one head per 8 bytes of
+    // the file. A child may reach past its parent, over the parent's later
+    // siblings, which are then read again inside it: a few KB of such atoms
+    // nested 32 deep would make millions of nodes. The bound ends the scans
+    // of a file like that, silently, as the depth bound does.
+    uint64_t *NodesLeft;
 };
 
 // One read per head. Positions are 64-bit: a position plus a stored size
@@ -190,9 +197,15 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
         const bool known = form != kEntryByName || IsKnownAtomName(name, rules.Reader) >= 0;
         if (!known && rules.UnknownEndsScan) return -1;
         // A stored size below the head's own 8 bytes would not move the
-        // scan on (0) or would land inside the head (1 to 7): it ends the
-        // container's scan as an unknown atom does.
+        // scan on (0) or would land inside the head (1 to 7), and a 64-bit
+        // size can pass the end of 64-bit positions and land before the
+        // head: each ends the container's scan as an unknown atom does.
         if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return -1;
+        if (head.Size > UINT64_MAX - position) return -1;
+        if (source.NodesLeft != nullptr) {
+            if (*source.NodesLeft == 0) return 1;
+            --*source.NodesLeft;
+        }
         AtomNode *node = MakeNode(head, position, parent, rules);
         if (node == nullptr) return -99;  // no memory: the scan ends here
         node->EntryForm = form;
@@ -216,31 +229,35 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
 int32_t ReadChildAtoms(FILE *stream, AtomNode *parent, uint32_t childOffset) {
     Root_atom file{};
     file.FileStream = stream;
-    return ReadChildrenAt(HeadSource{&file, nullptr}, parent, childOffset, DepthOf(parent),
-                          kClassicTreeRules);
+    return ReadChildrenAt(HeadSource{&file, nullptr, nullptr}, parent, childOffset,
+                          DepthOf(parent), kClassicTreeRules);
 }
 
 int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
-    const HeadSource source{root, window};
+    const HeadSource source{root, window, nullptr};
     uint64_t position = 0;
     AtomNode *last = nullptr;
     root->FirstAtom = nullptr;
+    // Under CutEndsFile a head that can't be taken ends the file where it
+    // starts, once a whole atom stands before it.
+    const auto cut = [&]() -> int32_t {
+        if (rules.CutEndsFile && last != nullptr) return 1;
+        if (!rules.Quiet) std::printf("Read data from file error!\n");
+        return -99;
+    };
     for (;;) {
         Head head;
-        if (ReadSizedHead(source, position, root->FileSize, rules, &head) != HeadRead::kOk) {
-            if (!rules.Quiet) std::printf("Read data from file error!\n");
-            return -99;
-        }
+        if (ReadSizedHead(source, position, root->FileSize, rules, &head) != HeadRead::kOk)
+            return cut();
         if (IsKnownAtomName(reinterpret_cast<const char *>(head.Bytes + 4), rules.Reader) < 0 &&
             !rules.Quiet) {
             std::printf("There could be have illegal atoms!");
         }
-        // A stored size below 8 can't be stepped over: the top-level scan
-        // fails as after a short read.
-        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) {
-            if (!rules.Quiet) std::printf("Read data from file error!\n");
-            return -99;
-        }
+        // A stored size below 8 can't be stepped over: it is taken as a
+        // short read.
+        if (rules.WideSizes ? head.Size == 0 : ReadBE32(head.Bytes) < kHeadBytes) return cut();
+        // An atom that reaches past the end was cut while it was written.
+        if (rules.CutEndsFile && head.Size > root->FileSize - position) return cut();
         AtomNode *node = MakeNode(head, position, nullptr, rules);
         if (node == nullptr) return -99;
         if (last == nullptr) {
@@ -257,7 +274,8 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
 
 int32_t ReadAtomTree(Root_atom *root, const TreeRules &rules, ReadAhead **window) {
     if (ReadTopLevelAtoms(root, rules, window) < 0) return -99;
-    const HeadSource source{root, window};
+    uint64_t nodesLeft = root->FileSize / kHeadBytes;
+    const HeadSource source{root, window, &nodesLeft};
     for (AtomNode *atom = root->FirstAtom; atom != nullptr; atom = atom->NextSibling) {
         const bool known = IsKnownAtomName(atom->AtomName, rules.Reader) >= 0;
         const uint64_t children = known ? ChildStart(source, atom) : 0;

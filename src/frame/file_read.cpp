@@ -46,7 +46,9 @@ size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t
                    size_t count) {
     if (count > kReadAheadLargest) return ReadFileAt(root->FileStream, offset, bytes, count);
     ReadAhead *held = *window;
-    if (held != nullptr && offset >= held->Start && offset + count <= held->Start + held->Length) {
+    // Compared without sums: an offset near 2^64 plus a count would wrap.
+    if (held != nullptr && offset >= held->Start && count <= held->Length &&
+        offset - held->Start <= held->Length - count) {
         std::memcpy(bytes, held->Bytes() + (offset - held->Start), count);
         return count;
     }
