@@ -214,8 +214,9 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
         {1, "moov/trak/mdia/minf/stbl/stsd/stpp/btrt", 1, -97, "000000000000000000000000"},
         {1, "moov/trak/mdia/minf/stbl/stsd/abcd/btrt", -97, -97, ""},
         {2, "uuid", 1, 1, "0400a5010500a5010600a5010700a501"},
-        {3, "mdat", -94, -94, std::to_string((17u << 20) - 8)},
-        {4, "mdat", -96, -96, ""},
+        // The modern reader takes a top-level atom past the end as a cut file.
+        {3, "mdat", -97, -94, std::to_string((17u << 20) - 8)},
+        {4, "mdat", -97, -96, ""},
         {5, "moov/trak/mdia/minf/stbl/stsd/mp4a/esds", 1, 1, "0000000003" "1a000100" "0412" "4015" "0000000000000000000000" "05032b1188" "060102"},
     };
     for (const Case &c : cases) {
