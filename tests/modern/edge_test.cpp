@@ -8,6 +8,7 @@
 
 #include "atoms/atoms.h"
 #include "mp4core.h"
+#include "support/listing.h"
 #include "support/mini_mp4.h"
 #include "support/test_support.h"
 
@@ -65,6 +66,7 @@ TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
         {"64-bit size below its head", Cat({U32(1), Text("mdat"), U32(0), U32(15)}), -96, 0, 0},
         {"one-sample video reads", Fixture("mpeg4_one_frame.mp4"), 1, 2, 1, 1},
         {"sound entry without sound fields", MiniFile("audio 3 stsd 1,16,1836069747,0,0"), 1, 1, 1, 3},
+        {"stsz cut before its count", MiniFile("video 1 stsz 5"), 1, 1, -97, 0},
         {"empty file", {}, -95, 0, 0},
     };
     for (const Case &c : cases) {
@@ -236,12 +238,30 @@ TEST(ModernEdges, OnlyContainersHaveChildrenAndUuidKeepsItsType) {
     int uuids = 0;
     CountUuids(f.handle->RootAtom->FirstAtom, &uuids);
     EXPECT_EQ(uuids, 7);
-    ModernFile audio(MiniFile("audio 3"));
-    uint8_t *config = nullptr;
-    uint32_t size = 0;
-    ASSERT_EQ(MP4GetDecoderConfig(audio.handle, 1, MP4_TRACK_AUDIO, &config, &size), 1);
-    EXPECT_EQ(Bytes(config, config + size), Hex("12 10"));
-    MP4freeData(reinterpret_cast<void **>(&config));
+    // The second "esds" has a URL in its ES descriptor, which is stepped over.
+    for (const char *line : {"audio 3", "video 1 entry mp4v 176 144 0000002A657364730000000003"
+                                        "1C00014002616204112011000000000000000000000005021210060102"}) {
+        ModernFile f(MiniFile(line));
+        uint8_t *config = nullptr;
+        uint32_t size = 0;
+        ASSERT_EQ(MP4GetDecoderConfig(f.handle, 1, line[0] == 'a' ? 2 : 1, &config, &size), 1) << line;
+        EXPECT_EQ(Bytes(config, config + size), Hex("12 10"));
+        MP4freeData(reinterpret_cast<void **>(&config));
+    }
+}
+
+// AC-3's "dac3": the channels of each coding mode, and one more for the LFE
+// (here on the odd modes).
+TEST(ModernEdges, Ac3ChannelsOfEveryCodingMode) {
+    const uint32_t channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
+    for (uint32_t mode = 0; mode < 8; ++mode) {
+        const uint32_t dac3 = 0x10000000u | (mode << 19) | (mode & 1) << 18;
+        ModernFile f(MiniFile(Format("audio 1 stsd 1,48,1633889587,0,1,0,0,131088,0,3145728000,12,1684103987,%u", dac3)));
+        MP4TrackInfo info{};
+        ASSERT_EQ(MP4GetTrackInfo(f.handle, 0, &info), 1);
+        EXPECT_EQ(info.Channels, channels[mode] + (mode & 1)) << mode;
+        EXPECT_EQ(info.SampleRate, 48000u);
+    }
 }
 
 }  // namespace
