@@ -45,10 +45,11 @@ struct MiniTrack {
 //   moov first           "moov" in front of "mdat", so that cuts reach it
 Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks = nullptr);
 
-// A file image written to a temp file and opened with MP4FileOpen, with
-// what the open printed on standard output; closed when the object goes.
+// A file image written to a temp file and opened with MP4FileOpen (with
+// MP4FileOpenEx when `flags` are given), with what the open printed on
+// standard output; closed when the object goes.
 struct OpenedFile {
-    explicit OpenedFile(const Bytes &bytes, int32_t mode = MP4_TABLE_MARKS);
+    explicit OpenedFile(const Bytes &bytes, int32_t mode = MP4_TABLE_MARKS, int64_t flags = -1);
     ~OpenedFile();
     OpenedFile(const OpenedFile &) = delete;
     OpenedFile &operator=(const OpenedFile &) = delete;
