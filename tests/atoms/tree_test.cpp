@@ -18,10 +18,7 @@ namespace {
 
 using namespace testing_support;
 
-// A byte image in a short notation: NAME{...} an atom (its size counted;
-// '_' for a space in the name), NAME@SIZE{...} with a stored size, 5 or
-// 0x1F a big-endian word, z12 twelve zero bytes, #0A0B bytes in hex,
-// 'text' its characters.
+// A byte image in the short notation of tests/data/read/README.md.
 Bytes Image(const std::string &text, size_t &at) {
     Bytes out;
     while (at < text.size() && text[at] != '}') {
