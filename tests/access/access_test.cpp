@@ -183,7 +183,7 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     EXPECT_EQ(MP4freeData(&block), 1);
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(MP4freeData(&block) + MP4freeData(nullptr), 2);
-    EXPECT_EQ(FindVideoTrack(nullptr, 1, nullptr), -99);  // every call checks the handle before; so does the look-up
+    EXPECT_EQ(FindVideoTrack(nullptr, 1, nullptr) + FindAudioTrack(nullptr, 1, nullptr), -198);  // as every call does before
 }
 
 // A file emptied after the open: the read meets its end at once, and an
