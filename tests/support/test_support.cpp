@@ -78,11 +78,6 @@ Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> bo
     return Atom(name, {inner});
 }
 
-TempFile::TempFile(const Bytes &contents, const std::string &suffix) : path_(UniquePath(suffix)) {
-    WriteWholeFile(path_, contents);
-}
-TempFile::~TempFile() { std::remove(path_.c_str()); }
-
 TempPath::TempPath(const std::string &suffix) : path_(UniquePath(suffix)) {}
 TempPath::~TempPath() { std::remove(path_.c_str()); }
 

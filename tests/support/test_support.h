@@ -28,20 +28,6 @@ Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> bo
 // An atom whose size field says `storedSize` whatever the body holds.
 Bytes AtomWithSize(uint32_t storedSize, const char *name, std::initializer_list<Bytes> body = {});
 
-// A file under the system's temp folder, removed when the object goes.
-class TempFile {
-public:
-    explicit TempFile(const Bytes &contents = {}, const std::string &suffix = ".mp4");
-    ~TempFile();
-    TempFile(const TempFile &) = delete;
-    TempFile &operator=(const TempFile &) = delete;
-    const std::string &path() const { return path_; }
-    const char *c_str() const { return path_.c_str(); }
-
-private:
-    std::string path_;
-};
-
 // A path under the temp folder that does not exist yet; removed (if made)
 // when the object goes.
 class TempPath {
@@ -55,6 +41,15 @@ public:
 
 private:
     std::string path_;
+};
+
+void WriteWholeFile(const std::string &path, const Bytes &bytes);
+
+// A file of these contents under the temp folder, removed when the object goes.
+struct TempFile : TempPath {
+    explicit TempFile(const Bytes &contents = {}, const std::string &suffix = ".mp4") : TempPath(suffix) {
+        WriteWholeFile(path(), contents);
+    }
 };
 
 // Captures what is written to a standard stream (stdout or stderr) from
@@ -76,7 +71,6 @@ private:
 };
 
 Bytes ReadWholeFile(const std::string &path);
-void WriteWholeFile(const std::string &path, const Bytes &bytes);
 // Path of a file in tests/data.
 std::string FixturePath(const std::string &name);
 bool FileExists(const std::string &path);
