@@ -19,6 +19,9 @@ Bytes Zeros(size_t count);
 Bytes Text(const std::string &text);    // the characters, no terminator
 Bytes Hex(const std::string &hex);      // "00 00 01 B0" -> bytes; spaces ignored
 Bytes Cat(std::initializer_list<Bytes> parts);
+// Bytes in the short notation of tests/data/read/README.md: NAME{...} an
+// atom with its size counted, NAME@SIZE{...}, 5 a word, z12, #0A0B, 'text'.
+Bytes Image(const std::string &text);
 
 // An atom: 32-bit big-endian size (head included), four-character name,
 // then the parts of its body in order.
