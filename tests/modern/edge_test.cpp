@@ -39,8 +39,8 @@ int32_t ReadFirst(MP4_local_file *file, uint32_t *samples) {
 TEST(ModernEdges, HostileAndEdgeFilesGiveTheirCodes) {
     for (const auto &row : ReadRows("read/modern_edges.rows")) {
         SCOPED_TRACE(row.at(0));
-        const std::string &spec = row.at(1), rest = spec.substr(spec.find(' ') + 1);
-        const Bytes file = spec.rfind("file ", 0) == 0 ? Fixture(rest) : spec.rfind("mini ", 0) == 0 ? MiniFile(rest) : Image(spec);
+        const std::string &source = row.at(1), rest = source.substr(source.find(' ') + 1);
+        const Bytes file = source.rfind("file ", 0) == 0 ? Fixture(rest) : source.rfind("mini ", 0) == 0 ? MiniFile(rest) : Image(source);
         testing::internal::CaptureStdout();
         const size_t heapBefore = mallinfo2().uordblks;
         const auto start = std::chrono::steady_clock::now();
