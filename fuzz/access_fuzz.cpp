@@ -21,9 +21,7 @@ namespace {
 struct Random {
     uint64_t state;
     uint32_t Next() {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
+        state ^= state << 13, state ^= state >> 7, state ^= state << 17;
         return uint32_t(state >> 16);
     }
     uint32_t Below(uint32_t bound) { return bound == 0 ? 0 : Next() % bound; }
@@ -58,10 +56,6 @@ std::vector<TrackChoice> TracksOf(const MP4_local_file *file) {
     return tracks;
 }
 
-void Release(int32_t result, MP4Sample *sample) {
-    if (result == 1) SampleDataFree(&sample);
-}
-
 void RunCalls(MP4_local_file *file, Random &random) {
     std::vector<TrackChoice> tracks = TracksOf(file);
     for (int call = 0; call < 48; ++call) {
@@ -69,48 +63,28 @@ void RunCalls(MP4_local_file *file, Random &random) {
         if (!tracks.empty() && random.Below(8) != 0) track = tracks[random.Below(uint32_t(tracks.size()))];
         if (random.Below(16) == 0) track.type = track.type == 1 ? 2 : 1;
         MP4Sample *sample = nullptr;
+        uint32_t position = 0;
+        void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
+        Mp4MediaInfo *info = nullptr;
+        int32_t result = 0;
         switch (random.Below(8)) {
-        case 0:
-            Release(GetNextSample(file, track.id, track.type, &sample), sample);
+        case 0: result = GetNextSample(file, track.id, track.type, &sample); break;
+        case 1: result = GetSample(file, track.id, track.type, PickTime(random, track.duration), &sample); break;
+        case 2: result = SeekTrack(file, track.id, track.type, PickTime(random, track.duration), &sample); break;
+        case 3: SeekTrackPos(file, track.id, track.type, PickTime(random, track.duration), &position); break;
+        case 4: result = NextKeyFrame(file, track.id, track.type, &sample); break;
+        case 5: result = PrevKeyFrame(file, track.id, track.type, &sample); break;
+        case 6:
+            Mp4VideoSeek(file, random.Below(16) == 0 ? 1u : 0u, int32_t(random.Below(track.samples + 3)) - 1, &position,
+                         context, context, 0, 0, 0, 0);
             break;
-        case 1:
-            Release(GetSample(file, track.id, track.type, PickTime(random, track.duration), &sample),
-                    sample);
-            break;
-        case 2:
-            Release(SeekTrack(file, track.id, track.type, PickTime(random, track.duration), &sample),
-                    sample);
-            break;
-        case 3: {
-            uint32_t position = 0;
-            SeekTrackPos(file, track.id, track.type, PickTime(random, track.duration), &position);
-            break;
+        default:
+            if (RetMp4MediaInfo(file, track.id, track.type, &info) != 1) break;
+            for (uint8_t **block : {&info->EsdsData, &info->D263Data, &info->DamrData})
+                MP4freeData(reinterpret_cast<void **>(block));
+            MP4freeData(reinterpret_cast<void **>(&info));
         }
-        case 4:
-            Release(NextKeyFrame(file, track.id, track.type, &sample), sample);
-            break;
-        case 5:
-            Release(PrevKeyFrame(file, track.id, track.type, &sample), sample);
-            break;
-        case 6: {
-            void *context[MP4_DECORE_CONTEXT_SLOT + 1] = {};
-            uint32_t result = 0;
-            int32_t target = int32_t(random.Below(track.samples + 3)) - 1;
-            Mp4VideoSeek(file, random.Below(16) == 0 ? 1u : 0u, target, &result, context, context,
-                         0, 0, 0, 0);
-            break;
-        }
-        default: {
-            Mp4MediaInfo *info = nullptr;
-            if (RetMp4MediaInfo(file, track.id, track.type, &info) == 1) {
-                MP4freeData(reinterpret_cast<void **>(&info->EsdsData));
-                MP4freeData(reinterpret_cast<void **>(&info->D263Data));
-                MP4freeData(reinterpret_cast<void **>(&info->DamrData));
-                MP4freeData(reinterpret_cast<void **>(&info));
-            }
-            break;
-        }
-        }
+        if (result == 1) SampleDataFree(&sample);
     }
 }
 

@@ -14,10 +14,7 @@
 namespace {
 
 void FreeInfo(Mp4MediaInfo *info) {
-    free(info->EsdsData);
-    free(info->D263Data);
-    free(info->DamrData);
-    free(info);
+    for (uint8_t *block : {info->EsdsData, info->D263Data, info->DamrData, reinterpret_cast<uint8_t *>(info)}) free(block);
 }
 
 void DescribeTrack(MP4_local_file *file, uint32_t trackId, int32_t type) {

@@ -20,11 +20,8 @@ void ReadByCursor(MP4_local_file *file, uint32_t trackId, int32_t type, uint32_t
     for (uint64_t turn = 0; turn <= uint64_t(count) + 1; ++turn) {
         MP4Sample *sample = nullptr;
         const int32_t result = GetNextSample(file, trackId, type, &sample);
-        if (result == 1) {
-            SampleDataFree(&sample);
-        } else if (result != -82 && result != -87 && result != -83) {
-            break;
-        }
+        if (result == 1) SampleDataFree(&sample);
+        else if (result != -82 && result != -87 && result != -83) break;
     }
     for (int32_t time : {-1, 0, 1000, 1 << 24, INT32_MAX}) {
         MP4Sample *sample = nullptr;

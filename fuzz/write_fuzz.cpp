@@ -6,6 +6,7 @@
 // that is written must open and hand out its samples; the temp files must
 // be gone.
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -41,6 +42,10 @@ std::string gOutput, gVideoTemp, gAudioTemp, gFragmentedOutput;
 uint8_t gPattern[4096];
 
 bool Exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+[[noreturn]] void Fail(const char *what) {
+    std::fprintf(stderr, "%s\n", what);
+    std::abort();
+}
 
 void CreateFromScript(MP4_local_file *file, Script &s) {
     const uint32_t type = s.U8() % 7;
@@ -76,11 +81,7 @@ void AddFromScript(MP4_local_file *file, Script &s, uint32_t *videoTime, uint32_
         const uint32_t size = s.U8();
         for (uint32_t i = 0; i < count; ++i) {
             const uint32_t key = keyEvery == 0 ? 0 : (i % keyEvery == 0 ? 1 : 0);
-            if (video) {
-                AddVideoFrame(file, size, gPattern, i, time, key, uint8_t(i & 1));
-            } else {
-                AddAudioFrame(file, size, gPattern, time);
-            }
+            video ? AddVideoFrame(file, size, gPattern, i, time, key, uint8_t(i & 1)) : AddAudioFrame(file, size, gPattern, time);
             time += step;
         }
         return;
@@ -91,27 +92,19 @@ void AddFromScript(MP4_local_file *file, Script &s, uint32_t *videoTime, uint32_
     // Mostly forward; now and then back, which the intake refuses.
     time = jump == 0xFF ? time - s.U16() : time + jump * uint32_t(s.U8() + 1);
     const uint32_t key = s.U8() % 3;
-    if (video) {
-        AddVideoFrame(file, uint32_t(size), bytes, s.U16(), time, key, s.U8() & 1);
-    } else {
-        AddAudioFrame(file, uint32_t(size), bytes, time);
-    }
+    video ? AddVideoFrame(file, uint32_t(size), bytes, s.U16(), time, key, s.U8() & 1)
+          : AddAudioFrame(file, uint32_t(size), bytes, time);
 }
 
 // Every sample of every track the reader finds must come out.
 void ReadBack(const std::string &output, bool fragmented) {
     MP4_local_file *file = nullptr;
-    if (MP4FileOpenEx(&file, output.c_str(), 1, fragmented ? MP4_OPEN_MODERN : 0) != 1) {
-        std::fprintf(stderr, "a written file does not open\n");
-        std::abort();
-    }
-    for (uint32_t id = 1; id <= 5; ++id) {
+    if (MP4FileOpenEx(&file, output.c_str(), 1, fragmented ? MP4_OPEN_MODERN : 0) != 1) Fail("a written file does not open");
+    for (uint32_t id = 1; id <= 5; ++id)
         for (int32_t type = 1; type <= 2; ++type) {
             MP4Sample *sample = nullptr;
-            for (int n = 0; n < 6000 && GetNextSample(file, id, type, &sample) == 1; ++n)
-                SampleDataFree(&sample);
+            for (int n = 0; n < 6000 && GetNextSample(file, id, type, &sample) == 1; ++n) SampleDataFree(&sample);
         }
-    }
     MP4FileClose(&file);
 }
 
@@ -119,9 +112,7 @@ void ReadBack(const std::string &output, bool fragmented) {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     const std::string base = "/tmp/mp4core_write_fuzz_" + std::to_string(getpid());
-    gOutput = base + ".mp4";
-    gVideoTemp = base + ".video";
-    gAudioTemp = base + ".audio";
+    gOutput = base + ".mp4", gVideoTemp = base + ".video", gAudioTemp = base + ".audio";
     for (size_t i = 0; i < sizeof gPattern; ++i) gPattern[i] = uint8_t(i * 13);
     const int memory = memfd_create("write_fuzz_output", 0);
     gFragmentedOutput = memory < 0 ? gOutput : "/proc/self/fd/" + std::to_string(memory);
@@ -139,26 +130,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     MP4_local_file *file = nullptr;
     if (MP4FileNewEx(&file, output.c_str(), flags) != 1) return 0;
     uint32_t videoTime = 0, audioTime = 0;
-    for (int steps = 0; !s.Done() && steps < 64; ++steps) {
-        if (s.U8() % 4 == 0) {
-            CreateFromScript(file, s);
-        } else {
-            AddFromScript(file, s, &videoTime, &audioTime);
-        }
-    }
+    for (int steps = 0; !s.Done() && steps < 64; ++steps)
+        s.U8() % 4 == 0 ? CreateFromScript(file, s) : AddFromScript(file, s, &videoTime, &audioTime);
     MP4FileFlush(file);
-    if (Exists(gVideoTemp) || Exists(gAudioTemp)) {
-        std::fprintf(stderr, "a temp file outlived the flush\n");
-        std::abort();
-    }
-    FILE *out = std::fopen(output.c_str(), "rb");
-    long length = 0;
-    if (out != nullptr) {
-        std::fseek(out, 0, SEEK_END);
-        length = std::ftell(out);
-        std::fclose(out);
-    }
-    if (length > 0) ReadBack(output, flags != 0);
+    if (Exists(gVideoTemp) || Exists(gAudioTemp)) Fail("a temp file outlived the flush");
+    struct stat written {};
+    if (stat(output.c_str(), &written) == 0 && written.st_size > 0) ReadBack(output, flags != 0);
     if (flags == 0) std::remove(gOutput.c_str());
     return 0;
 }

@@ -56,22 +56,8 @@ template <typename Track> Track *Find(Track *track, uint32_t id) {
     return track;
 }
 
-// Runs the calls of `script` on `file`, one transcript line per call.
-//   v3 a3 t3.5  use track 3 as video, as audio, as type 5
-//   n g15 s15 p15 k b  GetNextSample, GetSample, SeekTrack, SeekTrackPos,
-//                      NextKeyFrame, PrevKeyFrame (with a time)
-//   !s15 ?s15          the same call with a null file, a null out argument
-//   d6                 Mp4VideoSeek to sample 6 ('?': a null word 1), with
-//                      what reached the decoder and every video cursor
-//   c4 m2              put the video track's cursor, its key frame cursor on 4, 2
-//   f2 r1 W X w        the next seek: the decoder's call 2 fails, reserved 1,
-//                      a null context word, a null context, word 1 above 32 bits
-//   x                  forget the video track last used
-//   R                  take the track's sample records away (again: put back)
-//   A2                 append 2 bytes to the file, as a writer still at work does
-//   K                  plant a key mark in a record just behind the video table
-// A sample is shown by the number its bytes hold, its time, size and key
-// mark, then where the track's cursor stands.
+// Runs the calls of `script` on `file`, one transcript line per call (the
+// notation is in tests/data/read/README.md).
 std::string RunScript(MP4_local_file *file, const std::string &script) {
     std::istringstream in(script);
     std::string token, text, prefix;  // prefix: the settings before the call
@@ -197,6 +183,7 @@ TEST(Access, SamplesOutliveTheHandleAndTheFreeCallsNullThePointer) {
     EXPECT_EQ(MP4freeData(&block), 1);
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(MP4freeData(&block) + MP4freeData(nullptr), 2);
+    EXPECT_EQ(FindVideoTrack(nullptr, 1, nullptr) + FindAudioTrack(nullptr, 1, nullptr), -198);  // as every call does before
 }
 
 // A file emptied after the open: the read meets its end at once, and an

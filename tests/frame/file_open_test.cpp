@@ -80,7 +80,7 @@ TEST(FileOpen, HelpersOutsideTheReadingPath) {
     EXPECT_EQ(errors.Text(), "to standard error\n");
     std::string results;
     for (const Bytes &file : {Atom("moov", {Atom("mvhd", {Zeros(100)}), Atom("trak")}), Atom("moov", {Atom("zzzz")}),
-                              AtomWithSize(200, "moov", {Atom("trak")})}) {
+                              AtomWithSize(200, "moov", {Atom("trak")}), Atom("moov", {AtomWithSize(4, "trak"), Zeros(4)})}) {
         TempFile temp(file);
         FILE *stream = std::fopen(temp.c_str(), "rb");
         AtomNode parent{};
@@ -91,7 +91,7 @@ TEST(FileOpen, HelpersOutsideTheReadingPath) {
         ReleaseChildAtoms(&parent);
         std::fclose(stream);
     }
-    EXPECT_EQ(results, "1 [mvhd] @8 size 108\n[trak] @116 size 8\n-1 -99 Read data from file error!/[trak] @8 size 8\n");
+    EXPECT_EQ(results, "1 [mvhd] @8 size 108\n[trak] @116 size 8\n-1 -99 Read data from file error!/[trak] @8 size 8\n-1 ");
     AtomNode child{}, mdat{};
     CopyAtomName(child.AtomName, "mvhd");
     CopyAtomName(mdat.AtomName, "mdat");

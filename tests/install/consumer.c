@@ -5,31 +5,17 @@
 #include <stdio.h>
 
 int main(int argc, char **argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s FILE.mp4\n", argv[0]);
-        return 2;
-    }
     FileInfo info;
-    if (GetFileInfo(argv[1], &info) != 1) {
-        fprintf(stderr, "GetFileInfo failed\n");
-        return 1;
-    }
     MP4_local_file *file = NULL;
-    int32_t result = MP4FileOpen(&file, argv[1], MP4_TABLE_KEYFRAMES);
-    if (result != 1) {
-        fprintf(stderr, "MP4FileOpen failed: %d\n", (int)result);
-        return 1;
-    }
     MP4Sample *sample = NULL;
-    result = GetNextSample(file, 1, MP4_TRACK_VIDEO, &sample);
-    if (result != 1) {
-        fprintf(stderr, "GetNextSample failed: %d\n", (int)result);
+    if (argc != 2 || GetFileInfo(argv[1], &info) != 1 || MP4FileOpen(&file, argv[1], MP4_TABLE_KEYFRAMES) != 1 ||
+        GetNextSample(file, 1, MP4_TRACK_VIDEO, &sample) != 1) {
+        fprintf(stderr, "usage: %s FILE.mp4, of a file whose first video sample reads\n", argv[0]);
         MP4FileClose(&file);
         return 1;
     }
-    printf("consumer: %ux%u, %u frames, first sample %u bytes, key %u\n",
-           (unsigned)info.VideoWidth, (unsigned)info.VideoHeight,
-           (unsigned)info.VideoFrameCount, (unsigned)sample->Size,
+    printf("consumer: %ux%u, %u frames, first sample %u bytes, key %u\n", (unsigned)info.VideoWidth,
+           (unsigned)info.VideoHeight, (unsigned)info.VideoFrameCount, (unsigned)sample->Size,
            (unsigned)sample->IsKeyFrame);
     SampleDataFree(&sample);
     MP4FileClose(&file);

@@ -8,49 +8,24 @@
 #include <cstdlib>
 #include <memory>
 
-namespace {
-
-struct CloseFile {
-    void operator()(MP4_local_file *file) const { MP4FileClose(&file); }
-};
-
-}  // namespace
-
 int main(int argc, char **argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s FILE.mp4 AUDIO_TRACK_ID\n", argv[0]);
-        return 2;
-    }
     FileInfo info;
-    if (GetFileInfo(argv[1], &info) != 1) {
-        std::fprintf(stderr, "GetFileInfo failed\n");
-        return 1;
-    }
     MP4_local_file *raw = nullptr;
-    if (MP4FileOpen(&raw, argv[1], MP4_TABLE_MARKS) != 1) {
-        std::fprintf(stderr, "MP4FileOpen failed\n");
+    if (argc != 3 || GetFileInfo(argv[1], &info) != 1 || MP4FileOpen(&raw, argv[1], MP4_TABLE_MARKS) != 1) {
+        std::fprintf(stderr, "usage: %s FILE.mp4 AUDIO_TRACK_ID, of a file that opens\n", argv[0]);
         return 1;
     }
-    std::unique_ptr<MP4_local_file, CloseFile> file(raw);
+    const auto close = [](MP4_local_file *file) { MP4FileClose(&file); };
+    std::unique_ptr<MP4_local_file, decltype(close)> file(raw, close);
     const auto track = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
-
     uint32_t count = 0;
     uint64_t bytes = 0;
-    for (;;) {
-        MP4Sample *sample = nullptr;
-        const int32_t result = GetNextSample(file.get(), track, MP4_TRACK_AUDIO, &sample);
-        if (result == 0) break;
-        if (result != 1) {
-            std::fprintf(stderr, "GetNextSample failed at sample %u: %d\n", count,
-                         static_cast<int>(result));
-            return 1;
-        }
-        ++count;
+    int32_t result = 1;
+    for (MP4Sample *sample = nullptr; (result = GetNextSample(file.get(), track, MP4_TRACK_AUDIO, &sample)) == 1; ++count) {
         bytes += sample->Size;
         SampleDataFree(&sample);
     }
-    std::printf("consumer: %u audio samples of %u, %llu bytes, %u Hz\n", count,
-                info.AudioSampleCount, static_cast<unsigned long long>(bytes),
-                info.AudioSampleRate);
-    return count == info.AudioSampleCount && count > 0 ? 0 : 1;
+    std::printf("consumer: %u audio samples of %u, %llu bytes, %u Hz\n", count, info.AudioSampleCount,
+                static_cast<unsigned long long>(bytes), info.AudioSampleRate);
+    return result == 0 && count == info.AudioSampleCount && count > 0 ? 0 : 1;
 }

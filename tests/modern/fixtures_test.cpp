@@ -62,13 +62,6 @@ std::string Join(const std::vector<std::vector<std::string>> &rows) {
     return out;
 }
 
-template <typename... Values>
-std::string Format(const char *format, Values... values) {
-    char buffer[512];
-    std::snprintf(buffer, sizeof buffer, format, values...);
-    return buffer;
-}
-
 bool InfoOf(MP4_local_file *file, uint32_t id, MP4TrackInfo *info) {
     uint32_t count = 0;
     MP4GetTrackCount(file, &count);

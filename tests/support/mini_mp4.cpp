@@ -191,9 +191,9 @@ Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks) {
     return image;
 }
 
-OpenedFile::OpenedFile(const Bytes &bytes, int32_t mode) : file(bytes) {
+OpenedFile::OpenedFile(const Bytes &bytes, int32_t mode, int64_t flags) : file(bytes) {
     CaptureStream capture(stdout);
-    result = MP4FileOpen(&handle, file.c_str(), mode);
+    result = flags < 0 ? MP4FileOpen(&handle, file.c_str(), mode) : MP4FileOpenEx(&handle, file.c_str(), mode, uint32_t(flags));
     output = capture.Text();
 }
 

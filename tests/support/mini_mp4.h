@@ -26,29 +26,15 @@ struct MiniTrack {
     std::map<std::string, Bytes> replace;  // for the generated child; empty drops it
 };
 
-// The file of one line, tracks separated by ';', each a list of words
-// applied in order (the rows of tests/data/read/*.rows):
-//   video N | audio N    N samples holding their number (low, high byte),
-//                        0xA5 and the track ID; video: key frame 0 in "stss"
-//   scan T,T.. | scan -  video of planes of these coding types, no "stss";
-//                        lead L: bytes in front of each start code; first F:
-//                        the first plane's payload (the others have 6 bytes)
-//   keys K,K.. | keys -  the key frames (0-based) in "stss"
-//   id I, handler NAME, ticks D, chunk N (samples per chunk), sample HEX
-//   entry mp4v W H HEX|- | entry s263 W H | entry mp4a | entry NAME (78 zero
-//                        bytes): the sample entry; HEX: the mp4v's first child
-//   empty I | cut I      sample I of no bytes | in the last two bytes of the
-//                        file (words after a cut must not change sizes)
-//   no NAME | NAME W,W.. the "stbl" child dropped | of these words ("co64"
-//                        stands for "stco")
-//   rename FROM TO N     the Nth name FROM in the file becomes TO
-//   moov first           "moov" in front of "mdat", so that cuts reach it
+// The file of one line, tracks separated by ';' (the notation of the
+// rows in tests/data/read/*.rows, described in tests/data/read/README.md).
 Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks = nullptr);
 
-// A file image written to a temp file and opened with MP4FileOpen, with
-// what the open printed on standard output; closed when the object goes.
+// A file image written to a temp file and opened with MP4FileOpen (with
+// MP4FileOpenEx when `flags` are given), with what the open printed on
+// standard output; closed when the object goes.
 struct OpenedFile {
-    explicit OpenedFile(const Bytes &bytes, int32_t mode = MP4_TABLE_MARKS);
+    explicit OpenedFile(const Bytes &bytes, int32_t mode = MP4_TABLE_MARKS, int64_t flags = -1);
     ~OpenedFile();
     OpenedFile(const OpenedFile &) = delete;
     OpenedFile &operator=(const OpenedFile &) = delete;

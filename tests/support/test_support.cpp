@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cstdlib>
@@ -19,6 +20,32 @@ std::string UniquePath(const std::string &suffix) {
     std::string base = (dir != nullptr && *dir != '\0') ? dir : "/tmp";
     return base + "/mp4core_test_" + std::to_string(getpid()) + "_" +
            std::to_string(counter++) + suffix;
+}
+
+Bytes ImageAt(const std::string &text, size_t &at) {
+    Bytes out;
+    while (at < text.size() && text[at] != '}') {
+        const size_t end = std::min(text.find_first_of(" {}", at), text.size());
+        const std::string word = text.substr(at, end - at);
+        at = end + (end < text.size() && text[end] == ' ');
+        if (word.empty()) continue;
+        if (std::isdigit(static_cast<unsigned char>(word[0]))) out = Cat({out, U32(uint32_t(std::stoul(word, nullptr, 0)))});
+        else if (word[0] == 'z' && word.size() > 1 && std::isdigit(static_cast<unsigned char>(word[1]))) out = Cat({out, Zeros(std::stoul(word.substr(1)))});
+        else if (word[0] == '#') out = Cat({out, Hex(word.substr(1))});
+        else if (word[0] == '\'') out = Cat({out, Text(word.substr(1, word.size() - 2))});
+        else {
+            Bytes body;
+            if (at < text.size() && text[at] == '{') {
+                body = ImageAt(text, ++at);
+                ++at;  // the '}'
+            }
+            std::string name = word.substr(0, 4);
+            std::replace(name.begin(), name.end(), '_', ' ');
+            const uint32_t size = word.size() > 5 ? uint32_t(std::stoul(word.substr(5), nullptr, 0)) : uint32_t(8 + body.size());
+            out = Cat({out, U32(size), Text(name), body});
+        }
+    }
+    return out;
 }
 
 }  // namespace
@@ -51,6 +78,11 @@ Bytes Hex(const std::string &hex) {
     return out;
 }
 
+Bytes Image(const std::string &text) {
+    size_t at = 0;
+    return ImageAt(text, at);
+}
+
 Bytes Cat(std::initializer_list<Bytes> parts) {
     Bytes out;
     for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
@@ -77,11 +109,6 @@ Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> bo
     for (const Bytes &part : body) inner.insert(inner.end(), part.begin(), part.end());
     return Atom(name, {inner});
 }
-
-TempFile::TempFile(const Bytes &contents, const std::string &suffix) : path_(UniquePath(suffix)) {
-    WriteWholeFile(path_, contents);
-}
-TempFile::~TempFile() { std::remove(path_.c_str()); }
 
 TempPath::TempPath(const std::string &suffix) : path_(UniquePath(suffix)) {}
 TempPath::~TempPath() { std::remove(path_.c_str()); }

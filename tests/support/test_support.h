@@ -19,6 +19,9 @@ Bytes Zeros(size_t count);
 Bytes Text(const std::string &text);    // the characters, no terminator
 Bytes Hex(const std::string &hex);      // "00 00 01 B0" -> bytes; spaces ignored
 Bytes Cat(std::initializer_list<Bytes> parts);
+// Bytes in the short notation of tests/data/read/README.md: NAME{...} an
+// atom with its size counted, NAME@SIZE{...}, 5 a word, z12, #0A0B, 'text'.
+Bytes Image(const std::string &text);
 
 // An atom: 32-bit big-endian size (head included), four-character name,
 // then the parts of its body in order.
@@ -27,20 +30,6 @@ Bytes Atom(const char *name, std::initializer_list<Bytes> body = {});
 Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> body = {});
 // An atom whose size field says `storedSize` whatever the body holds.
 Bytes AtomWithSize(uint32_t storedSize, const char *name, std::initializer_list<Bytes> body = {});
-
-// A file under the system's temp folder, removed when the object goes.
-class TempFile {
-public:
-    explicit TempFile(const Bytes &contents = {}, const std::string &suffix = ".mp4");
-    ~TempFile();
-    TempFile(const TempFile &) = delete;
-    TempFile &operator=(const TempFile &) = delete;
-    const std::string &path() const { return path_; }
-    const char *c_str() const { return path_.c_str(); }
-
-private:
-    std::string path_;
-};
 
 // A path under the temp folder that does not exist yet; removed (if made)
 // when the object goes.
@@ -55,6 +44,15 @@ public:
 
 private:
     std::string path_;
+};
+
+void WriteWholeFile(const std::string &path, const Bytes &bytes);
+
+// A file of these contents under the temp folder, removed when the object goes.
+struct TempFile : TempPath {
+    explicit TempFile(const Bytes &contents = {}, const std::string &suffix = ".mp4") : TempPath(suffix) {
+        WriteWholeFile(path(), contents);
+    }
 };
 
 // Captures what is written to a standard stream (stdout or stderr) from
@@ -76,7 +74,6 @@ private:
 };
 
 Bytes ReadWholeFile(const std::string &path);
-void WriteWholeFile(const std::string &path, const Bytes &bytes);
 // Path of a file in tests/data.
 std::string FixturePath(const std::string &name);
 bool FileExists(const std::string &path);

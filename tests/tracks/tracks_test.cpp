@@ -36,6 +36,9 @@ int32_t FillResult(const OpenedFile &opened, const MiniTrack &track, int32_t mod
     }
     TrackNode *none = nullptr;  // no record to fill, whatever the tree
     EXPECT_EQ(FillVideoTables(&none, &root, mode), -99);
+    EXPECT_EQ(CreateAudioTables(&none, 1, mode), 1);  // records but no "trak" atom
+    EXPECT_EQ(FillAudioTables(&none, mode), -99);
+    ReleaseTrackNodes(&none);
     ReleaseTrackNodes(&holder);
     ReleaseAtomList(root.FirstAtom);
     std::fclose(root.FileStream);

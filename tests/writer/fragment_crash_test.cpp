@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "mp4core.h"
-#include "support/test_support.h"
+#include "support/mini_mp4.h"
 
 namespace {
 
@@ -33,10 +33,9 @@ constexpr size_t kMostMissing = 2 * kFps + 1;
 std::vector<std::string> WholePackets(const std::string &path, bool *partial) {
     Bytes file = ReadWholeFile(path);
     size_t whole = 0;
-    while (whole + 8 <= file.size()) {
-        const size_t size = (size_t(file[whole]) << 24) | (file[whole + 1] << 16) | (file[whole + 2] << 8) | file[whole + 3];
+    for (size_t size; whole + 8 <= file.size(); whole += size) {
+        size = (size_t(file[whole]) << 24) | (file[whole + 1] << 16) | (file[whole + 2] << 8) | file[whole + 3];
         if (size < 8 || whole + size > file.size()) break;
-        whole += size;
     }
     *partial = whole != file.size();
     file.resize(whole);
@@ -97,12 +96,11 @@ void ExpectCutFile(const std::string &path, size_t handed, const std::vector<std
     bool partial = false;
     const std::vector<std::string> packets = WholePackets(path, &partial);
     // The modern reader leaves a partial fragment out and reads the rest.
-    MP4_local_file *file = nullptr;
+    OpenedFile read(ReadWholeFile(path), MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN);
+    EXPECT_EQ(read.result, 1);
     MP4TrackInfo info{};
-    EXPECT_EQ(MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN), 1);
-    EXPECT_EQ(MP4GetTrackInfo(file, 0, &info), 1);
+    EXPECT_EQ(MP4GetTrackInfo(read.handle, 0, &info), 1);
     EXPECT_EQ(info.SampleCount, packets.size());
-    MP4FileClose(&file);
     ASSERT_LE(packets.size(), all.size());
     // The last frame in the file lasts up to the next one; the flush alone
     // gives the last frame of the stream the duration before it.

@@ -373,6 +373,13 @@ TEST(TrackBlocks, RefuseNoSlotsNoBlockAndNoTrakAtom) {
     EXPECT_EQ(AddTrackBlock(nullptr, 1), -98);
     EXPECT_EQ(head.SampleCapacity, 0u);
     EXPECT_EQ(SerializeTrack(&head), -99);
+    AtomNode stsd{}, entry{};  // whose first child is no sample entry
+    uint8_t record[64] = {};
+    CopyAtomName(stsd.AtomName, "stsd"), CopyAtomName(entry.AtomName, "free");
+    stsd.realStructure = record, stsd.FirstChild = &entry;
+    CaptureStream out(stdout);
+    EXPECT_EQ(SerializeTrackAtom(&stsd, &head), -99);
+    EXPECT_EQ(out.Text(), "the Stsd atom does not contain mp4v or mp4a or mp4s child atom\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Written, Golden,
