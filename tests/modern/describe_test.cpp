@@ -2,7 +2,6 @@
 // facts beside them (entries, header duration, flags), and MP4GetAtom.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -14,32 +13,6 @@
 namespace {
 
 using namespace testing_support;
-
-uint32_t Be32(const Bytes &bytes, size_t at) {
-    return uint32_t(bytes[at]) << 24 | uint32_t(bytes[at + 1]) << 16 | uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
-}
-
-// `image` with its first atom named `name` replaced by `atom`, the sizes of
-// the atoms around it changed to match. MiniFile puts "moov" last, so no
-// sample moves.
-Bytes Swap(Bytes image, const char *name, const Bytes &atom) {
-    const size_t at = size_t(std::search(image.begin(), image.end(), name, name + 4) - image.begin()) - 4;
-    const uint32_t old = Be32(image, at);
-    for (size_t p = 0, end = image.size(); p < end && p != at;) {
-        const uint32_t size = Be32(image, p);
-        if (at <= p || at >= p + size) {
-            p += size;
-            continue;
-        }
-        const Bytes grown = U32(uint32_t(size + atom.size() - old));
-        std::copy(grown.begin(), grown.end(), image.begin() + long(p));
-        end = p + size;
-        p += 8;
-    }
-    image.erase(image.begin() + long(at), image.begin() + long(at + old));
-    image.insert(image.begin() + long(at), atom.begin(), atom.end());
-    return image;
-}
 
 Bytes Visual(const char *name, uint16_t width, uint16_t height, const Bytes &children = {}) {
     return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000), U32(0x480000), U32(0), U16(1),
@@ -59,17 +32,8 @@ Bytes Esds(const std::string &config) {
 
 // A file of one track (`line`) whose "stsd" of this version holds `entries`.
 Bytes WithEntries(const std::string &line, uint8_t version, uint32_t count, const Bytes &entries) {
-    return Swap(MiniFile(line), "stsd", Atom("stsd", {U8(version), Zeros(3), U32(count), entries}));
+    return ReplaceAtom(MiniFile(line), "stsd", Atom("stsd", {U8(version), Zeros(3), U32(count), entries}));
 }
-
-struct ModernFile {
-    TempFile file;
-    MP4_local_file *handle = nullptr;
-    int32_t result;
-    explicit ModernFile(const Bytes &bytes, uint32_t flags = MP4_OPEN_MODERN)
-        : file(bytes), result(MP4FileOpenEx(&handle, file.c_str(), MP4_TABLE_KEYFRAMES, flags)) {}
-    ~ModernFile() { MP4FileClose(&handle); }
-};
 
 // MP4GetAtom's code and payload as hex ("" unless 1; the size for -94).
 std::string AtomAt(MP4_local_file *file, const char *path, int32_t *code) {
@@ -113,7 +77,7 @@ TEST(Describe, EntriesAreReadByTheirHandlerAndConfiguration) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        ModernFile file(c.file);
+        OpenedModern file(c.file);
         MP4TrackInfo info{};
         ASSERT_EQ(MP4GetTrackInfo(file.handle, 0, &info), 1);
         EXPECT_EQ(std::string(info.Format, 4), c.format);
@@ -153,18 +117,18 @@ TEST(Describe, TrackFactsBesideTheSampleTables) {
         uint32_t flags;
     } cases[] = {
         {"two entries", TwoEntries(), 2, 20, 20, 0},
-        {"mirrored matrix", Swap(MiniFile("video 2"), "tkhd", Tkhd(7, kMirror)), 1, 20, 20, MP4_TRACK_MIRRORED},
-        {"disabled track", Swap(MiniFile("video 2"), "tkhd", Tkhd(6, kIdentity)), 1, 20, 20, MP4_TRACK_DISABLED},
-        {"composition offsets", Swap(MiniFile("video 2"), "stss", FullAtom("ctts", 0, {U32(1), U32(2), U32(5)})), 1, 20, 20, MP4_TRACK_COMPOSITION},
+        {"mirrored matrix", ReplaceAtom(MiniFile("video 2"), "tkhd", Tkhd(7, kMirror)), 1, 20, 20, MP4_TRACK_MIRRORED},
+        {"disabled track", ReplaceAtom(MiniFile("video 2"), "tkhd", Tkhd(6, kIdentity)), 1, 20, 20, MP4_TRACK_DISABLED},
+        {"composition offsets", ReplaceAtom(MiniFile("video 2"), "stss", FullAtom("ctts", 0, {U32(1), U32(2), U32(5)})), 1, 20, 20, MP4_TRACK_COMPOSITION},
         {"empty track keeps its header's duration",
-         Swap(MiniFile("video 0"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(1070), U16(0x55C4), U16(0)})), 1, 1070, 0, 0},
-        {"unknown duration", Swap(MiniFile("audio 2"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(~0u), U16(0x55C4), U16(0)})), 1,
+         ReplaceAtom(MiniFile("video 0"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(1070), U16(0x55C4), U16(0)})), 1, 1070, 0, 0},
+        {"unknown duration", ReplaceAtom(MiniFile("audio 2"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(~0u), U16(0x55C4), U16(0)})), 1,
          UINT64_MAX, 20, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         for (uint32_t flags : {0u, uint32_t(MP4_OPEN_MODERN)}) {
-            ModernFile file(c.file, flags);
+            OpenedModern file(c.file, flags);
             MP4TrackInfo info{};
             ASSERT_EQ(MP4GetTrackInfo(file.handle, 0, &info), 1);
             // The classic reader stops at the first "avc1", which it does not know.
@@ -222,7 +186,7 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.path);
         for (uint32_t flags : {uint32_t(MP4_OPEN_MODERN), 0u}) {
-            ModernFile file(files[c.file], flags);
+            OpenedModern file(files[c.file], flags);
             int32_t code = 0;
             const std::string payload = AtomAt(file.handle, c.path, &code);
             const int32_t expected = flags != 0 ? c.modern : c.classic;
@@ -230,7 +194,7 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
             EXPECT_EQ(payload, expected == 1 || expected == -94 ? c.payload : "");
         }
     }
-    ModernFile file(TwoEntries());
+    OpenedModern file(TwoEntries());
     uint8_t *data = nullptr;
     uint64_t size = 0;
     EXPECT_EQ(MP4GetAtom(nullptr, "moov", &data, &size), -99);
@@ -244,7 +208,7 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
 TEST(Describe, FfmpegFilesAgreeWithTheirListings) {
     for (const char *name : {"streams/he_aac.mp4", "describe/hdr_hevc_aac_truehd.mp4"}) {
         SCOPED_TRACE(name);
-        ModernFile file(ReadWholeFile(FixturePath(name)));
+        OpenedModern file(ReadWholeFile(FixturePath(name)));
         std::ifstream streams(FixturePath("describe/" + std::string(std::strrchr(name, '/') + 1) + ".streams"));
         std::map<std::string, std::string> stream;
         uint32_t index = 0;
@@ -266,7 +230,7 @@ TEST(Describe, FfmpegFilesAgreeWithTheirListings) {
         MP4GetTrackCount(file.handle, &count);
         EXPECT_EQ(index, count);
     }
-    ModernFile file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
+    OpenedModern file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
     std::ifstream atoms(FixturePath("describe/hdr_hevc_aac_truehd.mp4.atoms"));
     size_t lines = 0;
     for (std::string path, hex; atoms >> path >> hex; ++lines) {
