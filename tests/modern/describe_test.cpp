@@ -7,6 +7,7 @@
 #include <map>
 
 #include "mp4core.h"
+#include "support/listing.h"
 #include "support/mini_mp4.h"
 #include "support/test_support.h"
 
@@ -154,44 +155,18 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
                          Atom("abcd", {Zeros(8), Atom("btrt", {Zeros(12)})})})),
         MiniFile("video 8 rename mdat uuid 1"), big, short_, WithEntries("audio 2", 1, 1, entry),
     };
-    const std::string path300 = "moov" + std::string(296, 'x');
-    struct Case {
-        size_t file;
-        const char *path;
-        int32_t modern, classic;
-        std::string payload;  // hex, or the size for -94
-    } cases[] = {
-        {0, "moov/trak[1]/mdia/minf/stbl/stsd/*[2]/avcC", 1, -97, "014d001effe000"},
-        {0, "moov/trak/mdia/minf/stbl/stsd/avc1[2]/clli", 1, -97, "03e80190"},
-        {0, "moov/trak/mdia/minf/stbl/stsd/avc1[2]/mdcv", 1, -97, "8a48390821349d081d4c0bb83d13404200989680" "00000032"},
-        {0, "moov/trak/mdia/minf/stbl/stsc", 1, 1, "00000000000000020000000100000001000000010000000200000001" "00000002"},
-        {0, "moov/trak[2]", -97, -97, ""},
-        {0, "moov/trak[0]", -98, -98, ""},
-        {0, "moov/trak[1x]", -98, -98, ""},
-        {0, "moov/trak[]", -98, -98, ""},
-        {0, "moov//trak", -98, -98, ""},
-        {0, "moov/", -98, -98, ""},
-        {0, "moo", -98, -98, ""},
-        {0, "", -98, -98, ""},
-        {0, path300.c_str(), -98, -98, ""},
-        {1, "moov/trak/mdia/minf/stbl/stsd/tx3g/ftab", 1, -97, "00010001055365726966"},
-        {1, "moov/trak/mdia/minf/stbl/stsd/stpp/btrt", 1, -97, "000000000000000000000000"},
-        {1, "moov/trak/mdia/minf/stbl/stsd/abcd/btrt", -97, -97, ""},
-        {2, "uuid", 1, 1, "0400a5010500a5010600a5010700a501"},
-        // The modern reader takes a top-level atom past the end as a cut file.
-        {3, "mdat", -97, -94, std::to_string((17u << 20) - 8)},
-        {4, "mdat", -97, -96, ""},
-        {5, "moov/trak/mdia/minf/stbl/stsd/mp4a/esds", 1, 1, "0000000003" "1a000100" "0412" "4015" "0000000000000000000000" "05032b1188" "060102"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.path);
+    auto rows = ReadRows("read/get_atom.rows");
+    rows.push_back({"0", "moov" + std::string(296, 'x'), "-98", "-98", ""});
+    for (auto &row : rows) {
+        SCOPED_TRACE(row.at(1));
+        row.resize(5);  // a row without a payload
         for (uint32_t flags : {uint32_t(MP4_OPEN_MODERN), 0u}) {
-            OpenedModern file(files[c.file], flags);
+            OpenedModern file(files.at(std::stoul(row.at(0))), flags);
             int32_t code = 0;
-            const std::string payload = AtomAt(file.handle, c.path, &code);
-            const int32_t expected = flags != 0 ? c.modern : c.classic;
+            const std::string payload = AtomAt(file.handle, row.at(1).c_str(), &code);
+            const int32_t expected = std::stoi(row.at(flags != 0 ? 2 : 3));
             EXPECT_EQ(code, expected) << flags;
-            EXPECT_EQ(payload, expected == 1 || expected == -94 ? c.payload : "");
+            EXPECT_EQ(payload, expected == 1 || expected == -94 ? row.at(4) : "");
         }
     }
     OpenedModern file(TwoEntries());
