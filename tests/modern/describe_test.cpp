@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 #include "mp4core.h"
 #include "support/listing.h"
@@ -70,12 +71,6 @@ TEST(Describe, EntriesAreReadByTheirHandlerAndConfiguration) {
     }
 }
 
-const Bytes kMirror = Hex("ffff0000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
-
-Bytes Tkhd(uint32_t flags, const Bytes &matrix) {
-    return FullAtom("tkhd", flags, {U32(0), U32(0), U32(1), Zeros(20), U16(0), U16(0), matrix, U32(176 << 16), U32(144 << 16)});
-}
-
 // Two "avc1" entries (the second with the HDR atoms), the "stsc" switching
 // from the first to the second with the second chunk. (A function: MiniFile
 // uses constants of another file.)
@@ -85,34 +80,20 @@ Bytes TwoEntries() {
 }
 
 TEST(Describe, TrackFactsBesideTheSampleTables) {
-    const Bytes kIdentity = Hex("00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
-    struct Case {
-        const char *name;
-        Bytes file;
-        uint32_t entries;
-        uint64_t headerDuration, duration;
-        uint32_t flags;
-    } cases[] = {
-        {"two entries", TwoEntries(), 2, 20, 20, 0},
-        {"mirrored matrix", ReplaceAtom(MiniFile("video 2"), "tkhd", Tkhd(7, kMirror)), 1, 20, 20, MP4_TRACK_MIRRORED},
-        {"disabled track", ReplaceAtom(MiniFile("video 2"), "tkhd", Tkhd(6, kIdentity)), 1, 20, 20, MP4_TRACK_DISABLED},
-        {"composition offsets", ReplaceAtom(MiniFile("video 2"), "stss", FullAtom("ctts", 0, {U32(1), U32(2), U32(5)})), 1, 20, 20, MP4_TRACK_COMPOSITION},
-        {"empty track keeps its header's duration",
-         ReplaceAtom(MiniFile("video 0"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(1070), U16(0x55C4), U16(0)})), 1, 1070, 0, 0},
-        {"unknown duration", ReplaceAtom(MiniFile("audio 2"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(~0u), U16(0x55C4), U16(0)})), 1,
-         UINT64_MAX, 20, 0},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &row : ReadRows("read/track_facts.rows")) {
+        SCOPED_TRACE(row.at(0));
+        const Bytes bytes = row.at(1).empty() ? TwoEntries() : ReplaceAtom(MiniFile(row[1]), row.at(2).c_str(), Image(row.at(3)));
+        uint64_t entries = 0, headerDuration = 0, duration = 0, trackFlags = 0;
+        std::istringstream(row.at(4)) >> entries >> headerDuration >> duration >> trackFlags;
         for (uint32_t flags : {0u, uint32_t(MP4_OPEN_MODERN)}) {
-            OpenedModern file(c.file, flags);
+            OpenedModern file(bytes, flags);
             MP4TrackInfo info{};
             ASSERT_EQ(MP4GetTrackInfo(file.handle, 0, &info), 1);
             // The classic reader stops at the first "avc1", which it does not know.
-            EXPECT_EQ(info.EntryCount, flags == 0 && c.entries == 2 ? 0u : c.entries);
-            EXPECT_EQ(info.HeaderDuration, c.headerDuration);
-            EXPECT_EQ(info.Duration, flags != 0 ? c.duration : info.Duration);
-            EXPECT_EQ(info.Flags, c.flags);
+            EXPECT_EQ(info.EntryCount, flags == 0 && entries == 2 ? 0u : entries);
+            EXPECT_EQ(info.HeaderDuration, headerDuration);
+            EXPECT_EQ(info.Duration, flags != 0 ? duration : info.Duration);
+            EXPECT_EQ(info.Flags, trackFlags);
             EXPECT_EQ(std::vector<uint32_t>(info.Reserved, info.Reserved + 3), std::vector<uint32_t>(3, 0));
         }
     }
