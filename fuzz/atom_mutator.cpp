@@ -25,21 +25,15 @@ constexpr size_t kMaxAtoms = 4000;
 
 struct Atom {
     char name[4] = {};
-    bool large = false;     // a 64-bit size behind the name
-    bool raw = false;       // bytes that did not read as an atom, kept as they are
-    bool container = false;
-    uint64_t stored = 0;    // the size the input gave it; 0 for none
+    bool large = false, raw = false, container = false;  // raw: bytes that did not read as an atom
+    uint64_t stored = 0;        // the size the input gave it; 0 for none
     std::vector<uint8_t> body;  // the fields before the children; of a leaf, its payload
     std::vector<Atom> kids;
 };
 using Atoms = std::vector<Atom>;
 
 // Containers, with the bytes of fields in front of their children.
-struct Container {
-    char name[5];
-    uint32_t fields;
-};
-constexpr Container kContainers[] = {
+constexpr struct { char name[5]; uint32_t fields; } kContainers[] = {
     {"moov", 0}, {"trak", 0}, {"mdia", 0}, {"minf", 0}, {"stbl", 0}, {"dinf", 0}, {"edts", 0},
     {"udta", 0}, {"mvex", 0}, {"moof", 0}, {"traf", 0}, {"mfra", 0}, {"sinf", 0}, {"schi", 0},
     {"ilst", 0}, {"meta", 4}, {"stsd", 8}, {"dref", 8}, {"avc1", 78}, {"hvc1", 78},
@@ -55,7 +49,9 @@ void Put(uint8_t *p, int bytes, uint64_t value) {
     for (int i = bytes - 1; i >= 0; --i, value >>= 8) p[i] = uint8_t(value);
 }
 
-Atoms Parse(const uint8_t *p, size_t n, int depth, size_t *budget) {
+Atoms Parse(const uint8_t *p, size_t n, int depth = 0, size_t *budget = nullptr) {
+    size_t total = kMaxAtoms;
+    budget = budget != nullptr ? budget : &total;
     Atoms atoms;
     size_t at = 0;
     while (n - at >= 8 && *budget > 0) {
@@ -66,12 +62,11 @@ Atoms Parse(const uint8_t *p, size_t n, int depth, size_t *budget) {
         --*budget;
         Atom atom;
         std::memcpy(atom.name, p + at + 4, 4);
-        atom.large = head == 16;
-        atom.stored = size;
+        atom.large = head == 16, atom.stored = size;
         const uint8_t *payload = p + at + head;
         const size_t length = size_t(size - head);
         size_t fields = length;
-        for (const Container &c : kContainers)
+        for (const auto &c : kContainers)
             if (std::memcmp(c.name, atom.name, 4) == 0 && c.fields <= length && depth < kMaxDepth)
                 fields = c.fields, atom.container = true;
         atom.body.assign(payload, payload + fields);
@@ -80,46 +75,32 @@ Atoms Parse(const uint8_t *p, size_t n, int depth, size_t *budget) {
         at += size_t(size);
     }
     if (at < n) {
-        Atom rest;
-        rest.raw = true;
-        rest.body.assign(p + at, p + n);
-        atoms.push_back(std::move(rest));
+        atoms.emplace_back();
+        atoms.back().raw = true;
+        atoms.back().body.assign(p + at, p + n);
     }
     return atoms;
 }
 
-Atoms ParseInput(const uint8_t *data, size_t size) {
-    size_t budget = kMaxAtoms;
-    return Parse(data, size, 0, &budget);
-}
-
-// Where an atom stands in the output: for the edits of fields.
-struct Place {
-    size_t start;
-    bool large;
-};
+// Where an atom stands in the output, for the edits of fields.
+struct Place { size_t start; bool large; };
 
 // Writes the atoms; with `fixSizes` false every atom the input had keeps
 // its stored size, right or wrong after the edit.
 void Write(const Atoms &atoms, bool fixSizes, std::vector<uint8_t> *out, std::vector<Place> *places) {
     for (const Atom &atom : atoms) {
-        if (atom.raw) {
-            out->insert(out->end(), atom.body.begin(), atom.body.end());
-            continue;
+        const size_t start = out->size();
+        if (!atom.raw) {
+            places->push_back({start, atom.large});
+            out->resize(start + (atom.large ? 16 : 8));
+            std::memcpy(out->data() + start + 4, atom.name, 4);
         }
-        const size_t start = out->size(), head = atom.large ? 16 : 8;
-        places->push_back({start, atom.large});
-        out->resize(start + head);
-        std::memcpy(out->data() + start + 4, atom.name, 4);
         out->insert(out->end(), atom.body.begin(), atom.body.end());
+        if (atom.raw) continue;
         Write(atom.kids, fixSizes, out, places);
         const uint64_t size = fixSizes || atom.stored == 0 ? out->size() - start : atom.stored;
-        if (atom.large) {
-            Put(out->data() + start, 4, 1);
-            Put(out->data() + start + 8, 8, size);
-        } else {
-            Put(out->data() + start, 4, uint32_t(size));
-        }
+        Put(out->data() + start, 4, atom.large ? 1 : uint32_t(size));
+        if (atom.large) Put(out->data() + start + 8, 8, size);
     }
 }
 
@@ -132,10 +113,7 @@ uint32_t Boundary(uint32_t now, std::minstd_rand &random) {
 }
 
 // Every list of siblings, and every atom by its list and index.
-struct Ref {
-    Atoms *list;
-    size_t index;
-};
+struct Ref { Atoms *list; size_t index; Atom &atom() const { return (*list)[index]; } };
 void Collect(Atoms *list, std::vector<Atoms *> *lists, std::vector<Ref> *refs) {
     lists->push_back(list);
     for (size_t i = 0; i < list->size(); ++i) {
@@ -146,9 +124,7 @@ void Collect(Atoms *list, std::vector<Atoms *> *lists, std::vector<Ref> *refs) {
 }
 
 template <typename T>
-T &Pick(std::vector<T> &from, std::minstd_rand &random) {
-    return from[random() % from.size()];
-}
+T &Pick(std::vector<T> &from, std::minstd_rand &random) { return from[random() % from.size()]; }
 
 // Puts `atom` into the tree: next to an atom of its name where there is one
 // (a second table of a kind is a case readers get wrong), else anywhere.
@@ -157,7 +133,7 @@ void Insert(Atoms *tree, Atom atom, std::minstd_rand &random) {
     std::vector<Ref> refs, named;
     Collect(tree, &lists, &refs);
     for (const Ref &r : refs)
-        if (std::memcmp((*r.list)[r.index].name, atom.name, 4) == 0) named.push_back(r);
+        if (std::memcmp(r.atom().name, atom.name, 4) == 0) named.push_back(r);
     if (!named.empty() && random() % 2 == 0) {
         const Ref r = Pick(named, random);
         r.list->insert(r.list->begin() + long(r.index + random() % 2), std::move(atom));
@@ -174,46 +150,39 @@ bool EditTree(Atoms *tree, std::minstd_rand &random) {
     Collect(tree, &lists, &refs);
     if (refs.empty()) return false;
     const Ref r = Pick(refs, random);
+    const auto at = r.list->begin() + long(r.index);
     switch (random() % 4) {
     case 0: {  // duplicate; in half the cases with another value in one of the copy's
                // first words behind version and flags (a count, a constant size)
-        Atom copy = (*r.list)[r.index];
-        const size_t at = 4 * (1 + random() % 3);
-        if (random() % 2 == 0 && copy.body.size() >= at + 4)
-            Put(copy.body.data() + at, 4, Boundary(uint32_t(Get(copy.body.data() + at, 4)), random));
-        r.list->insert(r.list->begin() + long(r.index + 1), std::move(copy));
-        return true;
+        Atom copy = r.atom();
+        const size_t word = 4 * (1 + random() % 3);
+        if (random() % 2 == 0 && copy.body.size() >= word + 4)
+            Put(copy.body.data() + word, 4, Boundary(uint32_t(Get(copy.body.data() + word, 4)), random));
+        r.list->insert(at + 1, std::move(copy));
+        break;
     }
-    case 1:  // drop
-        r.list->erase(r.list->begin() + long(r.index));
-        return true;
-    case 2: {  // swap two siblings
-        Atoms &list = *r.list;
-        std::swap(list[r.index], list[random() % list.size()]);
-        return true;
-    }
+    case 1: r.list->erase(at); break;                                              // drop
+    case 2: std::swap(r.atom(), (*r.list)[random() % r.list->size()]); break;  // swap two siblings
     default: {  // move into another container
-        Atom atom = std::move((*r.list)[r.index]);
-        r.list->erase(r.list->begin() + long(r.index));
+        Atom atom = std::move(r.atom());
+        r.list->erase(at);
         Insert(tree, std::move(atom), random);
-        return true;
     }
     }
+    return true;
 }
 
 // Sets a size field, or a word of an atom's fields (its first words hold
 // the version and flags, then a count or a constant size), to a value
 // readers must take care with.
 void EditField(std::vector<uint8_t> *out, const std::vector<Place> &places, std::minstd_rand &random) {
-    const Place &place = places[random() % places.size()];
-    const Place &other = places[random() % places.size()];
+    const Place &place = places[random() % places.size()], &other = places[random() % places.size()];
     const size_t head = place.large ? 16 : 8, otherHead = other.large ? 16 : 8;
     const bool sizeField = random() % 3 == 0;
     const size_t word = head + 4 * (random() % 6);
     if (sizeField && place.large) {
         const uint64_t values[] = {0, 1, 8, 15, 16, 0xFFFFFFFFull, 1ull << 32, 1ull << 63, ~0ull};
-        Put(out->data() + place.start + 8, 8, values[random() % 9]);
-        return;
+        return Put(out->data() + place.start + 8, 8, values[random() % 9]);
     }
     const size_t at = sizeField ? place.start : place.start + word;
     if (at + 4 > out->size()) return;
@@ -223,8 +192,7 @@ void EditField(std::vector<uint8_t> *out, const std::vector<Place> &places, std:
     Put(out->data() + at, 4, value);
 }
 
-size_t Emit(const Atoms &tree, bool fixSizes, uint8_t *data, size_t maxSize, std::minstd_rand &random,
-            bool editField) {
+size_t Emit(const Atoms &tree, bool fixSizes, uint8_t *data, size_t maxSize, std::minstd_rand &random, bool editField) {
     std::vector<uint8_t> out;
     std::vector<Place> places;
     Write(tree, fixSizes, &out, &places);
@@ -240,7 +208,7 @@ size_t Emit(const Atoms &tree, bool fixSizes, uint8_t *data, size_t maxSize, std
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t maxSize, unsigned seed) {
     std::minstd_rand random(seed);
     if (random() % 3 == 0) return LLVMFuzzerMutate(data, size, maxSize);
-    Atoms tree = ParseInput(data, size);
+    Atoms tree = Parse(data, size);
     const bool structural = random() % 2 == 0;
     if (structural && !EditTree(&tree, random)) return LLVMFuzzerMutate(data, size, maxSize);
     const size_t written = Emit(tree, random() % 8 != 0, data, maxSize, random, !structural);
@@ -250,21 +218,20 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
 // Splices an atom of the second input (with its children) into the first;
 // in half the cases one whose name the first has, which Insert then puts
 // beside its namesake.
-extern "C" size_t LLVMFuzzerCustomCrossOver(const uint8_t *data1, size_t size1, const uint8_t *data2,
-                                            size_t size2, uint8_t *out, size_t maxOutSize,
-                                            unsigned seed) {
+extern "C" size_t LLVMFuzzerCustomCrossOver(const uint8_t *data1, size_t size1, const uint8_t *data2, size_t size2,
+                                            uint8_t *out, size_t maxOutSize, unsigned seed) {
     std::minstd_rand random(seed);
-    Atoms tree = ParseInput(data1, size1), donor = ParseInput(data2, size2);
+    Atoms tree = Parse(data1, size1), donor = Parse(data2, size2);
     std::vector<Atoms *> lists;
     std::vector<Ref> refs, own, shared;
     std::set<std::string> names;
     Collect(&tree, &lists, &own);
-    for (const Ref &o : own) names.insert(std::string((*o.list)[o.index].name, 4));
+    for (const Ref &o : own) names.insert(std::string(o.atom().name, 4));
     Collect(&donor, &lists, &refs);
     for (const Ref &r : refs)
-        if (names.count(std::string((*r.list)[r.index].name, 4)) != 0) shared.push_back(r);
+        if (names.count(std::string(r.atom().name, 4)) != 0) shared.push_back(r);
     if (refs.empty()) return 0;
     const Ref r = Pick(!shared.empty() && random() % 2 == 0 ? shared : refs, random);
-    Insert(&tree, (*r.list)[r.index], random);
+    Insert(&tree, r.atom(), random);
     return Emit(tree, random() % 8 != 0, out, maxOutSize, random, false);
 }

@@ -11,6 +11,7 @@
 
 #include "atoms/atoms.h"
 #include "mp4core.h"
+#include "support/mini_mp4.h"
 #include "support/test_support.h"
 
 namespace {
@@ -19,19 +20,15 @@ using namespace testing_support;
 
 // The open's result, then each track's ID, sample count and fragment count.
 std::string OpenSummary(const Bytes &bytes) {
-    TempFile file(bytes);
-    MP4_local_file *handle = nullptr;
-    std::string summary =
-        std::to_string(MP4FileOpenEx(&handle, file.c_str(), MP4_TABLE_MARKS, MP4_OPEN_MODERN));
+    OpenedModern open(bytes, MP4_OPEN_MODERN, MP4_TABLE_MARKS);
+    std::string summary = std::to_string(open.result);
     uint32_t count = 0;
-    MP4GetTrackCount(handle, &count);
+    MP4GetTrackCount(open.handle, &count);
     for (uint32_t i = 0; i < count; ++i) {
         MP4TrackInfo info{};
-        MP4GetTrackInfo(handle, i, &info);
-        summary += " " + std::to_string(info.TrackId) + ":" + std::to_string(info.SampleCount) +
-                   "/" + std::to_string(info.FragmentCount);
+        MP4GetTrackInfo(open.handle, i, &info);
+        summary += " " + std::to_string(info.TrackId) + ":" + std::to_string(info.SampleCount) + "/" + std::to_string(info.FragmentCount);
     }
-    MP4FileClose(&handle);
     return summary;
 }
 
@@ -39,10 +36,8 @@ std::string OpenSummary(const Bytes &bytes) {
 size_t LastTopLevel(const Bytes &bytes, const char *name) {
     size_t last = 0;
     for (size_t at = 0; at + 8 <= bytes.size();) {
-        if (std::string(bytes.begin() + long(at) + 4, bytes.begin() + long(at) + 8) == name)
-            last = at;
-        at += size_t(bytes[at]) << 24 | size_t(bytes[at + 1]) << 16 | size_t(bytes[at + 2]) << 8 |
-              bytes[at + 3];
+        if (std::string(bytes.begin() + long(at) + 4, bytes.begin() + long(at) + 8) == name) last = at;
+        at += GetU32(bytes, at);
     }
     return last;
 }

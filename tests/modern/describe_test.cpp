@@ -2,44 +2,19 @@
 // facts beside them (entries, header duration, flags), and MP4GetAtom.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 #include "mp4core.h"
+#include "support/listing.h"
 #include "support/mini_mp4.h"
 #include "support/test_support.h"
 
 namespace {
 
 using namespace testing_support;
-
-uint32_t Be32(const Bytes &bytes, size_t at) {
-    return uint32_t(bytes[at]) << 24 | uint32_t(bytes[at + 1]) << 16 | uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
-}
-
-// `image` with its first atom named `name` replaced by `atom`, the sizes of
-// the atoms around it changed to match. MiniFile puts "moov" last, so no
-// sample moves.
-Bytes Swap(Bytes image, const char *name, const Bytes &atom) {
-    const size_t at = size_t(std::search(image.begin(), image.end(), name, name + 4) - image.begin()) - 4;
-    const uint32_t old = Be32(image, at);
-    for (size_t p = 0, end = image.size(); p < end && p != at;) {
-        const uint32_t size = Be32(image, p);
-        if (at <= p || at >= p + size) {
-            p += size;
-            continue;
-        }
-        const Bytes grown = U32(uint32_t(size + atom.size() - old));
-        std::copy(grown.begin(), grown.end(), image.begin() + long(p));
-        end = p + size;
-        p += 8;
-    }
-    image.erase(image.begin() + long(at), image.begin() + long(at + old));
-    image.insert(image.begin() + long(at), atom.begin(), atom.end());
-    return image;
-}
 
 Bytes Visual(const char *name, uint16_t width, uint16_t height, const Bytes &children = {}) {
     return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000), U32(0x480000), U32(0), U16(1),
@@ -59,17 +34,8 @@ Bytes Esds(const std::string &config) {
 
 // A file of one track (`line`) whose "stsd" of this version holds `entries`.
 Bytes WithEntries(const std::string &line, uint8_t version, uint32_t count, const Bytes &entries) {
-    return Swap(MiniFile(line), "stsd", Atom("stsd", {U8(version), Zeros(3), U32(count), entries}));
+    return ReplaceAtom(MiniFile(line), "stsd", Atom("stsd", {U8(version), Zeros(3), U32(count), entries}));
 }
-
-struct ModernFile {
-    TempFile file;
-    MP4_local_file *handle = nullptr;
-    int32_t result;
-    explicit ModernFile(const Bytes &bytes, uint32_t flags = MP4_OPEN_MODERN)
-        : file(bytes), result(MP4FileOpenEx(&handle, file.c_str(), MP4_TABLE_KEYFRAMES, flags)) {}
-    ~ModernFile() { MP4FileClose(&handle); }
-};
 
 // MP4GetAtom's code and payload as hex ("" unless 1; the size for -94).
 std::string AtomAt(MP4_local_file *file, const char *path, int32_t *code) {
@@ -89,50 +55,20 @@ const Bytes kAvcC = Atom("avcC", {Hex("01 64 00 0a ff e0 00")});
 const Bytes kAvcC2 = Atom("avcC", {Hex("01 4d 00 1e ff e0 00")});
 
 TEST(Describe, EntriesAreReadByTheirHandlerAndConfiguration) {
-    struct Case {
-        const char *name;
-        Bytes file;
-        const char *format;
-        uint32_t width, height, aspectH, aspectV, rate, channels;
-        int32_t config;  // MP4GetDecoderConfig: its size, or its code
-    } cases[] = {
-        {"VVC", WithEntries("video 2", 0, 1, Visual("vvc1", 320, 180, FullAtom("vvcC", 0, {Hex("ff 00 00")}))), "vvc1", 320, 180, 1, 1, 0, 0, 3},
-        {"Dolby Vision AV1", WithEntries("video 2", 0, 1, Visual("dav1", 3840, 2160, Cat({Atom("av1C", {Hex("81 00 0c 00")}), Atom("dvvC", {Zeros(24)})}))),
-         "dav1", 3840, 2160, 1, 1, 0, 0, 4},
-        {"ProRes with pasp", WithEntries("video 2", 0, 1, Visual("apcn", 1920, 1080, Atom("pasp", {U32(4), U32(3)}))), "apcn", 1920, 1080, 4, 3, 0, 0, -97},
-        {"AC-4: rate from dac4, channels from the entry", WithEntries("audio 2", 0, 1, Sound("ac-4", 0, 6, 44100, {}, Atom("dac4", {Hex("20 a4 00 00")}))),
-         "ac-4", 0, 0, 1, 1, 48000, 6, 4},
-        {"MPEG-H: channels of the reference layout", WithEntries("audio 2", 0, 1, Sound("mhm1", 0, 0, 48000, {}, Atom("mhaC", {Hex("01 0d 06 00 00")}))),
-         "mhm1", 0, 0, 1, 1, 48000, 6, 5},
-        {"IAMF from the entry", WithEntries("audio 2", 0, 1, Sound("iamf", 0, 2, 48000, {}, Atom("iacb", {Hex("01 00")}))), "iamf", 0, 0, 1, 1, 48000, 2, 2},
-        {"ISO version 1 entry: explicit SBR", WithEntries("audio 2", 1, 1, Sound("mp4a", 1, 2, 24000, {}, Esds("2b 11 88"))), "mp4a", 0, 0, 1, 1, 48000, 2, 3},
-        {"QuickTime version 1 entry: explicit PS", WithEntries("audio 2", 0, 1, Sound("mp4a", 1, 1, 24000, Zeros(16), Esds("eb 09 88"))), "mp4a", 0, 0, 1, 1, 48000, 2, 3},
-        {"SBR by the sync extension", WithEntries("audio 2", 0, 1, Sound("mp4a", 0, 2, 24000, {}, Esds("13 10 56 e5 98"))), "mp4a", 0, 0, 1, 1, 48000, 2, 5},
-        {"SBR left implicit: the core rate", WithEntries("audio 2", 0, 1, Sound("mp4a", 0, 2, 24000, {}, Esds("13 10"))), "mp4a", 0, 0, 1, 1, 24000, 2, 2},
-        {"AMR wide band is mono", WithEntries("audio 2", 0, 1, Sound("sawb", 0, 2, 16000, {}, Atom("damr", {Hex("46464d5000 8000 00 01")}))), "sawb", 0, 0, 1, 1, 16000, 1, 9},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        ModernFile file(c.file);
+    for (const auto &row : ReadRows("read/sample_entries.rows")) {
+        SCOPED_TRACE(row.at(0));
+        OpenedModern file(WithEntries(row.at(1), uint8_t(std::stoi(row.at(2))), 1, Image(row.at(3))));
         MP4TrackInfo info{};
         ASSERT_EQ(MP4GetTrackInfo(file.handle, 0, &info), 1);
-        EXPECT_EQ(std::string(info.Format, 4), c.format);
         EXPECT_EQ(info.EntryCount, 1u);
-        EXPECT_EQ(std::vector<uint32_t>({info.Width, info.Height, info.PixelAspectH, info.PixelAspectV, info.SampleRate, info.Channels}),
-                  std::vector<uint32_t>({c.width, c.height, c.aspectH, c.aspectV, c.rate, c.channels}));
         uint8_t *data = nullptr;
         uint32_t size = 0;
         const int32_t result = MP4GetDecoderConfig(file.handle, info.TrackId, info.TrackType, &data, &size);
-        EXPECT_EQ(result == 1 ? int32_t(size) : result, c.config);
+        EXPECT_EQ(Format("%.4s %u %u %u %u %u %u %d", info.Format, info.Width, info.Height, info.PixelAspectH, info.PixelAspectV,
+                         info.SampleRate, info.Channels, result == 1 ? int32_t(size) : result), row.at(4));
         void *block = data;
         MP4freeData(&block);
     }
-}
-
-const Bytes kMirror = Hex("ffff0000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
-
-Bytes Tkhd(uint32_t flags, const Bytes &matrix) {
-    return FullAtom("tkhd", flags, {U32(0), U32(0), U32(1), Zeros(20), U16(0), U16(0), matrix, U32(176 << 16), U32(144 << 16)});
 }
 
 // Two "avc1" entries (the second with the HDR atoms), the "stsc" switching
@@ -144,34 +80,20 @@ Bytes TwoEntries() {
 }
 
 TEST(Describe, TrackFactsBesideTheSampleTables) {
-    const Bytes kIdentity = Hex("00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
-    struct Case {
-        const char *name;
-        Bytes file;
-        uint32_t entries;
-        uint64_t headerDuration, duration;
-        uint32_t flags;
-    } cases[] = {
-        {"two entries", TwoEntries(), 2, 20, 20, 0},
-        {"mirrored matrix", Swap(MiniFile("video 2"), "tkhd", Tkhd(7, kMirror)), 1, 20, 20, MP4_TRACK_MIRRORED},
-        {"disabled track", Swap(MiniFile("video 2"), "tkhd", Tkhd(6, kIdentity)), 1, 20, 20, MP4_TRACK_DISABLED},
-        {"composition offsets", Swap(MiniFile("video 2"), "stss", FullAtom("ctts", 0, {U32(1), U32(2), U32(5)})), 1, 20, 20, MP4_TRACK_COMPOSITION},
-        {"empty track keeps its header's duration",
-         Swap(MiniFile("video 0"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(1070), U16(0x55C4), U16(0)})), 1, 1070, 0, 0},
-        {"unknown duration", Swap(MiniFile("audio 2"), "mdhd", FullAtom("mdhd", 0, {U32(0), U32(0), U32(1000), U32(~0u), U16(0x55C4), U16(0)})), 1,
-         UINT64_MAX, 20, 0},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &row : ReadRows("read/track_facts.rows")) {
+        SCOPED_TRACE(row.at(0));
+        const Bytes bytes = row.at(1).empty() ? TwoEntries() : ReplaceAtom(MiniFile(row[1]), row.at(2).c_str(), Image(row.at(3)));
+        uint64_t entries = 0, headerDuration = 0, duration = 0, trackFlags = 0;
+        std::istringstream(row.at(4)) >> entries >> headerDuration >> duration >> trackFlags;
         for (uint32_t flags : {0u, uint32_t(MP4_OPEN_MODERN)}) {
-            ModernFile file(c.file, flags);
+            OpenedModern file(bytes, flags);
             MP4TrackInfo info{};
             ASSERT_EQ(MP4GetTrackInfo(file.handle, 0, &info), 1);
             // The classic reader stops at the first "avc1", which it does not know.
-            EXPECT_EQ(info.EntryCount, flags == 0 && c.entries == 2 ? 0u : c.entries);
-            EXPECT_EQ(info.HeaderDuration, c.headerDuration);
-            EXPECT_EQ(info.Duration, flags != 0 ? c.duration : info.Duration);
-            EXPECT_EQ(info.Flags, c.flags);
+            EXPECT_EQ(info.EntryCount, flags == 0 && entries == 2 ? 0u : entries);
+            EXPECT_EQ(info.HeaderDuration, headerDuration);
+            EXPECT_EQ(info.Duration, flags != 0 ? duration : info.Duration);
+            EXPECT_EQ(info.Flags, trackFlags);
             EXPECT_EQ(std::vector<uint32_t>(info.Reserved, info.Reserved + 3), std::vector<uint32_t>(3, 0));
         }
     }
@@ -190,47 +112,21 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
                          Atom("abcd", {Zeros(8), Atom("btrt", {Zeros(12)})})})),
         MiniFile("video 8 rename mdat uuid 1"), big, short_, WithEntries("audio 2", 1, 1, entry),
     };
-    const std::string path300 = "moov" + std::string(296, 'x');
-    struct Case {
-        size_t file;
-        const char *path;
-        int32_t modern, classic;
-        std::string payload;  // hex, or the size for -94
-    } cases[] = {
-        {0, "moov/trak[1]/mdia/minf/stbl/stsd/*[2]/avcC", 1, -97, "014d001effe000"},
-        {0, "moov/trak/mdia/minf/stbl/stsd/avc1[2]/clli", 1, -97, "03e80190"},
-        {0, "moov/trak/mdia/minf/stbl/stsd/avc1[2]/mdcv", 1, -97, "8a48390821349d081d4c0bb83d13404200989680" "00000032"},
-        {0, "moov/trak/mdia/minf/stbl/stsc", 1, 1, "00000000000000020000000100000001000000010000000200000001" "00000002"},
-        {0, "moov/trak[2]", -97, -97, ""},
-        {0, "moov/trak[0]", -98, -98, ""},
-        {0, "moov/trak[1x]", -98, -98, ""},
-        {0, "moov/trak[]", -98, -98, ""},
-        {0, "moov//trak", -98, -98, ""},
-        {0, "moov/", -98, -98, ""},
-        {0, "moo", -98, -98, ""},
-        {0, "", -98, -98, ""},
-        {0, path300.c_str(), -98, -98, ""},
-        {1, "moov/trak/mdia/minf/stbl/stsd/tx3g/ftab", 1, -97, "00010001055365726966"},
-        {1, "moov/trak/mdia/minf/stbl/stsd/stpp/btrt", 1, -97, "000000000000000000000000"},
-        {1, "moov/trak/mdia/minf/stbl/stsd/abcd/btrt", -97, -97, ""},
-        {2, "uuid", 1, 1, "0400a5010500a5010600a5010700a501"},
-        // The modern reader takes a top-level atom past the end as a cut file.
-        {3, "mdat", -97, -94, std::to_string((17u << 20) - 8)},
-        {4, "mdat", -97, -96, ""},
-        {5, "moov/trak/mdia/minf/stbl/stsd/mp4a/esds", 1, 1, "0000000003" "1a000100" "0412" "4015" "0000000000000000000000" "05032b1188" "060102"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.path);
+    auto rows = ReadRows("read/get_atom.rows");
+    rows.push_back({"0", "moov" + std::string(296, 'x'), "-98", "-98", ""});
+    for (auto &row : rows) {
+        SCOPED_TRACE(row.at(1));
+        row.resize(5);  // a row without a payload
         for (uint32_t flags : {uint32_t(MP4_OPEN_MODERN), 0u}) {
-            ModernFile file(files[c.file], flags);
+            OpenedModern file(files.at(std::stoul(row.at(0))), flags);
             int32_t code = 0;
-            const std::string payload = AtomAt(file.handle, c.path, &code);
-            const int32_t expected = flags != 0 ? c.modern : c.classic;
+            const std::string payload = AtomAt(file.handle, row.at(1).c_str(), &code);
+            const int32_t expected = std::stoi(row.at(flags != 0 ? 2 : 3));
             EXPECT_EQ(code, expected) << flags;
-            EXPECT_EQ(payload, expected == 1 || expected == -94 ? c.payload : "");
+            EXPECT_EQ(payload, expected == 1 || expected == -94 ? row.at(4) : "");
         }
     }
-    ModernFile file(TwoEntries());
+    OpenedModern file(TwoEntries());
     uint8_t *data = nullptr;
     uint64_t size = 0;
     EXPECT_EQ(MP4GetAtom(nullptr, "moov", &data, &size), -99);
@@ -244,7 +140,7 @@ TEST(Describe, GetAtomFollowsPathsAndGivesItsCodes) {
 TEST(Describe, FfmpegFilesAgreeWithTheirListings) {
     for (const char *name : {"streams/he_aac.mp4", "describe/hdr_hevc_aac_truehd.mp4"}) {
         SCOPED_TRACE(name);
-        ModernFile file(ReadWholeFile(FixturePath(name)));
+        OpenedModern file(ReadWholeFile(FixturePath(name)));
         std::ifstream streams(FixturePath("describe/" + std::string(std::strrchr(name, '/') + 1) + ".streams"));
         std::map<std::string, std::string> stream;
         uint32_t index = 0;
@@ -266,7 +162,7 @@ TEST(Describe, FfmpegFilesAgreeWithTheirListings) {
         MP4GetTrackCount(file.handle, &count);
         EXPECT_EQ(index, count);
     }
-    ModernFile file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
+    OpenedModern file(ReadWholeFile(FixturePath("describe/hdr_hevc_aac_truehd.mp4")));
     std::ifstream atoms(FixturePath("describe/hdr_hevc_aac_truehd.mp4.atoms"));
     size_t lines = 0;
     for (std::string path, hex; atoms >> path >> hex; ++lines) {

@@ -44,4 +44,10 @@ struct OpenedFile {
     std::string output;
 };
 
+// The same opened by MP4FileOpenEx, by default with the modern reader.
+struct OpenedModern : OpenedFile {
+    explicit OpenedModern(const Bytes &bytes, uint32_t flags = MP4_OPEN_MODERN, int32_t mode = MP4_TABLE_KEYFRAMES)
+        : OpenedFile(bytes, mode, flags) {}
+};
+
 }  // namespace testing_support

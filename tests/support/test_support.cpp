@@ -58,6 +58,37 @@ Bytes U32(uint32_t value) {
 Bytes Zeros(size_t count) { return Bytes(count, 0); }
 Bytes Text(const std::string &text) { return Bytes(text.begin(), text.end()); }
 
+uint32_t GetU32(const Bytes &bytes, size_t at) {
+    return uint32_t(bytes[at]) << 24 | uint32_t(bytes[at + 1]) << 16 | uint32_t(bytes[at + 2]) << 8 | bytes[at + 3];
+}
+
+void SetU32(Bytes &bytes, size_t at, uint32_t value) {
+    const Bytes word = U32(value);
+    std::copy(word.begin(), word.end(), bytes.begin() + long(at));
+}
+
+size_t FindAtom(const Bytes &bytes, const char *name, size_t from) {
+    return size_t(std::search(bytes.begin() + long(from), bytes.end(), name, name + 4) - bytes.begin()) - 4;
+}
+
+Bytes ReplaceAtom(Bytes image, const char *name, const Bytes &atom, bool behind) {
+    const size_t at = FindAtom(image, name), old = GetU32(image, at);
+    const Bytes with = behind ? Cat({Bytes(image.begin() + long(at), image.begin() + long(at + old)), atom}) : atom;
+    for (size_t p = 0, end = image.size(); p < end && p != at;) {  // down the atoms that hold it
+        const uint32_t size = GetU32(image, p);
+        if (at <= p || at >= p + size) {
+            p += size;
+            continue;
+        }
+        SetU32(image, p, uint32_t(size + with.size() - old));
+        end = p + size;
+        p += 8;
+    }
+    image.erase(image.begin() + long(at), image.begin() + long(at + old));
+    image.insert(image.begin() + long(at), with.begin(), with.end());
+    return image;
+}
+
 Bytes Hex(const std::string &hex) {
     Bytes out;
     int high = -1;

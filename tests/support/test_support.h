@@ -30,6 +30,13 @@ Bytes Atom(const char *name, std::initializer_list<Bytes> body = {});
 Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> body = {});
 // An atom whose size field says `storedSize` whatever the body holds.
 Bytes AtomWithSize(uint32_t storedSize, const char *name, std::initializer_list<Bytes> body = {});
+uint32_t GetU32(const Bytes &bytes, size_t at);  // big-endian
+void SetU32(Bytes &bytes, size_t at, uint32_t value);
+// Where the first atom named `name` at or behind `from` begins (found by its name).
+size_t FindAtom(const Bytes &bytes, const char *name, size_t from = 0);
+// `image` with its first atom named `name` replaced by `atom` (or followed
+// by it, with `behind`), the sizes of the atoms around it changed to match.
+Bytes ReplaceAtom(Bytes image, const char *name, const Bytes &atom, bool behind = false);
 
 // A path under the temp folder that does not exist yet; removed (if made)
 // when the object goes.
