@@ -177,22 +177,17 @@ struct EntryCursor {
     }
 };
 
-// Walks the chunks of a constant-size track and gives `emit` its runs in
-// order: a run ends where a chunk, an "stts" or a "ctts" entry ends. Each
-// chunk's samples lie back to back from its offset, as in FillOffsets;
-// units that no chunk holds are cut off the track. `emit` also takes the
-// sample description index of the run's "stsc" entry. Gives the end time.
-template <typename Emit>
-uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUnits &units, Emit emit) {
+// The chunks of a track in order: each "stsc" entry covers the chunks from
+// its first chunk up to the next entry's, and `visit` takes each chunk's
+// offset, its samples and the entry's sample description index, and says
+// whether to go on. Entries that don't rise, or give no samples, place
+// nothing.
+template <typename Visit>
+void WalkChunks(const ModernAtoms &atoms, Visit visit) {
     const Table &chunks = atoms.Chunks;
     const Table &offsets = atoms.ChunkOffsets;
-    EntryCursor times{&atoms.Times, true};
-    EntryCursor compositions{&atoms.Offsets, false};
-    if (atoms.Times.Count > 0) times.Value = atoms.Times.Word(0, 4);
-    uint64_t time = 0;
-    uint32_t placed = 0;
-    uint64_t nextChunk = 0;
-    for (uint32_t e = 0; e < chunks.Count && placed < count; ++e) {
+    uint64_t nextChunk = 0;  // 0-based: chunks before it have been placed
+    for (uint32_t e = 0; e < chunks.Count; ++e) {
         uint64_t first = chunks.Word(e) > 0 ? chunks.Word(e) - 1 : 0;
         uint64_t end = e + 1 < chunks.Count ? uint64_t(chunks.Word(e + 1)) - (chunks.Word(e + 1) > 0)
                                             : offsets.Count;
@@ -200,33 +195,51 @@ uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUni
         if (end > offsets.Count) end = offsets.Count;
         const uint32_t perChunk = chunks.Word(e, 4);
         if (perChunk == 0) continue;
-        for (uint64_t c = first; c < end && placed < count; ++c) {
-            uint64_t at = offsets.Width == 8 ? (uint64_t(offsets.Word(uint32_t(c))) << 32) |
-                                                   offsets.Word(uint32_t(c), 4)
-                                             : offsets.Word(uint32_t(c));
-            uint64_t left = std::min<uint64_t>(perChunk, count - placed);
-            while (left > 0) {
-                const uint64_t n = std::min({left, times.Available(), compositions.Available()});
-                SampleRun run{};
-                run.Units = uint32_t(n);
-                run.FirstOffset = at;
-                run.FirstTime = time;
-                run.UnitSize = units.Size;
-                run.UnitDuration = times.Value;
-                run.CompositionOffset = compositions.Value;
-                run.Group = units.Group;
-                run.IsSync = 1;
-                if (!emit(run, chunks.Word(e, 8))) return time;
-                at += n * units.Size;
-                time += n * times.Value;
-                placed += uint32_t(n);
-                left -= n;
-                times.Take(n);
-                compositions.Take(n);
-            }
+        for (uint64_t c = first; c < end; ++c) {
+            const uint64_t at = offsets.Width == 8 ? (uint64_t(offsets.Word(uint32_t(c))) << 32) |
+                                                         offsets.Word(uint32_t(c), 4)
+                                                   : offsets.Word(uint32_t(c));
+            if (!visit(at, perChunk, chunks.Word(e, 8))) return;
         }
         if (end > nextChunk) nextChunk = end;
     }
+}
+
+// Walks the chunks of a constant-size track and gives `emit` its runs in
+// order: a run ends where a chunk, an "stts" or a "ctts" entry ends. Each
+// chunk's samples lie back to back from its offset, as in FillOffsets;
+// units that no chunk holds are cut off the track. `emit` also takes the
+// sample description index of the run's "stsc" entry. Gives the end time.
+template <typename Emit>
+uint64_t WalkConstantRuns(const ModernAtoms &atoms, uint32_t count, const RunUnits &units, Emit emit) {
+    EntryCursor times{&atoms.Times, true};
+    EntryCursor compositions{&atoms.Offsets, false};
+    if (atoms.Times.Count > 0) times.Value = atoms.Times.Word(0, 4);
+    uint64_t time = 0;
+    uint32_t placed = 0;
+    WalkChunks(atoms, [&](uint64_t at, uint32_t perChunk, uint32_t description) {
+        uint64_t left = std::min<uint64_t>(perChunk, count - placed);
+        while (left > 0) {
+            const uint64_t n = std::min({left, times.Available(), compositions.Available()});
+            SampleRun run{};
+            run.Units = uint32_t(n);
+            run.FirstOffset = at;
+            run.FirstTime = time;
+            run.UnitSize = units.Size;
+            run.UnitDuration = times.Value;
+            run.CompositionOffset = compositions.Value;
+            run.Group = units.Group;
+            run.IsSync = 1;
+            if (!emit(run, description)) return false;
+            at += n * units.Size;
+            time += n * times.Value;
+            placed += uint32_t(n);
+            left -= n;
+            times.Take(n);
+            compositions.Take(n);
+        }
+        return placed < count;
+    });
     return time;
 }
 
@@ -280,37 +293,21 @@ int32_t FillTimes(TrackNode *node, const Table &times) {
     return 1;
 }
 
-// File offsets: each "stsc" entry covers the chunks from its first chunk up
-// to the next entry's; the samples of a chunk lie back to back from the
-// chunk's offset. Entries that don't rise, or give no samples, place
-// nothing. Samples that no chunk holds are cut off the track.
+// File offsets: the samples of a chunk lie back to back from the chunk's
+// offset. Samples that no chunk holds are cut off the track.
 void FillOffsets(TrackNode *node, const ModernAtoms &atoms) {
-    const Table &chunks = atoms.Chunks;
-    const Table &offsets = atoms.ChunkOffsets;
     uint32_t sample = 0;
-    uint64_t nextChunk = 0;  // 0-based: chunks before it have been placed
-    for (uint32_t e = 0; e < chunks.Count && sample < node->SampleCount; ++e) {
-        uint64_t first = chunks.Word(e) > 0 ? chunks.Word(e) - 1 : 0;
-        uint64_t end = e + 1 < chunks.Count ? uint64_t(chunks.Word(e + 1)) - (chunks.Word(e + 1) > 0)
-                                            : offsets.Count;
-        if (first < nextChunk) first = nextChunk;
-        if (end > offsets.Count) end = offsets.Count;
-        const uint32_t perChunk = chunks.Word(e, 4);
-        if (perChunk == 0) continue;
-        MarkFrom(&node->Descriptions, sample, chunks.Word(e, 8));
-        for (uint64_t c = first; c < end && sample < node->SampleCount; ++c) {
-            uint64_t at = offsets.Width == 8 ? (uint64_t(offsets.Word(uint32_t(c))) << 32) |
-                                                   offsets.Word(uint32_t(c), 4)
-                                             : offsets.Word(uint32_t(c));
-            for (uint32_t k = 0; k < perChunk && sample < node->SampleCount; ++k) {
-                SampleRecord &record = node->SampleRecords[sample++];
-                record.FileOffset = uint32_t(at);
-                record.FileOffsetHigh = uint32_t(at >> 32);
-                at += record.Size;
-            }
+    WalkChunks(atoms, [&](uint64_t at, uint32_t perChunk, uint32_t description) {
+        // A mark only where the index changes: at most one per "stsc" entry.
+        MarkFrom(&node->Descriptions, sample, description);
+        for (uint32_t k = 0; k < perChunk && sample < node->SampleCount; ++k) {
+            SampleRecord &record = node->SampleRecords[sample++];
+            record.FileOffset = uint32_t(at);
+            record.FileOffsetHigh = uint32_t(at >> 32);
+            at += record.Size;
         }
-        if (end > nextChunk) nextChunk = end;
-    }
+        return sample < node->SampleCount;
+    });
     node->SampleCount = sample;
 }
 
