@@ -24,8 +24,8 @@ const std::set<std::string> kApi = {
     // number.
     "MP4FileOpenEx", "MP4GetTrackCount", "MP4GetTrackInfo", "MP4GetSampleInfo",
     "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig", "MP4GetAtom",
-    // The fragmented writer.
-    "MP4FileNewEx",
+    // The fragmented writer, and the writer of tracks of any format.
+    "MP4FileNewEx", "MP4AddTrack", "MP4WriteSample",
 };
 
 TEST(ExportList, ExactlyTheApiAsFunctionsDecoreWeakAndTheSoname) {

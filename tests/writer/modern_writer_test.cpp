@@ -117,15 +117,17 @@ std::string ListingOf(const std::string &samples) {
 
 std::string ProbeListing(const std::string &path) {
     std::istringstream streams(RunCommand(
-        "ffprobe -v error -show_entries stream=codec_type,codec_name,time_base -of csv=p=0 '" +
+        "ffprobe -v error -show_entries stream=codec_type,codec_name,time_base,start_time -of csv=p=0 '" +
         path + "'"));
     std::vector<std::string> heads;
     for (std::string line; std::getline(streams, line);) {
         std::replace(line.begin(), line.end(), ',', ' ');
         std::istringstream f(line);
-        std::string name, type, base;
-        f >> name >> type >> base;
+        std::string name, type, base, start;
+        f >> name >> type >> base >> start;
         if (base.empty()) continue;  // a line of side data
+        // Video presents from 0: B-frames get their edit list.
+        if (type == "video" && start != "0.000000") type += " starting at " + start;
         heads.push_back(type + " " + name + " " + base.substr(base.find('/') + 1) + "\n");
     }
     std::istringstream packets(RunCommand(
@@ -188,6 +190,126 @@ TEST(SlowModernWriter, FramesOfEveryCodecListTheSourcesPacketsInBothLayouts) {
             EXPECT_EQ(ProbeListing(out.path()), ListingOf(source + ".samples"));
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+MP4TrackSpec AvcSpec() {
+    static const uint8_t kAvcC[] = {1, 0x64, 0, 0x0B, 0xFF, 0xE0, 0};
+    MP4TrackSpec spec{};
+    spec.TrackType = MP4_TRACK_VIDEO;
+    std::memcpy(spec.Format, "avc1", 4);
+    spec.Timescale = 12800;
+    spec.Width = 160;
+    spec.Height = 120;
+    spec.Config = kAvcC;
+    spec.ConfigSize = sizeof kAvcC;
+    return spec;
+}
+
+MP4TrackSpec SoundSpec(const char *format, uint32_t bits, uint32_t rate) {
+    MP4TrackSpec spec{};
+    spec.TrackType = MP4_TRACK_AUDIO;
+    std::memcpy(spec.Format, format, 4);
+    spec.Timescale = 8000;
+    spec.SampleRate = rate;
+    spec.Channels = 2;
+    spec.BitsPerSample = bits;
+    return spec;
+}
+
+TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
+    TempPath path(".mp4");
+    MP4_local_file *file = nullptr;
+    for (uint32_t flags : {5u, 8u, 9u, 2u, 16u})  // both layouts, faststart or sync alone, unknown
+        EXPECT_EQ(MP4FileNewEx(&file, path.c_str(), flags), -100) << flags;
+
+    // The new calls on the other forms of handle.
+    MP4TrackSpec spec = AvcSpec();
+    MP4WriteInfo info{};
+    uint32_t id = 0;
+    MP4_local_file *read = nullptr;
+    ASSERT_EQ(MP4FileOpenEx(&read, FixturePath("modern/h264_aac.mp4").c_str(), 1, MP4_OPEN_MODERN), 1);
+    EXPECT_EQ(MP4AddTrack(read, &spec, &id), -98);
+    EXPECT_EQ(MP4WriteSample(read, 1, &info, nullptr), -98);
+    MP4FileClose(&read);
+    for (uint32_t flags : {0u, uint32_t(MP4_NEW_FRAGMENTED)}) {
+        ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), flags), 1);
+        EXPECT_EQ(MP4AddTrack(file, &spec, &id), -98);
+        EXPECT_EQ(MP4WriteSample(file, 1, &info, nullptr), -98);
+        MP4FileFlush(file);
+    }
+
+    ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_PROGRESSIVE), 1);
+    EXPECT_EQ(MP4AddTrack(file, nullptr, &id), -99);
+    struct SpecCase {
+        const char *what;
+        MP4TrackSpec spec;
+        int32_t result;
+    } specs[] = {
+        {"reserved", [] { auto s = AvcSpec(); s.Reserved[6] = 1; return s; }(), -96},
+        {"type 3", [] { auto s = AvcSpec(); s.TrackType = 3; return s; }(), -95},
+        {"sound format on video", [] { auto s = AvcSpec(); std::memcpy(s.Format, "mp4a", 4); return s; }(), -95},
+        {"timescale 0", [] { auto s = AvcSpec(); s.Timescale = 0; return s; }(), -95},
+        {"width 0", [] { auto s = AvcSpec(); s.Width = 0; return s; }(), -95},
+        {"rotation 45", [] { auto s = AvcSpec(); s.Rotation = 45; return s; }(), -95},
+        {"language", [] { auto s = AvcSpec(); std::memcpy(s.Language, "EN\0", 4); return s; }(), -95},
+        {"half an aspect", [] { auto s = AvcSpec(); s.PixelAspectH = 4; return s; }(), -95},
+        {"other without handler", [] { auto s = AvcSpec(); s.TrackType = 0; return s; }(), -95},
+        {"avcC version 0", [] { auto s = AvcSpec(); s.Config = reinterpret_cast<const uint8_t *>("\0\0\0\0\0\0\0"); return s; }(), -94},
+        {"hvc1 with avcC", [] { auto s = AvcSpec(); std::memcpy(s.Format, "hvc1", 4); return s; }(), -94},
+        {"Opus without dOps", SoundSpec("Opus", 0, 48000), -94},
+        {"AAC without config", SoundSpec("mp4a", 0, 44100), -94},
+        {"ac-3 without dac3", SoundSpec("ac-3", 0, 48000), -94},
+        {"sowt of 24 bits", SoundSpec("sowt", 24, 8000), -95},
+        {"twos at another rate", SoundSpec("twos", 16, 44100), -95},
+        {"fpcm of 16 bits", SoundSpec("fpcm", 16, 8000), -95},
+        {"no channels", [] { auto s = SoundSpec("sowt", 16, 8000); s.Channels = 0; return s; }(), -95},
+        {"MP3", [] { auto s = SoundSpec("mp4a", 0, 44100); s.ObjectType = 0x6B; return s; }(), 1},
+        {"video", AvcSpec(), 1},
+        {"sowt", SoundSpec("sowt", 16, 8000), 1},
+    };
+    for (const SpecCase &c : specs) EXPECT_EQ(MP4AddTrack(file, &c.spec, &id), c.result) << c.what;
+    EXPECT_EQ(id, 3u);
+
+    const uint8_t bytes[8] = {};
+    struct SampleCase {
+        const char *what;
+        uint32_t track;
+        MP4WriteInfo info;
+        int32_t result;
+    } samples[] = {
+        {"first", 2, {1000, 0, 0, 8, 1, 0, {}}, 1},
+        {"reserved", 2, {2000, 0, 0, 8, 1, 0, {0, 0, 1}}, -96},
+        {"unknown flag", 2, {2000, 0, 0, 8, 3, 0, {}}, -96},
+        {"second entry", 2, {2000, 0, 0, 8, 1, 2, {}}, -96},
+        {"no track 4", 4, {2000, 0, 0, 8, 1, 0, {}}, -97},
+        {"no track 0", 0, {2000, 0, 0, 8, 1, 0, {}}, -97},
+        {"same time", 2, {1000, 0, 0, 8, 1, 0, {}}, -95},
+        {"falling time", 2, {999, 0, 0, 8, 1, 0, {}}, -95},
+        {"gap past 32 bits", 2, {1000 + (uint64_t(1) << 32), 0, 0, 8, 1, 0, {}}, -95},
+        {"half a PCM frame", 3, {0, 0, 0, 2, 1, 0, {}}, -94},
+        {"no PCM bytes", 3, {0, 0, 0, 0, 1, 0, {}}, -94},
+        {"second", 2, {3000, -5, 0, 8, 0, 1, {}}, 1},
+    };
+    for (const SampleCase &c : samples) EXPECT_EQ(MP4WriteSample(file, c.track, &c.info, bytes), c.result) << c.what;
+    EXPECT_EQ(MP4WriteSample(file, 2, &samples[0].info, nullptr), -99);
+    EXPECT_EQ(MP4AddTrack(file, &spec, &id), -97);
+    ASSERT_EQ(MP4FileFlush(file), 1);
+
+    // What was taken: two video samples, the second presenting 5 ticks early.
+    ASSERT_EQ(MP4FileOpenEx(&read, path.c_str(), 1, MP4_OPEN_MODERN), 1);
+    MP4TrackInfo track{};
+    ASSERT_EQ(MP4GetTrackInfo(read, 1, &track), 1);
+    EXPECT_EQ(track.SampleCount, 2u);
+    MP4SampleInfo second{};
+    ASSERT_EQ(MP4GetSampleInfo(read, 2, 1, 1, &second), 1);
+    EXPECT_EQ(second.DecodeTime, 2000u);
+    EXPECT_EQ(second.CompositionOffset, -5);
+    EXPECT_EQ(second.IsKeyFrame, 0);
+    MP4FileClose(&read);
 }
 
 }  // namespace
