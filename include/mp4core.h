@@ -165,7 +165,7 @@ typedef struct MP4TrackSpec {
 
 /* One sample for MP4WriteSample. 40 bytes; the caller zeroes Reserved. */
 typedef struct MP4WriteInfo {
-    uint64_t DecodeTime;        /* track ticks; rises from sample to sample */
+    uint64_t DecodeTime;        /* track ticks; never falls within a track */
     int32_t CompositionOffset;  /* presentation minus decoding time */
     uint32_t Duration;          /* ticks; 0: up to the next sample's decode
                                    time (the last repeats the one before) */
@@ -475,10 +475,33 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *spec, uint32_t *trackId);
 
+/* MP4AddTrackFrom adds a track to a progressive handle, as MP4AddTrack
+ * does, that copies the description of track sourceTrackId (of type
+ * sourceType, as in MP4TrackInfo) of a read handle (MP4FileOpen or
+ * MP4FileOpenEx) as the file holds it: "stsd" with every sample entry and
+ * all their child atoms (formats the library does not know included), the
+ * handler, timescale and language, the "tkhd" flags, layer, volume,
+ * matrix and size, and the edit list with its durations rescaled to the
+ * new movie timescale (1000), which then stands instead of the edit the
+ * writer would make; a track without one gets none. Samples follow with
+ * MP4WriteSample; uncompressed audio keeps one frame per table sample, as
+ * MP4AddTrack's PCM tracks do. Metadata ("udta", "meta") is not copied.
+ *   trackId  receives the new track's ID on result 1.
+ * Results: 1 done; -99 file, source or trackId null, or sourceTrackId 0;
+ * -98 file is not a progressive write handle; -97 a sample was written
+ * already (or a write failed); -93 no memory; -92 the handle holds 4096
+ * tracks; -91 source is not a read handle; -90 source has no track of
+ * that ID and type; -89 the track is protected ("encv", "enca": its
+ * sample auxiliary information is not carried over); -88 the track's
+ * "stsd" can't be read or holds no entry. Nothing is added on a failure.
+ * Threads: the handle's thread; source is only read. */
+MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source,
+                                    uint32_t sourceTrackId, int32_t sourceType, uint32_t *trackId);
+
 /* MP4WriteSample adds one sample to a track of a progressive handle: its
  * bytes join the track's chunk (see MP4FileNewEx), its size, time, offset
- * and flags the index. Decode times rise strictly within a track; the
- * first is the track's time 0. The index keeps the distances between
+ * and flags the index. Decode times never fall within a track (two
+ * samples may share one); the first is the track's time 0. The index keeps the distances between
  * decode times as durations, so info->Duration counts for the track's
  * last sample only (0: it repeats the duration before it).
  *   data  info->Size bytes; may be null when Size is 0.
@@ -487,7 +510,7 @@ MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *spec, 
  * -92, the flush -99); -98 the handle is not a progressive write handle;
  * -97 no track of that ID; -96 a Reserved word is not zero, Flags holds a
  * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
- * decode time is not above the track's previous one, or lies more than
+ * decode time is below the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes or not a whole
  * number of frames; -93 no memory (nothing written; the call may be made
  * again); -92 the handle was given up after a failed write. Nothing is

@@ -25,7 +25,7 @@ const std::set<std::string> kApi = {
     "MP4FileOpenEx", "MP4GetTrackCount", "MP4GetTrackInfo", "MP4GetSampleInfo",
     "MP4ReadSample", "MP4FindSample", "MP4GetDecoderConfig", "MP4GetAtom",
     // The fragmented writer, and the writer of tracks of any format.
-    "MP4FileNewEx", "MP4AddTrack", "MP4WriteSample",
+    "MP4FileNewEx", "MP4AddTrack", "MP4AddTrackFrom", "MP4WriteSample",
 };
 
 TEST(ExportList, ExactlyTheApiAsFunctionsDecoreWeakAndTheSoname) {

@@ -19,6 +19,11 @@ constexpr int32_t kAddTrackBadSpec = -95;
 constexpr int32_t kAddTrackBadConfig = -94;
 constexpr int32_t kAddTrackNoMemory = -93;
 constexpr int32_t kAddTrackTooMany = -92;
+// Results of MP4AddTrackFrom (with those of MP4AddTrack for -99 to -92).
+constexpr int32_t kFromNotReadHandle = -91;
+constexpr int32_t kFromNoTrack = -90;
+constexpr int32_t kFromProtected = -89;
+constexpr int32_t kFromUnreadable = -88;
 // Results of MP4WriteSample.
 constexpr int32_t kWriteFailed = -99;
 constexpr int32_t kWriteWrongHandle = -98;
@@ -54,6 +59,17 @@ struct WrittenChunk {
     uint32_t SampleCount;
 };
 
+// An edit of a copied track, its duration in the movie timescale.
+struct CopiedEdit {
+    uint64_t Duration;
+    int64_t MediaTime;
+    uint32_t Rate;
+};
+
+// The bytes of "tkhd" from its layer to its height: layer, alternate
+// group, volume, reserved, matrix, width and height.
+constexpr size_t kHeaderTailBytes = 52;
+
 struct ModernTrack {
     uint32_t TrackId;
     uint32_t TrackType;          // 1 video, 2 audio, 0 other
@@ -63,7 +79,15 @@ struct ModernTrack {
     uint32_t Rotation;
     char Language[4];
     uint32_t PcmFrameBytes;      // PCM: the bytes of one frame, each frame a table sample; else 0
-    BoxBuffer Entry;             // the sample entry as "stsd" holds it
+    BoxBuffer Entry;             // the sample entries as "stsd" holds them
+    uint32_t EntryCount;         // of a copied description; 0 means 1
+    // A copied track's header and edits (MP4AddTrackFrom).
+    uint8_t CopiedHeader;
+    uint32_t HeaderFlags;
+    uint8_t HeaderTail[kHeaderTailBytes];
+    uint8_t CopiedEdits;
+    CopiedEdit *Edits;
+    size_t EditCount;
     IndexedSample *Samples;
     size_t SampleCount, SampleCapacity;
     WrittenChunk *Chunks;
@@ -103,6 +127,10 @@ int32_t BuildSampleEntry(const MP4TrackSpec &spec, ModernTrack *track);
 ProgressiveWriter *NewProgressiveWriter(int fd, const char *path, uint32_t flags);
 void ReleaseProgressiveWriter(ProgressiveWriter *writer);
 int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &spec, uint32_t *trackId);
+// Makes room for one more track and gives it zeroed with its ID, not yet
+// counted; null without memory.
+ModernTrack *NextProgressiveTrack(ProgressiveWriter *writer);
+void ReleaseModernTrack(ModernTrack &track);
 int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId,
                                const MP4WriteInfo &info, const uint8_t *data);
 // Writes whatever is pending to `fd` at FileEnd; false after a failed

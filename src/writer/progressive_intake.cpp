@@ -23,13 +23,6 @@ constexpr const char *kCompatibleBrands[] = {"isom", "iso2", "mp41"};
 // The "free" atom that a 64-bit "mdat" head takes over, then the head.
 constexpr size_t kMdatHeadBytes = 16;
 
-void ReleaseTrack(ModernTrack &track) {
-    ReleaseBoxBuffer(&track.Entry);
-    std::free(track.Samples);
-    std::free(track.Chunks);
-    std::free(track.ChunkBytes);
-}
-
 // Whether time a (of clock aClock) lies more than one second before time
 // b (of clock bClock).
 bool SecondBehind(uint64_t a, uint64_t aClock, uint64_t b, uint64_t bClock) {
@@ -55,6 +48,22 @@ bool WriteChunk(ProgressiveWriter *writer, ModernTrack &track) {
 
 }  // namespace
 
+void ReleaseModernTrack(ModernTrack &track) {
+    ReleaseBoxBuffer(&track.Entry);
+    std::free(track.Samples);
+    std::free(track.Chunks);
+    std::free(track.ChunkBytes);
+    std::free(track.Edits);
+}
+
+ModernTrack *NextProgressiveTrack(ProgressiveWriter *writer) {
+    if (!GrowRecords(&writer->Tracks, &writer->TrackCapacity, writer->TrackCount + 1)) return nullptr;
+    ModernTrack *track = &writer->Tracks[writer->TrackCount];
+    *track = ModernTrack{};
+    track->TrackId = uint32_t(writer->TrackCount + 1);
+    return track;
+}
+
 ProgressiveWriter *NewProgressiveWriter(int fd, const char *path, uint32_t flags) {
     auto *writer = static_cast<ProgressiveWriter *>(ZeroAlloc(sizeof(ProgressiveWriter)));
     if (writer == nullptr) return nullptr;
@@ -66,7 +75,7 @@ ProgressiveWriter *NewProgressiveWriter(int fd, const char *path, uint32_t flags
 
 void ReleaseProgressiveWriter(ProgressiveWriter *writer) {
     if (writer == nullptr) return;
-    for (size_t i = 0; i < writer->TrackCount; ++i) ReleaseTrack(writer->Tracks[i]);
+    for (size_t i = 0; i < writer->TrackCount; ++i) ReleaseModernTrack(writer->Tracks[i]);
     std::free(writer->Tracks);
     std::free(writer);
 }
@@ -116,14 +125,12 @@ bool WriteAllChunks(ProgressiveWriter *writer) {
 int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &spec, uint32_t *trackId) {
     if (writer->Started != 0 || writer->Failed != 0) return kAddTrackTooLate;
     if (writer->TrackCount >= kMaxModernTracks) return kAddTrackTooMany;
-    if (!GrowRecords(&writer->Tracks, &writer->TrackCapacity, writer->TrackCount + 1))
-        return kAddTrackNoMemory;
-    ModernTrack &track = writer->Tracks[writer->TrackCount];
-    track = ModernTrack{};
-    track.TrackId = uint32_t(writer->TrackCount + 1);
+    ModernTrack *added = NextProgressiveTrack(writer);
+    if (added == nullptr) return kAddTrackNoMemory;
+    ModernTrack &track = *added;
     const int32_t built = BuildSampleEntry(spec, &track);
     if (built != 1) {
-        ReleaseTrack(track);
+        ReleaseModernTrack(track);
         return built;
     }
     ++writer->TrackCount;
@@ -141,7 +148,7 @@ int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, cons
     ModernTrack &track = writer->Tracks[trackId - 1];
     if (track.PcmFrameBytes != 0 && (info.Size == 0 || info.Size % track.PcmFrameBytes != 0))
         return kWriteBadSize;
-    if (track.SampleCount > 0 && (info.DecodeTime <= track.LastDecodeTime ||
+    if (track.SampleCount > 0 && (info.DecodeTime < track.LastDecodeTime ||
                                   info.DecodeTime - track.LastDecodeTime > UINT32_MAX))
         return kWriteTimeFalls;
     if (track.SampleCount >= UINT32_MAX) return kWriteNoMemory;

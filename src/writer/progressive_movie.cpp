@@ -66,8 +66,14 @@ int64_t EarliestPresentation(const ModernTrack &track) {
     return earliest;
 }
 
-// The presentation's length in movie ticks.
+// The presentation's length in movie ticks: a copied track's edits, else
+// the media less the start its generated edit skips.
 uint64_t PresentedDuration(const ModernTrack &track) {
+    if (track.CopiedEdits != 0 && track.EditCount > 0) {
+        uint64_t total = 0;
+        for (size_t i = 0; i < track.EditCount; ++i) total += track.Edits[i].Duration;
+        return total;
+    }
     const uint64_t media = MediaDuration(track);
     const int64_t start = EarliestPresentation(track);
     const uint64_t shown = start > 0 && uint64_t(start) < media ? media - uint64_t(start) : media;
@@ -108,13 +114,19 @@ void PutMovieHeader(BoxBuffer *out, uint64_t duration, uint32_t nextTrackId) {
 
 void PutTrackHeader(BoxBuffer *out, const ModernTrack &track, uint64_t duration) {
     const uint8_t version = VersionFor(duration);
-    const size_t box = OpenFullBox(out, "tkhd", version, kTrackEnabledInMovie);
+    const size_t box =
+        OpenFullBox(out, "tkhd", version, track.CopiedHeader ? track.HeaderFlags : kTrackEnabledInMovie);
     PutSized(out, version, 0);
     PutSized(out, version, 0);
     Put32(out, track.TrackId);
     Put32(out, 0);
     PutSized(out, version, duration);
     PutZeros(out, 8);
+    if (track.CopiedHeader != 0) {
+        PutBytes(out, track.HeaderTail, kHeaderTailBytes);
+        CloseBox(out, box);
+        return;
+    }
     Put16(out, 0);              // layer
     Put16(out, 0);              // alternate group
     Put16(out, track.TrackType == MP4_TRACK_AUDIO ? 0x0100 : 0);
@@ -125,8 +137,30 @@ void PutTrackHeader(BoxBuffer *out, const ModernTrack &track, uint64_t duration)
     CloseBox(out, box);
 }
 
-// An edit that starts the presentation at the earliest presentation time.
+void PutCopiedEdits(BoxBuffer *out, const ModernTrack &track) {
+    if (track.EditCount == 0) return;
+    uint8_t version = 0;
+    for (size_t i = 0; i < track.EditCount; ++i) {
+        const CopiedEdit &edit = track.Edits[i];
+        version |= VersionFor(edit.Duration) | (edit.MediaTime > INT32_MAX || edit.MediaTime < INT32_MIN);
+    }
+    const size_t edts = OpenBox(out, "edts");
+    const size_t elst = OpenFullBox(out, "elst", version, 0);
+    Put32(out, uint32_t(track.EditCount));
+    for (size_t i = 0; i < track.EditCount; ++i) {
+        const CopiedEdit &edit = track.Edits[i];
+        PutSized(out, version, edit.Duration);
+        PutSized(out, version, version == 1 ? uint64_t(edit.MediaTime) : uint32_t(int32_t(edit.MediaTime)));
+        Put32(out, edit.Rate);
+    }
+    CloseBox(out, elst);
+    CloseBox(out, edts);
+}
+
+// An edit that starts the presentation at the earliest presentation time;
+// a copied track's own edits instead.
 void PutEdits(BoxBuffer *out, const ModernTrack &track) {
+    if (track.CopiedEdits != 0) return PutCopiedEdits(out, track);
     const int64_t start = EarliestPresentation(track);
     if (start <= 0) return;
     const uint64_t duration = PresentedDuration(track);
@@ -316,7 +350,7 @@ void PutTrack(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wid
     PutMediaInformationHeader(out, track);
     const size_t stbl = OpenBox(out, "stbl");
     const size_t stsd = OpenFullBox(out, "stsd", 0, 0);
-    Put32(out, 1);
+    Put32(out, track.EntryCount != 0 ? track.EntryCount : 1);
     PutBytes(out, track.Entry.Bytes, track.Entry.Size);
     CloseBox(out, stsd);
     PutSampleTimes(out, track);
