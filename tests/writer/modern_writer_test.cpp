@@ -360,4 +360,17 @@ TEST(SlowRemux, EveryFixtureKeepsItsPacketsAndStreams) {
     }
 }
 
+// A file-size limit: the write that hits it gives -99, remux exits 1 and
+// removes the output it could not finish.
+TEST(Remux, FailedWriteExitsOneAndRemovesTheOutput) {
+    TempPath out(".mp4");
+    const std::string run = "bash -c \"trap '' XFSZ; ulimit -f 8; " + std::string(MP4CORE_TOOL) +
+                            " remux '" + FixturePath("modern/h264_aac.mp4") + "' -o '" + out.path() +
+                            "' 2>&1; echo exit \\$?\"";
+    const std::string said = RunCommand(run);
+    EXPECT_NE(said.find("failed (-99)"), std::string::npos) << said;
+    EXPECT_NE(said.find("exit 1"), std::string::npos) << said;
+    EXPECT_FALSE(FileExists(out.path()));
+}
+
 }  // namespace
