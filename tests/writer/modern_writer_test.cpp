@@ -374,3 +374,44 @@ TEST(Remux, FailedWriteExitsOneAndRemovesTheOutput) {
 }
 
 }  // namespace
+
+namespace {
+
+// Past 4 GiB: a 64-bit "mdat" and "co64", read back by ffprobe and the
+// modern reader sample for sample.
+TEST(SlowModernWriterLong, ProgressiveFilePast4GiB) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
+    constexpr uint32_t kSamples = 4200, kBytes = 1 << 20;
+    std::vector<uint8_t> frame(kBytes, 0x5A);
+    TempPath path(".mp4");
+    MP4_local_file *file = nullptr;
+    ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_PROGRESSIVE), 1);
+    MP4TrackSpec spec = AvcSpec();
+    uint32_t id = 0;
+    ASSERT_EQ(MP4AddTrack(file, &spec, &id), 1);
+    for (uint32_t n = 0; n < kSamples; ++n) {
+        const MP4WriteInfo info = {uint64_t(n) * 512, 0, 512, kBytes, MP4_SAMPLE_KEY, 0, {}};
+        ASSERT_EQ(MP4WriteSample(file, id, &info, frame.data()), 1) << n;
+    }
+    ASSERT_EQ(MP4FileFlush(file), 1);
+    const std::string mdat = RunCommand("head -c 56 '" + path.path() + "' | od -An -tx1 -j28 | tr -d ' \\n'");
+    EXPECT_EQ(mdat.substr(0, 16), "000000016d646174") << mdat;  // size 1, "mdat"
+    // The bytes are no pictures: ffprobe counts the packets without decoding.
+    EXPECT_EQ(RunCommand("ffprobe -v quiet -count_packets -show_entries stream=nb_read_packets -of csv=p=0 '" +
+                         path.path() + "'"), "4200\n");
+    MP4_local_file *read = nullptr;
+    ASSERT_EQ(MP4FileOpenEx(&read, path.c_str(), 1, MP4_OPEN_MODERN), 1);
+    uint8_t *co64 = nullptr;
+    uint64_t size = 0;
+    EXPECT_EQ(MP4GetAtom(read, "moov/trak/mdia/minf/stbl/co64", &co64, &size), 1);
+    MP4freeData(reinterpret_cast<void **>(&co64));
+    for (uint32_t n = 0; n < kSamples; ++n) {
+        MP4SampleInfo info{};
+        ASSERT_EQ(MP4GetSampleInfo(read, id, 1, n, &info), 1);
+        ASSERT_EQ(info.FileOffset, 44 + uint64_t(n) * kBytes) << n;
+        ASSERT_EQ(info.DecodeTime, uint64_t(n) * 512);
+    }
+    MP4FileClose(&read);
+}
+
+}  // namespace
