@@ -74,10 +74,17 @@ uint64_t PresentedDuration(const ModernTrack &track) {
         for (size_t i = 0; i < track.EditCount; ++i) total += track.Edits[i].Duration;
         return total;
     }
-    const uint64_t media = MediaDuration(track);
     const int64_t start = EarliestPresentation(track);
-    const uint64_t shown = start > 0 && uint64_t(start) < media ? media - uint64_t(start) : media;
-    return Rescale(shown, track.Timescale, kMovieTimescale);
+    if (start <= 0) return Rescale(MediaDuration(track), track.Timescale, kMovieTimescale);
+    // The edit runs from the earliest presentation to the end of the
+    // latest: decode time plus offset plus duration.
+    int64_t decode = 0, end = start;
+    for (size_t i = 0; i < track.SampleCount; ++i) {
+        decode += track.Samples[i].Delta;
+        const int64_t last = decode + track.Samples[i].CompositionOffset + DurationOf(track, i);
+        if (last > end) end = last;
+    }
+    return Rescale(uint64_t(end - start), track.Timescale, kMovieTimescale);
 }
 
 void PutMatrix(BoxBuffer *out, uint32_t rotation, uint32_t width, uint32_t height) {
