@@ -185,6 +185,10 @@ TEST(SlowModernWriter, FramesOfEveryCodecListTheSourcesPacketsInBothLayouts) {
         {"ac3.mp4", 0, 0},            {"eac3.mp4", 0, 0},    {"alac.mp4", 0, 0},
         {"pcm_h264.mov", 0, 16},      {"pcm_twos_stereo.mov", 0, 16},
     };
+    // GStreamer and MediaInfo as two more clients, where they are installed.
+    const bool others = std::system("command -v gst-discoverer-1.0 >/dev/null && "
+                                    "command -v gst-launch-1.0 >/dev/null && "
+                                    "command -v mediainfo >/dev/null") == 0;
     for (const Case &c : cases) {
         const std::string source = FixturePath(std::string("modern/") + c.fixture);
         for (uint32_t flags : {0u, uint32_t(MP4_NEW_FASTSTART)}) {
@@ -193,6 +197,13 @@ TEST(SlowModernWriter, FramesOfEveryCodecListTheSourcesPacketsInBothLayouts) {
             ASSERT_EQ(WriteFromFrames(source, out.path(), flags, c.objectType, c.bits), "");
             EXPECT_EQ(RunCommand("ffprobe -v warning '" + out.path() + "' 2>&1"), "");
             EXPECT_EQ(ProbeListing(out.path(), true), ListingOf(source + ".samples"));
+            if (!others) continue;
+            const std::string found = RunCommand("gst-discoverer-1.0 '" + out.path() + "' 2>&1");
+            EXPECT_NE(found.find("container #0: Quicktime"), std::string::npos) << found;
+            EXPECT_EQ(found.find("rror"), std::string::npos) << found;
+            EXPECT_EQ(RunCommand("gst-launch-1.0 -q filesrc location='" + out.path() +
+                                 "' ! decodebin ! fakesink 2>&1; echo $?"), "0\n");
+            EXPECT_EQ(RunCommand("mediainfo --Inform='General;%Format%' '" + out.path() + "'"), "MPEG-4\n");
         }
     }
 }
