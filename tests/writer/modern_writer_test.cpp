@@ -290,6 +290,28 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
     for (const SpecCase &c : specs) EXPECT_EQ(MP4AddTrack(file, &c.spec, &id), c.result) << c.what;
     EXPECT_EQ(id, 3u);
 
+    // MP4AddTrackFrom: its source must be a read handle with that track,
+    // unprotected; a classic write handle takes no copy.
+    MP4_local_file *classic = nullptr, *plain = nullptr, *locked = nullptr;
+    TempPath classicPath(".mp4");
+    ASSERT_EQ(MP4FileNewEx(&classic, classicPath.c_str(), 0), 1);
+    ASSERT_EQ(MP4FileOpenEx(&plain, FixturePath("modern/h264_aac.mp4").c_str(), 1, MP4_OPEN_MODERN), 1);
+    ASSERT_EQ(MP4FileOpenEx(&locked, FixturePath("modern/encrypted_cenc.mp4").c_str(), 1, MP4_OPEN_MODERN), 1);
+    struct FromCase {
+        MP4_local_file *target, *source;
+        uint32_t track;
+        int32_t type, result;
+    } froms[] = {
+        {classic, plain, 1, 1, -98}, {file, classic, 1, 1, -91}, {file, plain, 1, 2, -90},
+        {file, plain, 0, 1, -99},    {file, locked, 1, 1, -89},  {file, plain, 2, 2, 1},
+    };
+    for (const FromCase &c : froms)
+        EXPECT_EQ(MP4AddTrackFrom(c.target, c.source, c.track, c.type, &id), c.result) << c.track;
+    EXPECT_EQ(id, 4u);
+    MP4FileClose(&plain);
+    MP4FileClose(&locked);
+    MP4FileFlush(classic);
+
     const uint8_t bytes[8] = {};
     struct SampleCase {
         const char *what;
@@ -301,7 +323,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         {"reserved", 2, {2000, 0, 0, 8, 1, 0, {0, 0, 1}}, -96},
         {"unknown flag", 2, {2000, 0, 0, 8, 3, 0, {}}, -96},
         {"second entry", 2, {2000, 0, 0, 8, 1, 2, {}}, -96},
-        {"no track 4", 4, {2000, 0, 0, 8, 1, 0, {}}, -97},
+        {"no track 5", 5, {2000, 0, 0, 8, 1, 0, {}}, -97},
         {"no track 0", 0, {2000, 0, 0, 8, 1, 0, {}}, -97},
         {"same time", 2, {1000, 0, 0, 8, 1, 0, {}}, 1},
         {"falling time", 2, {999, 0, 0, 8, 1, 0, {}}, -95},
@@ -311,6 +333,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         {"second", 2, {3000, -5, 0, 8, 0, 1, {}}, 1},
     };
     for (const SampleCase &c : samples) EXPECT_EQ(MP4WriteSample(file, c.track, &c.info, bytes), c.result) << c.what;
+    EXPECT_EQ(MP4AddTrackFrom(file, file, 1, 1, &id), -97);
     EXPECT_EQ(MP4WriteSample(file, 2, &samples[0].info, nullptr), -99);
     EXPECT_EQ(MP4AddTrack(file, &spec, &id), -97);
     ASSERT_EQ(MP4FileFlush(file), 1);
