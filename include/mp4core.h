@@ -511,8 +511,8 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * -97 no track of that ID; -96 a Reserved word is not zero, Flags holds a
  * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
  * decode time is below the track's previous one, or lies more than
- * 2^32-1 ticks after it; -94 a PCM sample of no bytes or not a whole
- * number of frames; -93 no memory (nothing written; the call may be made
+ * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
+ * number of frames, or one that takes the track past 2^32-1 frames; -93 no memory (nothing written; the call may be made
  * again); -92 the handle was given up after a failed write. Nothing is
  * taken on a failure.
  * Threads: the handle's thread. */

@@ -146,7 +146,10 @@ int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, cons
     if (trackId == 0 || trackId > writer->TrackCount) return kWriteNoTrack;
     if (data == nullptr && info.Size != 0) return kWriteFailed;
     ModernTrack &track = writer->Tracks[trackId - 1];
-    if (track.PcmFrameBytes != 0 && (info.Size == 0 || info.Size % track.PcmFrameBytes != 0))
+    // PCM frames are table samples, counted in 32 bits.
+    if (track.PcmFrameBytes != 0 &&
+        (info.Size == 0 || info.Size % track.PcmFrameBytes != 0 ||
+         track.PcmFrames + info.Size / track.PcmFrameBytes > UINT32_MAX))
         return kWriteBadSize;
     if (track.SampleCount > 0 && (info.DecodeTime < track.LastDecodeTime ||
                                   info.DecodeTime - track.LastDecodeTime > UINT32_MAX))
