@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,46 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Script s{data, size};
+    // A progressive handle for one input in 16: tracks of any format from
+    // fuzzer-chosen specs, samples of fuzzer-chosen sizes, times and flags.
+    if (size > 0 && (data[0] & 0xF0) == 0xA0) {
+        static const char kFormats[][5] = {"avc1", "hvc1", "av01", "vp09", "mp4v", "mp4a", "Opus",
+                                           "ac-3", "ec-3", "fLaC", "alac", "ipcm", "fpcm", "sowt",
+                                           "twos", "in24", "fl32", "tx3g"};
+        s.U8();
+        MP4_local_file *file = nullptr;
+        const uint32_t faststart = s.U8() & 1 ? MP4_NEW_FASTSTART : 0;
+        if (MP4FileNewEx(&file, gOutput.c_str(), MP4_NEW_PROGRESSIVE | faststart) != 1) return 0;
+        uint64_t times[8] = {};
+        for (int steps = 0; !s.Done() && steps < 256; ++steps) {
+            MP4TrackSpec spec{};
+            MP4WriteInfo info{};
+            uint32_t id = 0;
+            size_t taken = 0;
+            if (s.U8() % 8 == 0) {
+                spec.TrackType = s.U8() % 4;
+                std::memcpy(spec.Format, kFormats[s.U8() % 18], 4);
+                std::memcpy(spec.Handler, "text", 4);
+                spec.Timescale = s.U16(), spec.Width = s.U16(), spec.Height = s.U16();
+                spec.SampleRate = s.U8() & 1 ? spec.Timescale : s.U32();
+                spec.Channels = s.U8() % 9, spec.BitsPerSample = s.U8() % 72, spec.ObjectType = s.U8();
+                spec.Rotation = s.U8() % 4 * 90, spec.PixelAspectH = s.U8(), spec.PixelAspectV = s.U8();
+                spec.Config = s.Take(s.U8(), &taken);
+                spec.ConfigSize = uint32_t(taken);
+                MP4AddTrack(file, &spec, &id);
+                continue;
+            }
+            const uint32_t track = s.U8() % 8;
+            info.DecodeTime = times[track] += s.U8() & 1 ? s.U32() : s.U8();
+            info.CompositionOffset = int32_t(s.U16()) - 1000;
+            info.Duration = s.U8(), info.Size = s.U16() % sizeof gPattern, info.Flags = s.U8() % 3;
+            MP4WriteSample(file, track, &info, gPattern);
+        }
+        const int32_t flushed = MP4FileFlush(file);
+        if (flushed == 1 || flushed == -98) ReadBack(gOutput, true);
+        std::remove(gOutput.c_str());
+        return 0;
+    }
     // Classic handles half the time; fragmented ones, durable now and then.
     const uint8_t mode = s.U8() % 4;
     const uint32_t flags = mode < 2 ? 0 : mode == 2 ? MP4_NEW_FRAGMENTED : MP4_NEW_FRAGMENTED | MP4_NEW_SYNC;

@@ -130,7 +130,53 @@ typedef struct IodConfigs {
 enum { MP4_OPEN_MODERN = 1 };
 
 /* Flags of MP4FileNewEx. */
-enum { MP4_NEW_FRAGMENTED = 1, MP4_NEW_SYNC = 2 };
+enum { MP4_NEW_FRAGMENTED = 1, MP4_NEW_SYNC = 2, MP4_NEW_PROGRESSIVE = 4, MP4_NEW_FASTSTART = 8 };
+
+/* A track of any format for MP4AddTrack. Four-character fields have no
+ * terminator. 96 bytes; the caller zeroes Reserved. */
+typedef struct MP4TrackSpec {
+    uint32_t TrackType;       /* 1 video, 2 audio, 0 other (Handler names it) */
+    char Handler[4];          /* "hdlr" type of a track of type 0, e.g. "text" */
+    char Format[4];           /* sample entry: "avc1", "avc3", "hvc1", "hev1",
+                                 "av01", "vp09", "mp4v" (video); "mp4a",
+                                 "Opus", "ac-3", "ec-3", "fLaC", "alac",
+                                 "ipcm", "fpcm", "sowt", "twos", "in24",
+                                 "fl32" (audio); any name for type 0 */
+    uint32_t Timescale;       /* "mdhd" ticks per second; not 0 */
+    uint32_t Width;           /* video: picture size, 1 to 65535 */
+    uint32_t Height;
+    uint32_t SampleRate;      /* audio: 1 and up (PCM: equal to Timescale) */
+    uint32_t Channels;        /* audio: 1 to 65535 */
+    uint32_t BitsPerSample;   /* PCM: 8, 16, 24, 32 (64 for "fpcm"); other
+                                 audio: 0 gives 16 */
+    uint32_t ObjectType;      /* "esds" object type of "mp4a"/"mp4v": 0 gives
+                                 AAC (0x40) or MPEG-4 video (0x20); MP3 is
+                                 0x6B */
+    const uint8_t *Config;    /* the payload of the entry's configuration
+                                 atom as MP4GetDecoderConfig gives it */
+    uint32_t ConfigSize;
+    char Language[4];         /* three lower-case letters and a 0; zeros give
+                                 "und" */
+    uint32_t Rotation;        /* 0, 90, 180 or 270: the "tkhd" matrix */
+    uint32_t PixelAspectH;    /* "pasp" when not 1:1; 0:0 gives 1:1 */
+    uint32_t PixelAspectV;
+    uint32_t Reserved[7];     /* zero */
+} MP4TrackSpec;
+
+/* One sample for MP4WriteSample. 40 bytes; the caller zeroes Reserved. */
+typedef struct MP4WriteInfo {
+    uint64_t DecodeTime;        /* track ticks; never falls within a track */
+    int32_t CompositionOffset;  /* presentation minus decoding time */
+    uint32_t Duration;          /* ticks; 0: up to the next sample's decode
+                                   time (the last repeats the one before) */
+    uint32_t Size;              /* bytes at data */
+    uint32_t Flags;             /* MP4_SAMPLE_KEY */
+    uint32_t DescriptionIndex;  /* 0 or 1: the track's one sample entry */
+    uint32_t Reserved[3];       /* zero */
+} MP4WriteInfo;
+
+/* Bits of MP4WriteInfo.Flags. */
+#define MP4_SAMPLE_KEY 1
 
 /* Flags of MP4FindSample. */
 enum { MP4_FIND_KEY = 1 };
@@ -345,8 +391,28 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *          header and the index) is also made durable with fdatasync
  *          before the call returns, and the new file's folder entry with
  *          fsync, so that a power cut keeps every fragment written; slower.
- * Results: -100 flags hold an unknown bit, or MP4_NEW_SYNC without
- * MP4_NEW_FRAGMENTED (checked first; *file is not written); otherwise
+ *          MP4_NEW_PROGRESSIVE: a handle for MP4AddTrack and
+ *          MP4WriteSample (tracks of any format). Samples go to the file
+ *          as they arrive, into one "mdat" (given a 64-bit size when it
+ *          passes 4 GiB) in chunks of each track of at most one second of
+ *          media and 4 MiB, interleaved in the order they fill; a track
+ *          whose chunk began more than a second before the sample being
+ *          written has stalled and its chunk is written as it stands.
+ *          Memory holds one chunk per track and 16 bytes per sample. No
+ *          temp files; media bytes are written once. MP4FileFlush writes
+ *          the index ("moov") behind the media.
+ *          MP4_NEW_FASTSTART, with MP4_NEW_PROGRESSIVE: the flush then
+ *          writes the finished file with "moov" in front of "mdat" beside
+ *          the output (a temporary name in its folder) and renames it over
+ *          the output; if that fails the plain progressive file stays.
+ *          MP4_NEW_SYNC, with MP4_NEW_PROGRESSIVE: the flush makes the file
+ *          durable (fdatasync) before it returns.
+ * The classic calls (CreateTrack, AddVideoFrame, AddAudioFrame) on a
+ * progressive handle find no track and give -99.
+ * Results: -100 flags hold an unknown bit, MP4_NEW_SYNC without
+ * MP4_NEW_FRAGMENTED or MP4_NEW_PROGRESSIVE, MP4_NEW_PROGRESSIVE with
+ * MP4_NEW_FRAGMENTED, or MP4_NEW_FASTSTART without MP4_NEW_PROGRESSIVE
+ * (checked first; *file is not written); otherwise
  * those of MP4FileNew, with -99 also when there is no memory for the
  * fragmented writer.
  * Threads: the handle's thread. */
@@ -370,8 +436,99 @@ MP4CORE_API int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32
  * gave up (it is released without writing more); -99 file is null
  * (nothing happened), or a write failed now: the file is cut back to the
  * end of its last whole fragment and the handle is released all the same.
+ * On a progressive handle the flush writes the chunks still held, the
+ * "mdat" size and "moov" (one "trak" per track: "stts", "ctts" version 0,
+ * or 1 when an offset is negative, "stss" unless every sample is a key
+ * frame, "stsz", "stsc", "stco", or "co64" when an offset passes 32
+ * bits; "mvhd", "tkhd", "mdhd" and "elst" in version 1 where a value
+ * passes 32 bits; an edit list that starts the presentation at 0 when a
+ * track's earliest presentation time lies after its first decode time),
+ * moves it in front with MP4_NEW_FASTSTART, and releases the handle.
+ * Results there: 1 done; -99 file is null, or a write failed (now or in
+ * an earlier MP4WriteSample): the file is left as far as it was written;
+ * -98 the file is complete with "moov" at its end, but moving "moov" in
+ * front failed (no temporary file could be written or renamed).
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
+
+/* MP4AddTrack adds a track of any format to a progressive handle
+ * (MP4FileNewEx with MP4_NEW_PROGRESSIVE) before its first sample, and
+ * gives it the next track ID (from 1). The library builds the sample
+ * entry: a visual or sound entry with the format's configuration atom
+ * around spec->Config ("avcC", "hvcC", "av1C", "vpcC", "dOps", "dac3",
+ * "dec3", "dfLa", "alac"; for "mp4a"/"mp4v" an "esds" around the
+ * DecoderSpecificInfo; for "ipcm"/"fpcm" a big-endian "pcmC" from
+ * BitsPerSample; none for "sowt", "twos", "in24", "fl32"), and "pasp"
+ * when the pixel aspect is not 1:1. A track of type 0 gets an entry of
+ * its Format whose body behind the data reference index is spec->Config
+ * as given, under a "hdlr" of spec->Handler. PCM tracks hold one frame
+ * per table sample: their Timescale equals SampleRate, each written
+ * sample is a whole number of frames, and their decode times follow from
+ * the frames written.
+ *   trackId  receives the new track's ID on result 1.
+ * Results: 1 done; -99 file, spec or trackId null; -98 the handle is not
+ * a progressive write handle (a classic or fragmented write handle, or a
+ * read handle); -97 a sample was written already (or a write failed);
+ * -96 a Reserved word is not zero; -95 the spec does not fit: TrackType
+ * not 0, 1 or 2, a Format that is not one of its type's (type 0: Handler
+ * or Format zero), Timescale 0, video Width or Height outside 1 to 65535,
+ * audio SampleRate 0 or Channels outside 1 to 65535, a PCM format's
+ * BitsPerSample it does not take or a SampleRate other than its
+ * Timescale, Rotation not 0, 90, 180 or 270, one of PixelAspectH/V 0,
+ * Language not three lower-case letters and a 0; -94 Config does not fit
+ * the format: an "avcC"/"hvcC" record without version 1 (or shorter than
+ * 7/23 bytes), an "av1C" without its marker, a "vpcC" under 8 bytes, a
+ * "dOps" missing or not version 0, a "dac3" other than 3 bytes, a "dec3"
+ * under 5, a "dfLa" that does not start with STREAMINFO, an "alac" under
+ * 24 bytes, AAC without its AudioSpecificConfig, any Config for PCM, a
+ * Config above 1 MiB or null with a size; -93 no memory; -92 the handle
+ * holds 4096 tracks. Nothing is added on a failure.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *spec, uint32_t *trackId);
+
+/* MP4AddTrackFrom adds a track to a progressive handle, as MP4AddTrack
+ * does, that copies the description of track sourceTrackId (of type
+ * sourceType, as in MP4TrackInfo) of a read handle (MP4FileOpen or
+ * MP4FileOpenEx) as the file holds it: "stsd" with every sample entry and
+ * all their child atoms (formats the library does not know included), the
+ * handler, timescale and language, the "tkhd" flags, layer, volume,
+ * matrix and size, and the edit list with its durations rescaled to the
+ * new movie timescale (1000), which then stands instead of the edit the
+ * writer would make; a track without one gets none. Samples follow with
+ * MP4WriteSample; uncompressed audio keeps one frame per table sample, as
+ * MP4AddTrack's PCM tracks do. Metadata ("udta", "meta") is not copied.
+ *   trackId  receives the new track's ID on result 1.
+ * Results: 1 done; -99 file, source or trackId null, or sourceTrackId 0;
+ * -98 file is not a progressive write handle; -97 a sample was written
+ * already (or a write failed); -93 no memory; -92 the handle holds 4096
+ * tracks; -91 source is not a read handle; -90 source has no track of
+ * that ID and type; -89 the track is protected ("encv", "enca": its
+ * sample auxiliary information is not carried over); -88 the track's
+ * "stsd" can't be read or holds no entry. Nothing is added on a failure.
+ * Threads: the handle's thread; source is only read. */
+MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source,
+                                    uint32_t sourceTrackId, int32_t sourceType, uint32_t *trackId);
+
+/* MP4WriteSample adds one sample to a track of a progressive handle: its
+ * bytes join the track's chunk (see MP4FileNewEx), its size, time, offset
+ * and flags the index. Decode times never fall within a track (two
+ * samples may share one); the first is the track's time 0. The index keeps the distances between
+ * decode times as durations, so info->Duration counts for the track's
+ * last sample only (0: it repeats the duration before it).
+ *   data  info->Size bytes; may be null when Size is 0.
+ * Results: 1 done; -99 file or info null, data null with a Size, or a
+ * write to the file failed (the handle is given up: later calls give
+ * -92, the flush -99); -98 the handle is not a progressive write handle;
+ * -97 no track of that ID; -96 a Reserved word is not zero, Flags holds a
+ * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
+ * decode time is below the track's previous one, or lies more than
+ * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
+ * number of frames, or one that takes the track past 2^32-1 frames; -93 no memory (nothing written; the call may be made
+ * again); -92 the handle was given up after a failed write. Nothing is
+ * taken on a failure.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4WriteSample(MP4_local_file *file, uint32_t trackId, const MP4WriteInfo *info,
+                                   const uint8_t *data);
 
 /* ---- Sample access ---------------------------------------------------- */
 

@@ -36,3 +36,6 @@ echo "== info $data/modern/frag_cmaf_every_frame.mp4 (CMAF made by FFmpeg, one f
 $tool info $data/modern/frag_cmaf_every_frame.mp4 | grep ^track
 echo "== extract the H.264 track of $data/modern/frag_empty_moov.mp4 -> out/demo.264 (Annex B)"
 $tool extract $data/modern/frag_empty_moov.mp4 --track 1 -o out/demo.264
+echo "== remux --faststart $data/modern/h264_aac.mp4 -> out/demo_faststart.mp4 (moov in front of the media)"
+$tool remux $data/modern/h264_aac.mp4 -o out/demo_faststart.mp4 --faststart
+$tool dump out/demo_faststart.mp4 | grep -E '^\[(ftyp|moov|free|mdat)\]'

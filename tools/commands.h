@@ -60,6 +60,7 @@ extern const CommandRow kMuxCommand;
 extern const CommandRow kInfoCommand;
 extern const CommandRow kExtractCommand;
 extern const CommandRow kIodCommand;
+extern const CommandRow kRemuxCommand;
 
 // ---- Shared by the commands (cli.cpp) ---------------------------------------
 

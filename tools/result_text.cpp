@@ -130,7 +130,25 @@ constexpr ResultText kResultTexts[] = {
     // The authoring calls have one failure result; the library's debug
     // output on standard error has said which check refused.
     {"MP4FileNew", -99, "the file can't be created, its path has 256 characters or more, or no memory"},
-    {"MP4FileNewEx", -100, "the flags hold an unknown bit, or MP4_NEW_SYNC without MP4_NEW_FRAGMENTED"},
+    {"MP4FileNewEx", -100,
+     "the flags hold an unknown bit or a contradiction (MP4_NEW_SYNC without a fragmented or "
+     "progressive file, both layouts, MP4_NEW_FASTSTART without MP4_NEW_PROGRESSIVE)"},
+    {"MP4AddTrackFrom", -99, "no handle, source or place for the ID, or track ID 0"},
+    {"MP4AddTrackFrom", -98, "the handle is not a progressive write handle"},
+    {"MP4AddTrackFrom", -97, "samples were written already, or a write failed"},
+    {"MP4AddTrackFrom", -93, "no memory"},
+    {"MP4AddTrackFrom", -92, "the file holds 4096 tracks"},
+    {"MP4AddTrackFrom", -91, "the source is not a read handle"},
+    {"MP4AddTrackFrom", -90, "the source has no track of this ID and type"},
+    {"MP4AddTrackFrom", -89, "the track is protected; its sample auxiliary information is not carried over"},
+    {"MP4AddTrackFrom", -88, "the track's sample description can't be read or holds no entry"},
+    {"MP4WriteSample", -99, "a write to the file failed (a full disk, a file-size limit)"},
+    {"MP4WriteSample", -97, "no track with this ID"},
+    {"MP4WriteSample", -96, "a reserved word, an unknown flag or a description index above 1"},
+    {"MP4WriteSample", -95, "the decode time does not rise"},
+    {"MP4WriteSample", -94, "a PCM sample that is not a whole number of frames"},
+    {"MP4WriteSample", -93, "no memory"},
+    {"MP4WriteSample", -92, "the file was given up after a failed write"},
     {"CreateTrack", -99,
      "the track was refused: a bad argument, a second track of its type, no memory, or a temp "
      "file that can't be created"},

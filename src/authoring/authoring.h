@@ -46,3 +46,9 @@ int32_t TakeFragmentFrame(MP4_local_file *file, size_t track, const IntakeFrame 
 // then the index; a handle without frames gets its header first. Nothing
 // is written once a write has failed. 1, or -99 after a message.
 int32_t EndFragmentedIntake(MP4_local_file *file);
+
+// ---- Progressive handles (modern_calls.cpp) --------------------------------
+
+// MP4FileFlush of a progressive handle: ends the file and releases the
+// handle. 1, or the flush results of writer/progressive.h.
+int32_t FlushProgressiveFile(MP4_local_file *file);

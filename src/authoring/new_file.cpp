@@ -8,6 +8,7 @@
 #include "atoms/atoms.h"
 #include "authoring/authoring.h"
 #include "media/media.h"
+#include "writer/progressive.h"
 #include "writer/writer.h"
 
 namespace {
@@ -15,7 +16,8 @@ namespace {
 constexpr int32_t kFailed = -99;
 // MP4FileNewEx: flag bits it doesn't know, checked before anything else.
 constexpr int32_t kNewUnknownFlags = -100;
-constexpr uint32_t kKnownNewFlags = MP4_NEW_FRAGMENTED | MP4_NEW_SYNC;
+constexpr uint32_t kKnownNewFlags =
+    MP4_NEW_FRAGMENTED | MP4_NEW_SYNC | MP4_NEW_PROGRESSIVE | MP4_NEW_FASTSTART;
 
 // A configuration that starts with a visual object sequence header has
 // its video object start code this many bytes further on: the sequence
@@ -27,6 +29,7 @@ constexpr uint32_t kMaxBuiltPictureSide = 8191;
 
 void ReleaseHandle(MP4_local_file *file) {
     ReleaseFragmentWriter(file->write.Fragments);
+    ReleaseProgressiveWriter(file->write.Progressive);
     if (file->RootAtom != nullptr) {
         ReleaseAtomList(file->RootAtom->FirstAtom);
         if (file->RootAtom->FileStream != nullptr) std::fclose(file->RootAtom->FileStream);
@@ -59,6 +62,8 @@ bool IsCreatable(uint32_t trackType) {
 const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t width,
                       uint32_t height, uint32_t timescale, uint32_t configSize,
                       const uint8_t *config, const char *tempFileName) {
+    if (file->Form == HandleForm::ProgressiveWrite)
+        return "A progressive file takes its tracks from MP4AddTrack in CreateTrack(...) \n";
     const WriteForm &form = file->write;
     const bool media = trackType == MP4_TRACK_VIDEO || trackType == MP4_TRACK_AUDIO;
     // A fragmented file's header, with its tracks, is written at the first
@@ -228,7 +233,8 @@ int32_t NewFile(MP4_local_file **file, const char *path, uint32_t flags) {
     // A name that doesn't fit FilePath is refused rather than cut, so that
     // the file is never created under another name.
     if (path == nullptr || std::strlen(path) >= kFilePathBytes ||
-        (root->FileStream = std::fopen(path, "wb")) == nullptr) {
+        (root->FileStream = std::fopen(path, (flags & MP4_NEW_PROGRESSIVE) != 0 ? "w+b" : "wb")) ==
+         nullptr) {
         OutputDebugStringA("Can not create new file in MP4FileNew(...) \n");
         ReleaseHandle(handle);
         *file = nullptr;
@@ -236,6 +242,18 @@ int32_t NewFile(MP4_local_file **file, const char *path, uint32_t flags) {
     }
     std::strcpy(root->FilePath, path);
 
+    // A progressive file's atoms are written by the box writer alone.
+    if ((flags & MP4_NEW_PROGRESSIVE) != 0) {
+        handle->Form = HandleForm::ProgressiveWrite;
+        handle->write.Progressive = NewProgressiveWriter(fileno(root->FileStream), path, flags);
+        if (handle->write.Progressive != nullptr) return 1;
+        OutputDebugStringA("Can't allocate memory for the progressive writer in MP4FileNewEx(...) \n");
+        ReleaseHandle(handle);
+        std::remove(path);
+        *file = nullptr;
+        return kFailed;
+    }
+    handle->Form = fragmented ? HandleForm::FragmentedWrite : HandleForm::ClassicWrite;
     if (CreateFileTree(root, fragmented) != 1 || AllocTreeRecords(root) != 1) {
         OutputDebugStringA("Error occur for create atom subtree in MP4FileNew(...) \n");
         ReleaseHandle(handle);
@@ -262,10 +280,15 @@ int32_t NewFile(MP4_local_file **file, const char *path, uint32_t flags) {
 int32_t MP4FileNew(MP4_local_file **file, const char *path) { return NewFile(file, path, 0); }
 
 int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32_t flags) {
-    // Durable writes are those of fragments: without them the flag means
-    // nothing, and is refused like an unknown one.
-    if ((flags & ~kKnownNewFlags) != 0 ||
-        ((flags & MP4_NEW_SYNC) != 0 && (flags & MP4_NEW_FRAGMENTED) == 0))
+    // Durable writes are those of fragments and of a progressive flush:
+    // without either the flag means nothing, and is refused like an unknown
+    // one, as are the two layouts together and faststart without its
+    // progressive file.
+    const bool fragmented = (flags & MP4_NEW_FRAGMENTED) != 0;
+    const bool progressive = (flags & MP4_NEW_PROGRESSIVE) != 0;
+    if ((flags & ~kKnownNewFlags) != 0 || (fragmented && progressive) ||
+        ((flags & MP4_NEW_SYNC) != 0 && !fragmented && !progressive) ||
+        ((flags & MP4_NEW_FASTSTART) != 0 && !progressive))
         return kNewUnknownFlags;
     return NewFile(file, path, flags);
 }

@@ -16,6 +16,7 @@ struct AudioTrackNode;
 struct OtherTrackNode;
 struct ReadAhead;
 struct FragmentWriter;
+struct ProgressiveWriter;
 
 // A path holds at most this many bytes, terminator included.
 constexpr size_t kFilePathBytes = 256;
@@ -65,12 +66,18 @@ struct WriteForm {
     IntakeState VideoIntake;
     IntakeState AudioIntake;
     FragmentWriter *Fragments;  // owned: the fragmented writer (MP4FileNewEx); null on a classic handle
+    ProgressiveWriter *Progressive;  // owned: the progressive writer (MP4_NEW_PROGRESSIVE); else null
 };
 
-// One name, two forms that share only the first field. Nothing in the
-// record says which form it has: the caller knows from where it came.
+// Which form a handle has, so that a call of one family on a handle of
+// another is refused rather than read through the wrong half of the union.
+// A read handle is zero-allocated and so has Read.
+enum class HandleForm : uint8_t { Read = 0, ClassicWrite, FragmentedWrite, ProgressiveWrite };
+
+// One name, two forms that share the first fields; Form says which.
 struct MP4_local_file {
     Root_atom *RootAtom;
+    HandleForm Form;
     union {
         ReadForm read;
         WriteForm write;

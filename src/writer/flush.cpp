@@ -180,6 +180,7 @@ int32_t MP4FileFlush(MP4_local_file *file) {
         OutputDebugStringA("the input localfile is empty!\n");
         return kFailed;
     }
+    if (file->Form == HandleForm::ProgressiveWrite) return FlushProgressiveFile(file);
     WriteForm &form = file->write;
     // A fragmented file is written already but for its last fragment and
     // its index.

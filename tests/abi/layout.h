@@ -56,7 +56,22 @@
     FIELD(MP4SampleInfo, FileOffset, 0, 8) FIELD(MP4SampleInfo, DecodeTime, 8, 8) \
     FIELD(MP4SampleInfo, CompositionOffset, 16, 4) FIELD(MP4SampleInfo, Size, 20, 4) \
     FIELD(MP4SampleInfo, IsKeyFrame, 24, 1) FIELD(MP4SampleInfo, Pad, 25, 1)       \
-    FIELD(MP4SampleInfo, DescriptionIndex, 26, 2) FIELD(MP4SampleInfo, Duration, 28, 4)
+    FIELD(MP4SampleInfo, DescriptionIndex, 26, 2) FIELD(MP4SampleInfo, Duration, 28, 4) \
+    RECORD(MP4TrackSpec, 96)                                                      \
+    FIELD(MP4TrackSpec, TrackType, 0, 4) FIELD(MP4TrackSpec, Handler, 4, 4)       \
+    FIELD(MP4TrackSpec, Format, 8, 4) FIELD(MP4TrackSpec, Timescale, 12, 4)       \
+    FIELD(MP4TrackSpec, Width, 16, 4) FIELD(MP4TrackSpec, Height, 20, 4)          \
+    FIELD(MP4TrackSpec, SampleRate, 24, 4) FIELD(MP4TrackSpec, Channels, 28, 4)   \
+    FIELD(MP4TrackSpec, BitsPerSample, 32, 4) FIELD(MP4TrackSpec, ObjectType, 36, 4) \
+    FIELD(MP4TrackSpec, Config, 40, 8) FIELD(MP4TrackSpec, ConfigSize, 48, 4)     \
+    FIELD(MP4TrackSpec, Language, 52, 4) FIELD(MP4TrackSpec, Rotation, 56, 4)     \
+    FIELD(MP4TrackSpec, PixelAspectH, 60, 4) FIELD(MP4TrackSpec, PixelAspectV, 64, 4) \
+    FIELD(MP4TrackSpec, Reserved, 68, 28)                                         \
+    RECORD(MP4WriteInfo, 40)                                                      \
+    FIELD(MP4WriteInfo, DecodeTime, 0, 8) FIELD(MP4WriteInfo, CompositionOffset, 8, 4) \
+    FIELD(MP4WriteInfo, Duration, 12, 4) FIELD(MP4WriteInfo, Size, 16, 4)         \
+    FIELD(MP4WriteInfo, Flags, 20, 4) FIELD(MP4WriteInfo, DescriptionIndex, 24, 4) \
+    FIELD(MP4WriteInfo, Reserved, 28, 12)
 
 #define MP4CORE_PUBLISHED_CONSTANTS(CONSTANT)                                     \
     CONSTANT(MP4_TRACK_VIDEO, 1) CONSTANT(MP4_TRACK_AUDIO, 2)                     \
@@ -69,7 +84,8 @@
     CONSTANT(MP4_OPEN_MODERN, 1) CONSTANT(MP4_FIND_KEY, 1)                        \
     CONSTANT(MP4_NEW_FRAGMENTED, 1) CONSTANT(MP4_NEW_SYNC, 2)                     \
     CONSTANT(MP4_TRACK_MIRRORED, 1) CONSTANT(MP4_TRACK_DISABLED, 2)               \
-    CONSTANT(MP4_TRACK_COMPOSITION, 4)
+    CONSTANT(MP4_TRACK_COMPOSITION, 4) CONSTANT(MP4_NEW_PROGRESSIVE, 4)           \
+    CONSTANT(MP4_NEW_FASTSTART, 8) CONSTANT(MP4_SAMPLE_KEY, 1)
 
 #ifdef __cplusplus
 extern "C" {

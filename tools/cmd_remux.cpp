@@ -1,0 +1,176 @@
+// mp4core remux: copies the tracks of a file sample for sample into a new
+// progressive file through the public calls alone (MP4FileOpenEx,
+// MP4AddTrackFrom, MP4GetSampleInfo, MP4ReadSample, MP4WriteSample), the
+// tracks interleaved in decoding-time order; with --faststart the index
+// goes in front of the media.
+#include <cstdio>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "commands.h"
+#include "mp4core.h"
+#include "result_text.h"
+
+namespace {
+
+struct Source {
+    MP4TrackInfo info;
+    uint32_t outId;
+    uint32_t next;     // the next sample to copy
+    uint64_t time;     // its decode time
+};
+
+// A sample's duration: up to the next sample's decode time, the last up
+// to the track's end. (The sample record will carry it.)
+uint32_t SampleDuration(MP4_local_file *in, const Source &s, uint32_t n, uint64_t time) {
+    MP4SampleInfo next{};
+    if (n + 1 < s.info.SampleCount &&
+        MP4GetSampleInfo(in, s.info.TrackId, s.info.TrackType, n + 1, &next) == 1)
+        return uint32_t(next.DecodeTime - time);
+    return s.info.Duration > time ? uint32_t(s.info.Duration - time) : 0;
+}
+
+bool Named(const Arguments &arguments, uint32_t id, bool *any) {
+    bool named = false;
+    for (const GivenOption &given : arguments.options) {
+        uint32_t value = 0;
+        if (std::strcmp(given.option->name, "--track") != 0 || !ParseU32(given.value, &value)) continue;
+        *any = true;
+        named = named || value == id;
+    }
+    return named;
+}
+
+// Adds the tracks to copy; false after a report.
+bool AddTracks(const Arguments &arguments, MP4_local_file *in, MP4_local_file *out,
+               std::vector<Source> *sources) {
+    uint32_t count = 0;
+    MP4GetTrackCount(in, &count);
+    for (uint32_t i = 0; i < count; ++i) {
+        Source s{};
+        if (MP4GetTrackInfo(in, i, &s.info) != 1) continue;
+        bool any = false;
+        const bool named = Named(arguments, s.info.TrackId, &any);
+        if (any && !named) continue;
+        const int32_t added = MP4AddTrackFrom(out, in, s.info.TrackId, s.info.TrackType, &s.outId);
+        if (added == -89 && !any) {
+            std::fprintf(stderr, "mp4core remux: track %u is protected and is not copied\n", s.info.TrackId);
+            continue;
+        }
+        char context[32];
+        std::snprintf(context, sizeof context, "track %u", s.info.TrackId);
+        if (added != 1) return ReportFailure("remux", "MP4AddTrackFrom", added, context), false;
+        sources->push_back(s);
+    }
+    return true;
+}
+
+// Copies every sample, the earliest decode time (in seconds) first.
+bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &sources) {
+    MP4SampleInfo sample{};
+    for (Source &s : sources)
+        if (s.info.SampleCount > 0 && MP4GetSampleInfo(in, s.info.TrackId, s.info.TrackType, 0, &sample) == 1)
+            s.time = sample.DecodeTime;
+    for (;;) {
+        Source *best = nullptr;
+        for (Source &s : sources) {
+            if (s.next >= s.info.SampleCount) continue;
+            if (best == nullptr || (unsigned __int128)s.time * best->info.Timescale <
+                                       (unsigned __int128)best->time * s.info.Timescale)
+                best = &s;
+        }
+        if (best == nullptr) return true;
+        const uint32_t n = best->next++;
+        MP4Sample *bytes = nullptr;
+        int32_t result = MP4GetSampleInfo(in, best->info.TrackId, best->info.TrackType, n, &sample);
+        const char *call = "MP4GetSampleInfo";
+        if (result == 1) {
+            call = "MP4ReadSample";
+            result = MP4ReadSample(in, best->info.TrackId, best->info.TrackType, n, &bytes);
+        }
+        if (result == 1) {
+            MP4WriteInfo info{};
+            info.DecodeTime = sample.DecodeTime;
+            info.CompositionOffset = sample.CompositionOffset;
+            info.Duration = SampleDuration(in, *best, n, sample.DecodeTime);
+            info.Size = bytes->Size;
+            info.Flags = sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0;
+            info.DescriptionIndex = 1;
+            call = "MP4WriteSample";
+            result = MP4WriteSample(out, best->outId, &info, bytes->Data);
+            SampleDataFree(&bytes);
+        }
+        MP4SampleInfo following{};
+        if (best->next < best->info.SampleCount &&
+            MP4GetSampleInfo(in, best->info.TrackId, best->info.TrackType, best->next, &following) == 1)
+            best->time = following.DecodeTime;
+        // A cut file ends the track at its first sample past the end.
+        if (result == -92 && std::strcmp(call, "MP4ReadSample") == 0) {
+            std::fprintf(stderr, "mp4core remux: track %u ends at sample %u, past the end of the file\n",
+                         best->info.TrackId, n);
+            best->next = best->info.SampleCount;
+            continue;
+        }
+        if (result != 1) {
+            char context[48];
+            std::snprintf(context, sizeof context, "track %u sample %u", best->info.TrackId, n);
+            ReportFailure("remux", call, result, context);
+            return false;
+        }
+    }
+}
+
+int RunRemux(const Arguments &arguments) {
+    const char *input = arguments.operands[0];
+    const char *output = OptionValue(arguments, "-o");
+    const uint32_t flags = MP4_NEW_PROGRESSIVE | (HasOption(arguments, "--faststart") ? MP4_NEW_FASTSTART : 0);
+    MP4_local_file *in = nullptr, *out = nullptr;
+    int32_t result = MP4FileOpenEx(&in, input, MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN);
+    if (result != 1) return ReportFailure("remux", "MP4FileOpenEx", result, input);
+    result = MP4FileNewEx(&out, output, flags);
+    if (result != 1) {
+        MP4FileClose(&in);
+        return ReportFailure("remux", "MP4FileNewEx", result, output);
+    }
+    std::vector<Source> sources;
+    bool ok = AddTracks(arguments, in, out, &sources) && CopySamples(in, out, sources);
+    uint8_t *meta = nullptr;
+    uint64_t size = 0;
+    for (const char *path : {"moov/udta", "moov/meta"}) {
+        if (MP4GetAtom(in, path, &meta, &size) != 1) continue;
+        MP4freeData(reinterpret_cast<void **>(&meta));
+        std::fprintf(stderr, "mp4core remux: metadata (%s) is not copied\n", path + 5);
+    }
+    MP4FileClose(&in);
+    result = MP4FileFlush(out);
+    if (ok && result != 1) ok = ReportFailure("remux", "MP4FileFlush", result) == 0;
+    if (!ok) std::remove(output);
+    return ok ? 0 : 1;
+}
+
+constexpr OperandRow kOperands[] = {{"IN", "the file to copy (any MP4 or QuickTime file the modern reader opens)"}};
+
+constexpr OptionRow kOptions[] = {
+    {"-o", "OUT.mp4", true, false, "the file to write"},
+    {"--faststart", nullptr, false, false, "put the index (moov) in front of the media"},
+    {"--track", "ID", false, true, "copy this track (by its ID); repeat for more; default: every track"},
+};
+
+}  // namespace
+
+extern const CommandRow kRemuxCommand = {
+    "remux",
+    "copy the tracks of a file sample for sample into a new MP4 file",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nCopies each track's description as the input holds it (every sample entry\n"
+    "with its atoms, handler, timescale, language, matrix, edit list) and its\n"
+    "samples with their times, offsets and key flags, through the library's\n"
+    "public calls alone, into a progressive file: one \"mdat\" with the tracks in\n"
+    "chunks of up to a second, and \"moov\" behind it (in front with\n"
+    "--faststart). A fragmented input becomes a progressive file. Protected\n"
+    "tracks are left out (a named one is an error), and metadata (\"udta\",\n"
+    "\"meta\") is not copied: both are said on standard error. A failed run\n"
+    "removes the output and exits 1.\n",
+    RunRemux,
+};
