@@ -21,16 +21,6 @@ struct Source {
     uint64_t time;     // its decode time
 };
 
-// A sample's duration: up to the next sample's decode time, the last up
-// to the track's end. (The sample record will carry it.)
-uint32_t SampleDuration(MP4_local_file *in, const Source &s, uint32_t n, uint64_t time) {
-    MP4SampleInfo next{};
-    if (n + 1 < s.info.SampleCount &&
-        MP4GetSampleInfo(in, s.info.TrackId, s.info.TrackType, n + 1, &next) == 1)
-        return uint32_t(next.DecodeTime - time);
-    return s.info.Duration > time ? uint32_t(s.info.Duration - time) : 0;
-}
-
 bool Named(const Arguments &arguments, uint32_t id, bool *any) {
     bool named = false;
     for (const GivenOption &given : arguments.options) {
@@ -93,10 +83,10 @@ bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &s
             MP4WriteInfo info{};
             info.DecodeTime = sample.DecodeTime;
             info.CompositionOffset = sample.CompositionOffset;
-            info.Duration = SampleDuration(in, *best, n, sample.DecodeTime);
+            info.Duration = sample.Duration;
             info.Size = bytes->Size;
             info.Flags = sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0;
-            info.DescriptionIndex = 1;
+            info.DescriptionIndex = sample.DescriptionIndex;
             call = "MP4WriteSample";
             result = MP4WriteSample(out, best->outId, &info, bytes->Data);
             SampleDataFree(&bytes);
