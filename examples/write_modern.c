@@ -14,21 +14,21 @@
 
 /* Describes track `index` of the input for MP4AddTrack. The configuration
  * block is the caller's to release with MP4freeData. */
-static int DescribeTrack(MP4_local_file *in, uint32_t index, MP4TrackInfo *info, MP4TrackSpec *spec,
+static int DescribeTrack(MP4_local_file *in, uint32_t index, MP4TrackInfo *info, MP4TrackSpec *trackSpec,
                          uint8_t **config) {
     if (MP4GetTrackInfo(in, index, info) != 1) return 0;
-    memset(spec, 0, sizeof *spec);
-    spec->TrackType = (uint32_t)info->TrackType;
-    memcpy(spec->Format, info->Format, 4);
-    spec->Timescale = info->Timescale;
-    spec->Width = info->Width;
-    spec->Height = info->Height;
-    spec->SampleRate = info->SampleRate;
-    spec->Channels = info->Channels;
-    memcpy(spec->Language, info->Language, 4);
+    memset(trackSpec, 0, sizeof *trackSpec);
+    trackSpec->TrackType = (uint32_t)info->TrackType;
+    memcpy(trackSpec->Format, info->Format, 4);
+    trackSpec->Timescale = info->Timescale;
+    trackSpec->Width = info->Width;
+    trackSpec->Height = info->Height;
+    trackSpec->SampleRate = info->SampleRate;
+    trackSpec->Channels = info->Channels;
+    memcpy(trackSpec->Language, info->Language, 4);
     *config = NULL;
-    if (MP4GetDecoderConfig(in, info->TrackId, info->TrackType, config, &spec->ConfigSize) == 1)
-        spec->Config = *config;
+    if (MP4GetDecoderConfig(in, info->TrackId, info->TrackType, config, &trackSpec->ConfigSize) == 1)
+        trackSpec->Config = *config;
     return 1;
 }
 
@@ -70,9 +70,9 @@ int main(int argc, char **argv) {
     }
 
     for (t = 0; t < count && ok; ++t) {
-        MP4TrackSpec spec;
+        MP4TrackSpec trackSpec;
         uint8_t *config = NULL;
-        ok = DescribeTrack(in, t, &tracks[t], &spec, &config) && MP4AddTrack(out, &spec, &ids[t]) == 1;
+        ok = DescribeTrack(in, t, &tracks[t], &trackSpec, &config) && MP4AddTrack(out, &trackSpec, &ids[t]) == 1;
         MP4freeData((void **)&config);
     }
 

@@ -125,7 +125,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Script s{data, size};
     // A progressive handle for one input in 16: tracks of any format from
-    // fuzzer-chosen specs, samples of fuzzer-chosen sizes, times and flags.
+    // fuzzer-chosen track descriptions, samples of fuzzer-chosen sizes, times and flags.
     if (size > 0 && (data[0] & 0xF0) == 0xA0) {
         static const char kFormats[][5] = {"avc1", "hvc1", "av01", "vp09", "mp4v", "mp4a", "Opus",
                                            "ac-3", "ec-3", "fLaC", "alac", "ipcm", "fpcm", "sowt",
@@ -136,21 +136,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (MP4FileNewEx(&file, gOutput.c_str(), MP4_NEW_PROGRESSIVE | faststart) != 1) return 0;
         uint64_t times[8] = {};
         for (int steps = 0; !s.Done() && steps < 256; ++steps) {
-            MP4TrackSpec spec{};
+            MP4TrackSpec trackSpec{};
             MP4WriteInfo info{};
             uint32_t id = 0;
             size_t taken = 0;
             if (s.U8() % 8 == 0) {
-                spec.TrackType = s.U8() % 4;
-                std::memcpy(spec.Format, kFormats[s.U8() % 18], 4);
-                std::memcpy(spec.Handler, "text", 4);
-                spec.Timescale = s.U16(), spec.Width = s.U16(), spec.Height = s.U16();
-                spec.SampleRate = s.U8() & 1 ? spec.Timescale : s.U32();
-                spec.Channels = s.U8() % 9, spec.BitsPerSample = s.U8() % 72, spec.ObjectType = s.U8();
-                spec.Rotation = s.U8() % 4 * 90, spec.PixelAspectH = s.U8(), spec.PixelAspectV = s.U8();
-                spec.Config = s.Take(s.U8(), &taken);
-                spec.ConfigSize = uint32_t(taken);
-                MP4AddTrack(file, &spec, &id);
+                trackSpec.TrackType = s.U8() % 4;
+                std::memcpy(trackSpec.Format, kFormats[s.U8() % 18], 4);
+                std::memcpy(trackSpec.Handler, "text", 4);
+                trackSpec.Timescale = s.U16(), trackSpec.Width = s.U16(), trackSpec.Height = s.U16();
+                trackSpec.SampleRate = s.U8() & 1 ? trackSpec.Timescale : s.U32();
+                trackSpec.Channels = s.U8() % 9, trackSpec.BitsPerSample = s.U8() % 72, trackSpec.ObjectType = s.U8();
+                trackSpec.Rotation = s.U8() % 4 * 90, trackSpec.PixelAspectH = s.U8(), trackSpec.PixelAspectV = s.U8();
+                trackSpec.Config = s.Take(s.U8(), &taken);
+                trackSpec.ConfigSize = uint32_t(taken);
+                MP4AddTrack(file, &trackSpec, &id);
                 continue;
             }
             const uint32_t track = s.U8() % 8;

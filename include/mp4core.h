@@ -455,21 +455,21 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * (MP4FileNewEx with MP4_NEW_PROGRESSIVE) before its first sample, and
  * gives it the next track ID (from 1). The library builds the sample
  * entry: a visual or sound entry with the format's configuration atom
- * around spec->Config ("avcC", "hvcC", "av1C", "vpcC", "dOps", "dac3",
+ * around trackSpec->Config ("avcC", "hvcC", "av1C", "vpcC", "dOps", "dac3",
  * "dec3", "dfLa", "alac"; for "mp4a"/"mp4v" an "esds" around the
  * DecoderSpecificInfo; for "ipcm"/"fpcm" a big-endian "pcmC" from
  * BitsPerSample; none for "sowt", "twos", "in24", "fl32"), and "pasp"
  * when the pixel aspect is not 1:1. A track of type 0 gets an entry of
- * its Format whose body behind the data reference index is spec->Config
- * as given, under a "hdlr" of spec->Handler. PCM tracks hold one frame
+ * its Format whose body behind the data reference index is trackSpec->Config
+ * as given, under a "hdlr" of trackSpec->Handler. PCM tracks hold one frame
  * per table sample: their Timescale equals SampleRate, each written
  * sample is a whole number of frames, and their decode times follow from
  * the frames written.
  *   trackId  receives the new track's ID on result 1.
- * Results: 1 done; -99 file, spec or trackId null; -98 the handle is not
+ * Results: 1 done; -99 file, trackSpec or trackId null; -98 the handle is not
  * a progressive write handle (a classic or fragmented write handle, or a
  * read handle); -97 a sample was written already (or a write failed);
- * -96 a Reserved word is not zero; -95 the spec does not fit: TrackType
+ * -96 a Reserved word is not zero; -95 the track description does not fit: TrackType
  * not 0, 1 or 2, a Format that is not one of its type's (type 0: Handler
  * or Format zero), Timescale 0, video Width or Height outside 1 to 65535,
  * audio SampleRate 0 or Channels outside 1 to 65535, a PCM format's
@@ -484,7 +484,7 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * Config above 1 MiB or null with a size; -93 no memory; -92 the handle
  * holds 4096 tracks. Nothing is added on a failure.
  * Threads: the handle's thread. */
-MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *spec, uint32_t *trackId);
+MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *trackSpec, uint32_t *trackId);
 
 /* MP4AddTrackFrom adds a track to a progressive handle, as MP4AddTrack
  * does, that copies the description of track sourceTrackId (of type

@@ -16,13 +16,13 @@ ProgressiveWriter *ProgressiveOf(MP4_local_file *file) {
 
 }  // namespace
 
-int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *spec, uint32_t *trackId) {
-    if (file == nullptr || spec == nullptr || trackId == nullptr) return kAddTrackNullArgument;
+int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *trackSpec, uint32_t *trackId) {
+    if (file == nullptr || trackSpec == nullptr || trackId == nullptr) return kAddTrackNullArgument;
     ProgressiveWriter *writer = ProgressiveOf(file);
     if (writer == nullptr) return kAddTrackWrongHandle;
-    for (uint32_t word : spec->Reserved)
+    for (uint32_t word : trackSpec->Reserved)
         if (word != 0) return kAddTrackReserved;
-    return AddProgressiveTrack(writer, *spec, trackId);
+    return AddProgressiveTrack(writer, *trackSpec, trackId);
 }
 
 int32_t MP4WriteSample(MP4_local_file *file, uint32_t trackId, const MP4WriteInfo *info,

@@ -41,7 +41,7 @@ constexpr int32_t kFlushFaststartFailed = -98;
 constexpr uint32_t kMaxModernTracks = 4096;
 // A chunk holds at most one second of its track's media and 4 MiB.
 constexpr uint64_t kChunkBytes = uint64_t(4) << 20;
-// The largest configuration a spec may carry.
+// The largest configuration a track description may carry.
 constexpr uint32_t kMaxSpecConfigBytes = uint32_t(1) << 20;
 
 // One sample of the index: 16 bytes, the bound of the writer's memory per
@@ -117,16 +117,16 @@ struct ProgressiveWriter {
 
 // ---- Sample entries (sample_entries.cpp) ----------------------------------
 
-// Checks a spec against its format and builds the track's sample entry
+// Checks a track description against its format and builds the track's sample entry
 // (and handler and PCM frame size). 1, or kAddTrackBadSpec,
 // kAddTrackBadConfig, kAddTrackNoMemory.
-int32_t BuildSampleEntry(const MP4TrackSpec &spec, ModernTrack *track);
+int32_t BuildSampleEntry(const MP4TrackSpec &trackSpec, ModernTrack *track);
 
 // ---- Intake (progressive_intake.cpp) ----------------------------------
 
 ProgressiveWriter *NewProgressiveWriter(int fd, const char *path, uint32_t flags);
 void ReleaseProgressiveWriter(ProgressiveWriter *writer);
-int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &spec, uint32_t *trackId);
+int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &trackSpec, uint32_t *trackId);
 // Makes room for one more track and gives it zeroed with its ID, not yet
 // counted; null without memory.
 ModernTrack *NextProgressiveTrack(ProgressiveWriter *writer);

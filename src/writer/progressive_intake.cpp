@@ -1,4 +1,4 @@
-// The intake of a progressive handle: tracks from their specs, and each
+// The intake of a progressive handle: tracks from their descriptions, and each
 // sample's bytes gathered into its track's chunk, which goes to the file
 // once it holds a second of media or 4 MiB, or once its track has fallen
 // a second behind the sample being written (a stalled stream). Memory
@@ -122,13 +122,13 @@ bool WriteAllChunks(ProgressiveWriter *writer) {
     return true;
 }
 
-int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &spec, uint32_t *trackId) {
+int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &trackSpec, uint32_t *trackId) {
     if (writer->Started != 0 || writer->Failed != 0) return kAddTrackTooLate;
     if (writer->TrackCount >= kMaxModernTracks) return kAddTrackTooMany;
     ModernTrack *added = NextProgressiveTrack(writer);
     if (added == nullptr) return kAddTrackNoMemory;
     ModernTrack &track = *added;
-    const int32_t built = BuildSampleEntry(spec, &track);
+    const int32_t built = BuildSampleEntry(trackSpec, &track);
     if (built != 1) {
         ReleaseModernTrack(track);
         return built;

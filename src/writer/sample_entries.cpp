@@ -20,7 +20,7 @@ enum class ConfigForm {
     None,       // no configuration atom
 };
 
-using ConfigCheck = bool (*)(const uint8_t *config, uint32_t size, const MP4TrackSpec &spec);
+using ConfigCheck = bool (*)(const uint8_t *config, uint32_t size, const MP4TrackSpec &trackSpec);
 
 bool AnyConfig(const uint8_t *, uint32_t, const MP4TrackSpec &) { return true; }
 bool NoConfig(const uint8_t *, uint32_t size, const MP4TrackSpec &) { return size == 0; }
@@ -44,8 +44,8 @@ bool FlacBlocks(const uint8_t *c, uint32_t size, const MP4TrackSpec &) {
 bool AlacCookie(const uint8_t *, uint32_t size, const MP4TrackSpec &) { return size >= 24; }
 // AAC needs its AudioSpecificConfig; MP3 and the other object types may
 // go without.
-bool AudioEsds(const uint8_t *, uint32_t size, const MP4TrackSpec &spec) {
-    return size >= 2 || (spec.ObjectType != 0 && spec.ObjectType != 0x40);
+bool AudioEsds(const uint8_t *, uint32_t size, const MP4TrackSpec &trackSpec) {
+    return size >= 2 || (trackSpec.ObjectType != 0 && trackSpec.ObjectType != 0x40);
 }
 
 struct FormatRow {
@@ -106,9 +106,9 @@ void PutDescriptorHead(BoxBuffer *out, uint8_t tag, uint32_t length) {
     Put8(out, uint8_t(length & 0x7F));
 }
 
-void PutEsds(BoxBuffer *out, const MP4TrackSpec &spec, bool video, uint32_t trackId) {
+void PutEsds(BoxBuffer *out, const MP4TrackSpec &trackSpec, bool video, uint32_t trackId) {
     constexpr uint32_t kDescriptorHead = 5, kEsFields = 3, kDecoderFields = 13, kSlFields = 1;
-    const uint32_t specific = spec.ConfigSize != 0 ? kDescriptorHead + spec.ConfigSize : 0;
+    const uint32_t specific = trackSpec.ConfigSize != 0 ? kDescriptorHead + trackSpec.ConfigSize : 0;
     const uint32_t decoder = kDecoderFields + specific;
     const uint32_t es = kEsFields + kDescriptorHead + decoder + kDescriptorHead + kSlFields;
     const size_t box = OpenFullBox(out, "esds", 0, 0);
@@ -116,22 +116,22 @@ void PutEsds(BoxBuffer *out, const MP4TrackSpec &spec, bool video, uint32_t trac
     Put16(out, uint16_t(trackId));
     Put8(out, 0);  // no dependence, URL or OCR stream
     PutDescriptorHead(out, kDecoderConfigTag, decoder);
-    const uint32_t objectType = spec.ObjectType != 0
-                                    ? spec.ObjectType
+    const uint32_t objectType = trackSpec.ObjectType != 0
+                                    ? trackSpec.ObjectType
                                     : (video ? kMpeg4VideoObjectType : kAacObjectType);
     Put8(out, uint8_t(objectType));
     Put8(out, uint8_t(((video ? kVisualStream : kAudioStream) << 2) | 1));
     PutZeros(out, 3 + 4 + 4);  // buffer size, maximum and average bit rate: not known
-    if (spec.ConfigSize != 0) {
-        PutDescriptorHead(out, kDecoderSpecificTag, spec.ConfigSize);
-        PutBytes(out, spec.Config, spec.ConfigSize);
+    if (trackSpec.ConfigSize != 0) {
+        PutDescriptorHead(out, kDecoderSpecificTag, trackSpec.ConfigSize);
+        PutBytes(out, trackSpec.Config, trackSpec.ConfigSize);
     }
     PutDescriptorHead(out, kSlConfigTag, kSlFields);
     Put8(out, 2);  // predefined: MP4 file
     CloseBox(out, box);
 }
 
-void PutConfigAtom(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &spec,
+void PutConfigAtom(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &trackSpec,
                    uint32_t trackId, uint32_t bits) {
     switch (row.Form) {
     case ConfigForm::Plain:
@@ -140,11 +140,11 @@ void PutConfigAtom(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &spe
         const size_t box = row.Form == ConfigForm::Plain
                                ? OpenBox(out, row.ConfigAtom)
                                : OpenFullBox(out, row.ConfigAtom, row.Form == ConfigForm::FullV1, 0);
-        PutBytes(out, spec.Config, spec.ConfigSize);
+        PutBytes(out, trackSpec.Config, trackSpec.ConfigSize);
         CloseBox(out, box);
         return;
     }
-    case ConfigForm::Esds: PutEsds(out, spec, row.Kind == EntryKind::Visual, trackId); return;
+    case ConfigForm::Esds: PutEsds(out, trackSpec, row.Kind == EntryKind::Visual, trackId); return;
     case ConfigForm::PcmHeader: {
         const size_t box = OpenFullBox(out, row.ConfigAtom, 0, 0);
         Put8(out, kPcmBigEndian);
@@ -161,12 +161,12 @@ void PutEntryHead(BoxBuffer *out) {
     Put16(out, kDataReferenceIndex);
 }
 
-void PutVisualEntry(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &spec, uint32_t trackId) {
+void PutVisualEntry(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &trackSpec, uint32_t trackId) {
     const size_t box = OpenBox(out, row.Format);
     PutEntryHead(out);
     PutZeros(out, 16);  // pre-defined and reserved
-    Put16(out, uint16_t(spec.Width));
-    Put16(out, uint16_t(spec.Height));
+    Put16(out, uint16_t(trackSpec.Width));
+    Put16(out, uint16_t(trackSpec.Height));
     Put32(out, 0x00480000);  // 72 dpi across and down
     Put32(out, 0x00480000);
     Put32(out, 0);
@@ -174,36 +174,36 @@ void PutVisualEntry(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &sp
     PutZeros(out, 32);       // no compressor name
     Put16(out, 0x0018);      // depth: colour
     Put16(out, 0xFFFF);
-    PutConfigAtom(out, row, spec, trackId, 0);
-    if (spec.PixelAspectH != spec.PixelAspectV) {
+    PutConfigAtom(out, row, trackSpec, trackId, 0);
+    if (trackSpec.PixelAspectH != trackSpec.PixelAspectV) {
         const size_t pasp = OpenBox(out, "pasp");
-        Put32(out, spec.PixelAspectH);
-        Put32(out, spec.PixelAspectV);
+        Put32(out, trackSpec.PixelAspectH);
+        Put32(out, trackSpec.PixelAspectV);
         CloseBox(out, pasp);
     }
     CloseBox(out, box);
 }
 
-void PutSoundEntry(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &spec, uint32_t trackId,
+void PutSoundEntry(BoxBuffer *out, const FormatRow &row, const MP4TrackSpec &trackSpec, uint32_t trackId,
                    uint32_t bits) {
     const size_t box = OpenBox(out, row.Format);
     PutEntryHead(out);
     PutZeros(out, 8);        // version 0 and reserved
-    Put16(out, uint16_t(spec.Channels));
+    Put16(out, uint16_t(trackSpec.Channels));
     Put16(out, uint16_t(bits));
     PutZeros(out, 4);        // pre-defined and reserved
     // 16.16 rate; a rate above the field's reach is left to the configuration.
-    Put32(out, spec.SampleRate <= 0xFFFF ? spec.SampleRate << 16 : 0);
-    PutConfigAtom(out, row, spec, trackId, bits);
+    Put32(out, trackSpec.SampleRate <= 0xFFFF ? trackSpec.SampleRate << 16 : 0);
+    PutConfigAtom(out, row, trackSpec, trackId, bits);
     CloseBox(out, box);
 }
 
 // A track of another kind: the entry's head, then the caller's
 // configuration as the rest of its body.
-void PutOtherEntry(BoxBuffer *out, const MP4TrackSpec &spec) {
-    const size_t box = OpenBox(out, spec.Format);
+void PutOtherEntry(BoxBuffer *out, const MP4TrackSpec &trackSpec) {
+    const size_t box = OpenBox(out, trackSpec.Format);
     PutEntryHead(out);
-    PutBytes(out, spec.Config, spec.ConfigSize);
+    PutBytes(out, trackSpec.Config, trackSpec.ConfigSize);
     CloseBox(out, box);
 }
 
@@ -217,52 +217,52 @@ bool HasName(const char name[4]) {
     return name[0] != 0 || name[1] != 0 || name[2] != 0 || name[3] != 0;
 }
 
-// The checks every spec takes, whatever its format.
-bool SpecFits(const MP4TrackSpec &spec) {
-    if (spec.Timescale == 0 || spec.TrackType > MP4_TRACK_AUDIO) return false;
-    if (spec.Rotation % 90 != 0 || spec.Rotation > 270) return false;
-    if ((spec.PixelAspectH == 0) != (spec.PixelAspectV == 0)) return false;
-    if (HasName(spec.Language) && !IsLanguage(spec.Language)) return false;
-    if (spec.TrackType == 0) return HasName(spec.Handler) && HasName(spec.Format);
-    if (spec.TrackType == MP4_TRACK_VIDEO)
-        return spec.Width >= 1 && spec.Width <= kMaxSide && spec.Height >= 1 && spec.Height <= kMaxSide;
-    return spec.SampleRate != 0 && spec.Channels >= 1 && spec.Channels <= kMaxSide;
+// The checks every track description takes, whatever its format.
+bool SpecFits(const MP4TrackSpec &trackSpec) {
+    if (trackSpec.Timescale == 0 || trackSpec.TrackType > MP4_TRACK_AUDIO) return false;
+    if (trackSpec.Rotation % 90 != 0 || trackSpec.Rotation > 270) return false;
+    if ((trackSpec.PixelAspectH == 0) != (trackSpec.PixelAspectV == 0)) return false;
+    if (HasName(trackSpec.Language) && !IsLanguage(trackSpec.Language)) return false;
+    if (trackSpec.TrackType == 0) return HasName(trackSpec.Handler) && HasName(trackSpec.Format);
+    if (trackSpec.TrackType == MP4_TRACK_VIDEO)
+        return trackSpec.Width >= 1 && trackSpec.Width <= kMaxSide && trackSpec.Height >= 1 && trackSpec.Height <= kMaxSide;
+    return trackSpec.SampleRate != 0 && trackSpec.Channels >= 1 && trackSpec.Channels <= kMaxSide;
 }
 
 }  // namespace
 
-int32_t BuildSampleEntry(const MP4TrackSpec &spec, ModernTrack *track) {
-    if (!SpecFits(spec)) return kAddTrackBadSpec;
-    if (spec.ConfigSize > kMaxSpecConfigBytes || (spec.Config == nullptr && spec.ConfigSize != 0))
+int32_t BuildSampleEntry(const MP4TrackSpec &trackSpec, ModernTrack *track) {
+    if (!SpecFits(trackSpec)) return kAddTrackBadSpec;
+    if (trackSpec.ConfigSize > kMaxSpecConfigBytes || (trackSpec.Config == nullptr && trackSpec.ConfigSize != 0))
         return kAddTrackBadConfig;
-    track->TrackType = spec.TrackType;
-    track->Timescale = spec.Timescale;
-    std::memcpy(track->Language, HasName(spec.Language) ? spec.Language : "und", 4);
-    track->Rotation = spec.Rotation;
-    if (spec.TrackType == 0) {
-        std::memcpy(track->Handler, spec.Handler, 4);
-        PutOtherEntry(&track->Entry, spec);
+    track->TrackType = trackSpec.TrackType;
+    track->Timescale = trackSpec.Timescale;
+    std::memcpy(track->Language, HasName(trackSpec.Language) ? trackSpec.Language : "und", 4);
+    track->Rotation = trackSpec.Rotation;
+    if (trackSpec.TrackType == 0) {
+        std::memcpy(track->Handler, trackSpec.Handler, 4);
+        PutOtherEntry(&track->Entry, trackSpec);
         return track->Entry.Failed ? kAddTrackNoMemory : 1;
     }
-    const FormatRow *row = FindFormat(spec.Format);
-    const EntryKind kind = spec.TrackType == MP4_TRACK_VIDEO ? EntryKind::Visual : EntryKind::Sound;
+    const FormatRow *row = FindFormat(trackSpec.Format);
+    const EntryKind kind = trackSpec.TrackType == MP4_TRACK_VIDEO ? EntryKind::Visual : EntryKind::Sound;
     if (row == nullptr || row->Kind != kind) return kAddTrackBadSpec;
-    uint32_t bits = spec.BitsPerSample != 0 ? spec.BitsPerSample : 16;
+    uint32_t bits = trackSpec.BitsPerSample != 0 ? trackSpec.BitsPerSample : 16;
     if (row->PcmBits[0] != 0) {
         // Each PCM frame is a sample of one tick.
-        if ((bits != row->PcmBits[0] && bits != row->PcmBits[1]) || spec.SampleRate != spec.Timescale)
+        if ((bits != row->PcmBits[0] && bits != row->PcmBits[1]) || trackSpec.SampleRate != trackSpec.Timescale)
             return kAddTrackBadSpec;
-        track->PcmFrameBytes = spec.Channels * (bits / 8);
+        track->PcmFrameBytes = trackSpec.Channels * (bits / 8);
     }
-    if (!row->Fits(spec.Config, spec.ConfigSize, spec)) return kAddTrackBadConfig;
+    if (!row->Fits(trackSpec.Config, trackSpec.ConfigSize, trackSpec)) return kAddTrackBadConfig;
     if (kind == EntryKind::Visual) {
         std::memcpy(track->Handler, "vide", 4);
-        track->Width = spec.Width;
-        track->Height = spec.Height;
-        PutVisualEntry(&track->Entry, *row, spec, track->TrackId);
+        track->Width = trackSpec.Width;
+        track->Height = trackSpec.Height;
+        PutVisualEntry(&track->Entry, *row, trackSpec, track->TrackId);
     } else {
         std::memcpy(track->Handler, "soun", 4);
-        PutSoundEntry(&track->Entry, *row, spec, track->TrackId, bits);
+        PutSoundEntry(&track->Entry, *row, trackSpec, track->TrackId, bits);
     }
     return track->Entry.Failed ? kAddTrackNoMemory : 1;
 }

@@ -45,24 +45,24 @@ std::string WriteFromFrames(const std::string &source, const std::string &out, u
     for (uint32_t t = 0; t < count && error.empty(); ++t) {
         MP4TrackInfo &info = tracks[t];
         MP4GetTrackInfo(in, t, &info);
-        MP4TrackSpec spec{};
-        spec.TrackType = uint32_t(info.TrackType);
-        std::memcpy(spec.Format, info.Format, 4);
-        spec.Timescale = info.Timescale;
-        spec.Width = info.Width;
-        spec.Height = info.Height;
-        spec.SampleRate = info.SampleRate;
-        spec.Channels = info.Channels;
-        spec.BitsPerSample = bits;
-        spec.ObjectType = objectType;
-        std::memcpy(spec.Language, info.Language, 4);
-        spec.Rotation = info.Rotation;
-        spec.PixelAspectH = info.PixelAspectH;
-        spec.PixelAspectV = info.PixelAspectV;
+        MP4TrackSpec trackSpec{};
+        trackSpec.TrackType = uint32_t(info.TrackType);
+        std::memcpy(trackSpec.Format, info.Format, 4);
+        trackSpec.Timescale = info.Timescale;
+        trackSpec.Width = info.Width;
+        trackSpec.Height = info.Height;
+        trackSpec.SampleRate = info.SampleRate;
+        trackSpec.Channels = info.Channels;
+        trackSpec.BitsPerSample = bits;
+        trackSpec.ObjectType = objectType;
+        std::memcpy(trackSpec.Language, info.Language, 4);
+        trackSpec.Rotation = info.Rotation;
+        trackSpec.PixelAspectH = info.PixelAspectH;
+        trackSpec.PixelAspectV = info.PixelAspectV;
         uint8_t *config = nullptr;
-        MP4GetDecoderConfig(in, info.TrackId, info.TrackType, &config, &spec.ConfigSize);
-        spec.Config = config;
-        const int32_t added = MP4AddTrack(file, &spec, &ids[t]);
+        MP4GetDecoderConfig(in, info.TrackId, info.TrackType, &config, &trackSpec.ConfigSize);
+        trackSpec.Config = config;
+        const int32_t added = MP4AddTrack(file, &trackSpec, &ids[t]);
         if (added != 1) error = Format("MP4AddTrack %d", added);
         MP4freeData(reinterpret_cast<void **>(&config));
     }
@@ -214,26 +214,26 @@ namespace {
 
 MP4TrackSpec AvcSpec() {
     static const uint8_t kAvcC[] = {1, 0x64, 0, 0x0B, 0xFF, 0xE0, 0};
-    MP4TrackSpec spec{};
-    spec.TrackType = MP4_TRACK_VIDEO;
-    std::memcpy(spec.Format, "avc1", 4);
-    spec.Timescale = 12800;
-    spec.Width = 160;
-    spec.Height = 120;
-    spec.Config = kAvcC;
-    spec.ConfigSize = sizeof kAvcC;
-    return spec;
+    MP4TrackSpec trackSpec{};
+    trackSpec.TrackType = MP4_TRACK_VIDEO;
+    std::memcpy(trackSpec.Format, "avc1", 4);
+    trackSpec.Timescale = 12800;
+    trackSpec.Width = 160;
+    trackSpec.Height = 120;
+    trackSpec.Config = kAvcC;
+    trackSpec.ConfigSize = sizeof kAvcC;
+    return trackSpec;
 }
 
 MP4TrackSpec SoundSpec(const char *format, uint32_t bits, uint32_t rate) {
-    MP4TrackSpec spec{};
-    spec.TrackType = MP4_TRACK_AUDIO;
-    std::memcpy(spec.Format, format, 4);
-    spec.Timescale = 8000;
-    spec.SampleRate = rate;
-    spec.Channels = 2;
-    spec.BitsPerSample = bits;
-    return spec;
+    MP4TrackSpec trackSpec{};
+    trackSpec.TrackType = MP4_TRACK_AUDIO;
+    std::memcpy(trackSpec.Format, format, 4);
+    trackSpec.Timescale = 8000;
+    trackSpec.SampleRate = rate;
+    trackSpec.Channels = 2;
+    trackSpec.BitsPerSample = bits;
+    return trackSpec;
 }
 
 TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
@@ -243,17 +243,17 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         EXPECT_EQ(MP4FileNewEx(&file, path.c_str(), flags), -100) << flags;
 
     // The new calls on the other forms of handle.
-    MP4TrackSpec spec = AvcSpec();
+    MP4TrackSpec trackSpec = AvcSpec();
     MP4WriteInfo info{};
     uint32_t id = 0;
     MP4_local_file *read = nullptr;
     ASSERT_EQ(MP4FileOpenEx(&read, FixturePath("modern/h264_aac.mp4").c_str(), 1, MP4_OPEN_MODERN), 1);
-    EXPECT_EQ(MP4AddTrack(read, &spec, &id), -98);
+    EXPECT_EQ(MP4AddTrack(read, &trackSpec, &id), -98);
     EXPECT_EQ(MP4WriteSample(read, 1, &info, nullptr), -98);
     MP4FileClose(&read);
     for (uint32_t flags : {0u, uint32_t(MP4_NEW_FRAGMENTED)}) {
         ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), flags), 1);
-        EXPECT_EQ(MP4AddTrack(file, &spec, &id), -98);
+        EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), -98);
         EXPECT_EQ(MP4WriteSample(file, 1, &info, nullptr), -98);
         MP4FileFlush(file);
     }
@@ -262,9 +262,9 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
     EXPECT_EQ(MP4AddTrack(file, nullptr, &id), -99);
     struct SpecCase {
         const char *what;
-        MP4TrackSpec spec;
+        MP4TrackSpec trackSpec;
         int32_t result;
-    } specs[] = {
+    } trackSpecs[] = {
         {"reserved", [] { auto s = AvcSpec(); s.Reserved[6] = 1; return s; }(), -96},
         {"type 3", [] { auto s = AvcSpec(); s.TrackType = 3; return s; }(), -95},
         {"sound format on video", [] { auto s = AvcSpec(); std::memcpy(s.Format, "mp4a", 4); return s; }(), -95},
@@ -287,7 +287,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         {"video", AvcSpec(), 1},
         {"sowt", SoundSpec("sowt", 16, 8000), 1},
     };
-    for (const SpecCase &c : specs) EXPECT_EQ(MP4AddTrack(file, &c.spec, &id), c.result) << c.what;
+    for (const SpecCase &c : trackSpecs) EXPECT_EQ(MP4AddTrack(file, &c.trackSpec, &id), c.result) << c.what;
     EXPECT_EQ(id, 3u);
 
     // MP4AddTrackFrom: its source must be a read handle with that track,
@@ -335,7 +335,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
     for (const SampleCase &c : samples) EXPECT_EQ(MP4WriteSample(file, c.track, &c.info, bytes), c.result) << c.what;
     EXPECT_EQ(MP4AddTrackFrom(file, file, 1, 1, &id), -97);
     EXPECT_EQ(MP4WriteSample(file, 2, &samples[0].info, nullptr), -99);
-    EXPECT_EQ(MP4AddTrack(file, &spec, &id), -97);
+    EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), -97);
     ASSERT_EQ(MP4FileFlush(file), 1);
 
     // What was taken: three video samples, the last presenting 5 ticks early.
@@ -420,9 +420,9 @@ TEST(SlowModernWriterLong, ProgressiveFilePast4GiB) {
     TempPath path(".mp4");
     MP4_local_file *file = nullptr;
     ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_PROGRESSIVE), 1);
-    MP4TrackSpec spec = AvcSpec();
+    MP4TrackSpec trackSpec = AvcSpec();
     uint32_t id = 0;
-    ASSERT_EQ(MP4AddTrack(file, &spec, &id), 1);
+    ASSERT_EQ(MP4AddTrack(file, &trackSpec, &id), 1);
     for (uint32_t n = 0; n < kSamples; ++n) {
         const MP4WriteInfo info = {uint64_t(n) * 512, 0, 512, kBytes, MP4_SAMPLE_KEY, 0, {}};
         ASSERT_EQ(MP4WriteSample(file, id, &info, frame.data()), 1) << n;
