@@ -8,12 +8,6 @@ namespace {
 
 const Bytes kMatrix = Hex("00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
 
-Bytes Join(const std::vector<Bytes> &parts) {
-    Bytes out;
-    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
 Bytes VisualEntry(const char *name, uint16_t width, uint16_t height, const Bytes &child) {
     return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000),
                        U32(0x480000), U32(0), U16(1), Zeros(32), U16(0x18), U16(0xFFFF), child});
@@ -72,7 +66,7 @@ Bytes Moov(const std::vector<MiniTrack> &tracks, uint32_t dataStart) {
     uint32_t nextId = 1, offset = dataStart;
     for (const MiniTrack &track : tracks) {
         traks = Cat({traks, Trak(track, offset)});
-        offset += uint32_t(Join(track.samples).size());
+        offset += uint32_t(Cat(track.samples).size());
         nextId = std::max(nextId, track.trackId + 1);
     }
     return Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(0), U32(0x10000), U16(0x100), Zeros(10), kMatrix,
@@ -83,10 +77,9 @@ const Bytes kFtyp = Atom("ftyp", {Text("isom"), U32(0x200), Text("isom")});
 
 Bytes Mdat(const std::vector<MiniTrack> &tracks) {
     Bytes data;
-    for (const MiniTrack &track : tracks) data = Cat({data, Join(track.samples)});
+    for (const MiniTrack &track : tracks) data = Cat({data, Cat(track.samples)});
     return Atom("mdat", {data});
 }
-
 
 // Samples begin behind "ftyp" (20 bytes) and the "mdat" head (8 bytes);
 // the size of "moov" doesn't depend on the offsets it holds.
