@@ -16,20 +16,9 @@ namespace {
 
 using namespace testing_support;
 
-Bytes Visual(const char *name, uint16_t width, uint16_t height, const Bytes &children = {}) {
-    return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000), U32(0x480000), U32(0), U16(1),
-                       Zeros(32), U16(0x18), U16(0xFFFF), children});
-}
-
 // A sound entry of this version; `extra` stands behind the version 0 fields.
 Bytes Sound(const char *name, uint16_t version, uint16_t channels, uint32_t rate, const Bytes &extra, const Bytes &children) {
     return Atom(name, {Zeros(6), U16(1), U16(version), Zeros(6), U16(channels), U16(16), Zeros(4), U32(rate << 16), extra, children});
-}
-
-Bytes Esds(const std::string &config) {
-    const Bytes asc = Hex(config);
-    return FullAtom("esds", 0, {U8(0x03), U8(uint8_t(23 + asc.size())), Hex("00 01 00 04"), U8(uint8_t(15 + asc.size())),
-                                Hex("40 15"), Zeros(11), U8(0x05), U8(uint8_t(asc.size())), asc, Hex("06 01 02")});
 }
 
 // A file of one track (`line`) whose "stsd" of this version holds `entries`.
@@ -76,7 +65,7 @@ TEST(Describe, EntriesAreReadByTheirHandlerAndConfiguration) {
 // uses constants of another file.)
 Bytes TwoEntries() {
     return WithEntries("video 2 stsc 2,1,1,1,2,1,2", 0, 2,
-                                      Cat({Visual("avc1", 64, 48, kAvcC), Visual("avc1", 64, 48, Cat({kAvcC2, kMdcv, kClli}))}));
+                                      Cat({VisualEntry("avc1", 64, 48, kAvcC), VisualEntry("avc1", 64, 48, Cat({kAvcC2, kMdcv, kClli}))}));
 }
 
 TEST(Describe, TrackFactsBesideTheSampleTables) {

@@ -8,21 +8,8 @@ namespace {
 
 const Bytes kMatrix = Hex("00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000");
 
-Bytes Join(const std::vector<Bytes> &parts) {
-    Bytes out;
-    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
-Bytes VisualEntry(const char *name, uint16_t width, uint16_t height, const Bytes &child) {
-    return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000),
-                       U32(0x480000), U32(0), U16(1), Zeros(32), U16(0x18), U16(0xFFFF), child});
-}
-
 Bytes Mp4aEntry() {
-    return Atom("mp4a", {Zeros(6), U16(1), Zeros(8), U16(2), U16(16), U16(0), U16(0), U16(44100), U16(0),
-                         FullAtom("esds", 0, {Hex("03 19 00 01 00 04 11 40 15 00 00 00 00 00 00 00 00 "
-                                                  "00 00 00 05 02 12 10 06 01 02")})});
+    return Atom("mp4a", {Zeros(6), U16(1), Zeros(8), U16(2), U16(16), U16(0), U16(0), U16(44100), U16(0), Esds("12 10")});
 }
 
 // A full atom whose body is big-endian words.
@@ -72,7 +59,7 @@ Bytes Moov(const std::vector<MiniTrack> &tracks, uint32_t dataStart) {
     uint32_t nextId = 1, offset = dataStart;
     for (const MiniTrack &track : tracks) {
         traks = Cat({traks, Trak(track, offset)});
-        offset += uint32_t(Join(track.samples).size());
+        offset += uint32_t(Cat(track.samples).size());
         nextId = std::max(nextId, track.trackId + 1);
     }
     return Atom("moov", {FullAtom("mvhd", 0, {U32(0), U32(0), U32(1000), U32(0), U32(0x10000), U16(0x100), Zeros(10), kMatrix,
@@ -83,10 +70,9 @@ const Bytes kFtyp = Atom("ftyp", {Text("isom"), U32(0x200), Text("isom")});
 
 Bytes Mdat(const std::vector<MiniTrack> &tracks) {
     Bytes data;
-    for (const MiniTrack &track : tracks) data = Cat({data, Join(track.samples)});
+    for (const MiniTrack &track : tracks) data = Cat({data, Cat(track.samples)});
     return Atom("mdat", {data});
 }
-
 
 // Samples begin behind "ftyp" (20 bytes) and the "mdat" head (8 bytes);
 // the size of "moov" doesn't depend on the offsets it holds.
@@ -120,6 +106,17 @@ void Cut(MiniTrack &track, size_t index) {
 }
 
 }  // namespace
+
+Bytes VisualEntry(const char *name, uint16_t width, uint16_t height, const Bytes &children) {
+    return Atom(name, {Zeros(6), U16(1), Zeros(16), U16(width), U16(height), U32(0x480000),
+                       U32(0x480000), U32(0), U16(1), Zeros(32), U16(0x18), U16(0xFFFF), children});
+}
+
+Bytes Esds(const std::string &config) {
+    const Bytes asc = Hex(config);
+    return FullAtom("esds", 0, {U8(0x03), U8(uint8_t(23 + asc.size())), Hex("00 01 00 04"), U8(uint8_t(15 + asc.size())),
+                                Hex("40 15"), Zeros(11), U8(0x05), U8(uint8_t(asc.size())), asc, Hex("06 01 02")});
+}
 
 Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks) {
     std::vector<MiniTrack> built;

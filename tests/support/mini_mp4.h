@@ -26,6 +26,11 @@ struct MiniTrack {
     std::map<std::string, Bytes> replace;  // for the generated child; empty drops it
 };
 
+// A visual sample entry of this size, its children behind the fixed fields.
+Bytes VisualEntry(const char *name, uint16_t width, uint16_t height, const Bytes &children = {});
+// An "esds" whose decoder-specific info is `config` (hex), in one-byte lengths.
+Bytes Esds(const std::string &config);
+
 // The file of one line, tracks separated by ';' (the notation of the
 // rows in tests/data/read/*.rows, described in tests/data/read/README.md).
 Bytes MiniFile(const std::string &line, std::vector<MiniTrack> *tracks = nullptr);

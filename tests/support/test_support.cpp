@@ -41,8 +41,8 @@ Bytes ImageAt(const std::string &text, size_t &at) {
             }
             std::string name = word.substr(0, 4);
             std::replace(name.begin(), name.end(), '_', ' ');
-            const uint32_t size = word.size() > 5 ? uint32_t(std::stoul(word.substr(5), nullptr, 0)) : uint32_t(8 + body.size());
-            out = Cat({out, U32(size), Text(name), body});
+            out = Cat({out, word.size() > 5 ? AtomWithSize(uint32_t(std::stoul(word.substr(5), nullptr, 0)), name.c_str(), {body})
+                                            : Atom(name.c_str(), {body})});
         }
     }
     return out;
@@ -114,31 +114,24 @@ Bytes Image(const std::string &text) {
     return ImageAt(text, at);
 }
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
+Bytes Cat(const std::vector<Bytes> &parts) {
     Bytes out;
     for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
     return out;
 }
 
 Bytes AtomWithSize(uint32_t storedSize, const char *name, std::initializer_list<Bytes> body) {
-    Bytes out = U32(storedSize);
-    out.insert(out.end(), name, name + 4);
-    for (const Bytes &part : body) out.insert(out.end(), part.begin(), part.end());
-    return out;
+    return Cat({U32(storedSize), Bytes(name, name + 4), Cat(body)});
 }
 
+// The size is the head's 8 bytes and the body's, counted once the body is built.
 Bytes Atom(const char *name, std::initializer_list<Bytes> body) {
-    Bytes out = AtomWithSize(0, name, body);
-    uint32_t size = uint32_t(out.size());
-    Bytes head = U32(size);
-    std::copy(head.begin(), head.end(), out.begin());
-    return out;
+    const Bytes inner = Cat(body);
+    return AtomWithSize(uint32_t(8 + inner.size()), name, {inner});
 }
 
 Bytes FullAtom(const char *name, uint32_t flags, std::initializer_list<Bytes> body) {
-    Bytes inner = U32(flags & 0x00FFFFFFu);
-    for (const Bytes &part : body) inner.insert(inner.end(), part.begin(), part.end());
-    return Atom(name, {inner});
+    return Atom(name, {U32(flags & 0x00FFFFFFu), Cat(body)});
 }
 
 TempPath::TempPath(const std::string &suffix) : path_(UniquePath(suffix)) {}

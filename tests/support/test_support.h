@@ -18,7 +18,7 @@ Bytes U32(uint32_t value);              // big-endian
 Bytes Zeros(size_t count);
 Bytes Text(const std::string &text);    // the characters, no terminator
 Bytes Hex(const std::string &hex);      // "00 00 01 B0" -> bytes; spaces ignored
-Bytes Cat(std::initializer_list<Bytes> parts);
+Bytes Cat(const std::vector<Bytes> &parts);
 // Bytes in the short notation of tests/data/read/README.md: NAME{...} an
 // atom with its size counted, NAME@SIZE{...}, 5 a word, z12, #0A0B, 'text'.
 Bytes Image(const std::string &text);

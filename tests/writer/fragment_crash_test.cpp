@@ -34,7 +34,7 @@ std::vector<std::string> WholePackets(const std::string &path, bool *partial) {
     Bytes file = ReadWholeFile(path);
     size_t whole = 0;
     for (size_t size; whole + 8 <= file.size(); whole += size) {
-        size = (size_t(file[whole]) << 24) | (file[whole + 1] << 16) | (file[whole + 2] << 8) | file[whole + 3];
+        size = GetU32(file, whole);
         if (size < 8 || whole + size > file.size()) break;
     }
     *partial = whole != file.size();

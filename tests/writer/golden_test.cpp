@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -77,7 +79,7 @@ const std::map<std::string, size_t> kContainers = {
 
 void DumpAtoms(const Bytes &b, size_t at, size_t end, const std::string &indent, std::string &out) {
     while (at + 8 <= end) {
-        const uint32_t size = (uint32_t(b[at]) << 24) | (b[at + 1] << 16) | (b[at + 2] << 8) | b[at + 3];
+        const uint32_t size = GetU32(b, at);
         const std::string name(b.begin() + long(at) + 4, b.begin() + long(at) + 8);
         out += indent + name + " " + std::to_string(size) + "\n";
         if (size < 8 || at + size > end) break;
@@ -147,10 +149,10 @@ struct Case {
         CaptureStream quiet(stdout);
         EXPECT_EQ(MP4FileNew(&file, output.c_str()), 1);
     }
-    ~Case() {
+    ~Case() { Close(); Limit({}); }
+    void Close() {
         CaptureStream quiet(stdout), quieter(stderr);
         if (file != nullptr) MP4FileFlush(file);
-        Limit({});
     }
     // A file-size limit of so many bytes (none without), which makes writes
     // past it fail instead of ending the process.
@@ -205,13 +207,9 @@ struct Case {
         if (a.count("handle")) return result;
         file = nullptr;
         // from=N: the bytes from N on, of a file mostly sparse.
-        Bytes written = ReadWholeFile(a.count("from") ? "/dev/null" : output.path());
-        if (a.count("from")) {
-            std::FILE *in = std::fopen(output.c_str(), "rb");
-            std::fseek(in, long(std::stoll(a.at("from"))), SEEK_SET);
-            for (int c; (c = std::fgetc(in)) != EOF;) written.push_back(uint8_t(c));
-            std::fclose(in);
-        }
+        std::ifstream in(output.path(), std::ios::binary);
+        in.seekg(std::stoll(a.count("from") ? a.at("from") : "0"));
+        const Bytes written{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
         std::string text = result + Format("  file of %zu bytes\n", written.size());
         if (FileExists(videoTemp.path()) || FileExists(audioTemp.path())) text += "  a temp file is left\n";
         DumpAtoms(written, 0, written.size(), "  ", text);
@@ -302,10 +300,7 @@ struct Case {
                           !path.empty() && FileExists(path) ? " created" : "");
         }
         if (command == "newex") {  // this case's handle made again by MP4FileNewEx, or a refusal
-            {
-                CaptureStream quiet(stdout), quieter(stderr);
-                if (file != nullptr) MP4FileFlush(file);
-            }
+            Close();
             std::remove(output.c_str());
             taken.clear();
             const char *path = a.count("full") ? "/dev/full" : a.count("missing") ? "/nonexistent-folder/out.mp4"

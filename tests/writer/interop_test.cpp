@@ -4,7 +4,6 @@
 // the same pictures and samples. The FFmpeg halves skip without ffmpeg.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -61,10 +60,8 @@ std::vector<Frame> SplitAdts(const Bytes &s, Bytes *config) {
 
 // One line per frame: stream, time, size, CRC and (for mp4core) the key mark.
 std::string Line(int stream, uint32_t time, const Bytes &bytes, int key) {
-    char text[80];
-    std::snprintf(text, sizeof text, "%d,%u,%zu,CRC32:%08x%s\n", stream, time, bytes.size(), testing_support::Crc32(bytes.data(), bytes.size()),
+    return Format("%d,%u,%zu,CRC32:%08x%s\n", stream, time, bytes.size(), Crc32(bytes.data(), bytes.size()),
                   key < 0 ? "" : key ? ",K" : "");
-    return text;
 }
 
 TEST(SlowWriterInterop, FramesReadBackByMp4coreAndFfprobe) {
