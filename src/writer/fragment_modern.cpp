@@ -233,8 +233,9 @@ int32_t WriteUpTo(ProgressiveWriter &writer, FragmentWriter &output, bool hasCut
     const int32_t written = WriteModernFragment(writer, output, counts);
     std::free(counts);
     if (written != kFragmentDone) return written;
-    const ModernTrack &lead = writer.Tracks[writer.Leading];
-    if (lead.SampleCount > 0) writer.FragmentStart = lead.PendingTime;
+    // The next fragment starts at the leading track's first sample not
+    // written, held or still to come.
+    writer.FragmentStart = writer.Tracks[writer.Leading].PendingTime;
     writer.CutPending = 0;
     FindCut(writer);
     return kFragmentDone;

@@ -420,7 +420,7 @@ TEST(ModernFragments, EachCallLeavesWholeFragmentsOnly) {
     const MP4TrackSpec specs[] = {AvcSpec(), SoundSpec("sowt", 16, 8000)};
     uint32_t ids[2] = {};
     for (int t = 0; t < 2; ++t) ASSERT_EQ(MP4AddTrack(file, &specs[t], &ids[t]), 1);
-    const uint8_t bytes[400] = {};
+    const uint8_t bytes[1280] = {};
     constexpr uint32_t kFrames = 150;  // 25 a second; PCM: 320 frames with each
     for (uint32_t n = 0; n < kFrames; ++n) {
         const MP4WriteInfo video = {n * 512ull, n % 3 == 1 ? -512 : 0, 0, 40 + n, n % 12 == 0 ? 1u : 0u, 0, {}};
