@@ -407,6 +407,12 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *          the output; if that fails the plain progressive file stays.
  *          MP4_NEW_SYNC, with MP4_NEW_PROGRESSIVE: the flush makes the file
  *          durable (fdatasync) before it returns.
+ *          A fragmented handle also takes MP4AddTrack, MP4AddTrackFrom
+ *          and MP4WriteSample (instead of CreateTrack and the frame calls,
+ *          not beside them): the same fragment rule over every track, led
+ *          by the first video track (else the first track), fragments of
+ *          one to two seconds (MP4SetFragmentLength), each sample with its
+ *          own duration, flags and composition offset.
  * The classic calls (CreateTrack, AddVideoFrame, AddAudioFrame) on a
  * progressive handle find no track and give -99.
  * Results: -100 flags hold an unknown bit, MP4_NEW_SYNC without
@@ -444,6 +450,10 @@ MP4CORE_API int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32
  * passes 32 bits; an edit list that starts the presentation at 0 when a
  * track's earliest presentation time lies after its first decode time),
  * moves it in front with MP4_NEW_FASTSTART, and releases the handle.
+ * On a fragmented handle with tracks of MP4AddTrack the flush writes the
+ * samples still held as fragments and "mfra" as above; results: 1 done;
+ * -99 a write failed now or earlier, or no memory (the file ends at its
+ * last whole atom).
  * Results there: 1 done; -99 file is null, or a write failed (now or in
  * an earlier MP4WriteSample): the file is left as far as it was written;
  * -98 the file is complete with "moov" at its end, but moving "moov" in
@@ -451,8 +461,9 @@ MP4CORE_API int32_t MP4FileNewEx(MP4_local_file **file, const char *path, uint32
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
 
-/* MP4AddTrack adds a track of any format to a progressive handle
- * (MP4FileNewEx with MP4_NEW_PROGRESSIVE) before its first sample, and
+/* MP4AddTrack adds a track of any format to a progressive or fragmented
+ * handle (MP4FileNewEx with MP4_NEW_PROGRESSIVE or MP4_NEW_FRAGMENTED)
+ * before its first sample, and
  * gives it the next track ID (from 1). The library builds the sample
  * entry: a visual or sound entry with the format's configuration atom
  * around trackSpec->Config ("avcC", "hvcC", "av1C", "vpcC", "dOps", "dac3",
@@ -467,8 +478,9 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * the frames written.
  *   trackId  receives the new track's ID on result 1.
  * Results: 1 done; -99 file, trackSpec or trackId null; -98 the handle is not
- * a progressive write handle (a classic or fragmented write handle, or a
- * read handle); -97 a sample was written already (or a write failed);
+ * a progressive or fragmented write handle (a classic write handle or a
+ * read handle), or is a fragmented one whose tracks came from CreateTrack;
+ * -97 a sample was written already (or a write failed);
  * -96 a Reserved word is not zero; -95 the track description does not fit: TrackType
  * not 0, 1 or 2, a Format that is not one of its type's (type 0: Handler
  * or Format zero), Timescale 0, video Width or Height outside 1 to 65535,
@@ -486,7 +498,7 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *trackSpec, uint32_t *trackId);
 
-/* MP4AddTrackFrom adds a track to a progressive handle, as MP4AddTrack
+/* MP4AddTrackFrom adds a track to a progressive or fragmented handle, as MP4AddTrack
  * does, that copies the description of track sourceTrackId (of type
  * sourceType, as in MP4TrackInfo) of a read handle (MP4FileOpen or
  * MP4FileOpenEx) as the file holds it: "stsd" with every sample entry and
@@ -499,7 +511,8 @@ MP4CORE_API int32_t MP4AddTrack(MP4_local_file *file, const MP4TrackSpec *trackS
  * MP4AddTrack's PCM tracks do. Metadata ("udta", "meta") is not copied.
  *   trackId  receives the new track's ID on result 1.
  * Results: 1 done; -99 file, source or trackId null, or sourceTrackId 0;
- * -98 file is not a progressive write handle; -97 a sample was written
+ * -98 file is not a progressive or fragmented write handle (or a
+ * fragmented one with tracks of CreateTrack); -97 a sample was written
  * already (or a write failed); -93 no memory; -92 the handle holds 4096
  * tracks; -91 source is not a read handle; -90 source has no track of
  * that ID and type; -89 the track is protected ("encv", "enca": its
@@ -511,24 +524,44 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
 
 /* MP4WriteSample adds one sample to a track of a progressive handle: its
  * bytes join the track's chunk (see MP4FileNewEx), its size, time, offset
- * and flags the index. Decode times never fall within a track (two
+ * and flags the index. On a fragmented handle the sample is held until
+ * its fragment is complete; the fragment goes to the file with one write
+ * before the call that completed it returns ("trun" with each sample's
+ * size, duration, flags and offset, version 1 for a negative offset). Decode times never fall within a track (two
  * samples may share one); the first is the track's time 0. The index keeps the distances between
  * decode times as durations, so info->Duration counts for the track's
  * last sample only (0: it repeats the duration before it).
  *   data  info->Size bytes; may be null when Size is 0.
  * Results: 1 done; -99 file or info null, data null with a Size, or a
  * write to the file failed (the handle is given up: later calls give
- * -92, the flush -99); -98 the handle is not a progressive write handle;
- * -97 no track of that ID; -96 a Reserved word is not zero, Flags holds a
+ * -92, the flush -99; a fragmented file is cut back to its last whole
+ * fragment); -98 the handle is not a progressive or fragmented write
+ * handle; -97 no track of that ID (a fragmented handle without tracks of
+ * MP4AddTrack has none); -96 a Reserved word is not zero, Flags holds a
  * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
  * decode time is below the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
- * number of frames, or one that takes the track past 2^32-1 frames; -93 no memory (nothing written; the call may be made
+ * number of frames, or one that takes the track past 2^32-1 frames, or
+ * on a fragmented handle a sample of 256 MiB or more; -93 no memory (nothing written; the call may be made
  * again); -92 the handle was given up after a failed write. Nothing is
  * taken on a failure.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4WriteSample(MP4_local_file *file, uint32_t trackId, const MP4WriteInfo *info,
                                    const uint8_t *data);
+
+/* MP4SetFragmentLength sets the length S of the fragments that a
+ * fragmented handle (MP4FileNewEx with MP4_NEW_FRAGMENTED) writes for the
+ * tracks of MP4AddTrack and MP4AddTrackFrom: a fragment then ends at the
+ * first key sample of the leading track at least S after its start, or at
+ * any of its samples 2S after it (default S: one second). The tracks of
+ * CreateTrack keep their fixed one to two seconds.
+ *   milliseconds  S, from 100 to 600000.
+ * Results: 1 done; -99 file null; -98 file is not a fragmented write
+ * handle; -97 the file's header is written already (a sample came) or a
+ * write failed; -96 milliseconds out of range. Nothing changes on a
+ * failure.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4SetFragmentLength(MP4_local_file *file, uint32_t milliseconds);
 
 /* ---- Sample access ---------------------------------------------------- */
 

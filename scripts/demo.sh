@@ -39,3 +39,6 @@ $tool extract $data/modern/frag_empty_moov.mp4 --track 1 -o out/demo.264
 echo "== remux --faststart $data/modern/h264_aac.mp4 -> out/demo_faststart.mp4 (moov in front of the media)"
 $tool remux $data/modern/h264_aac.mp4 -o out/demo_faststart.mp4 --faststart
 $tool dump out/demo_faststart.mp4 | grep -E '^\[(ftyp|moov|free|mdat)\]'
+echo "== remux --fragmented $data/modern/h264_aac.mp4 -> out/demo_remux_fragmented.mp4 (moof/mdat pairs, mfra at the end)"
+$tool remux $data/modern/h264_aac.mp4 -o out/demo_remux_fragmented.mp4 --fragmented
+$tool dump out/demo_remux_fragmented.mp4 | grep -oE '^\[(ftyp|moov|moof|mdat|mfra)\]' | uniq -c

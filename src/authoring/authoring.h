@@ -52,3 +52,10 @@ int32_t EndFragmentedIntake(MP4_local_file *file);
 // MP4FileFlush of a progressive handle: ends the file and releases the
 // handle. 1, or the flush results of writer/progressive.h.
 int32_t FlushProgressiveFile(MP4_local_file *file);
+// The writer of the modern calls' tracks: a progressive handle's, or a
+// fragmented handle's (made on the first MP4AddTrack or MP4AddTrackFrom
+// when `make`, unless CreateTrack made tracks or the header is written);
+// null for any other handle.
+ProgressiveWriter *ModernWriterOf(MP4_local_file *file, bool make);
+// MP4AddTrack's result when ModernWriterOf gives null.
+int32_t ModernRefusal(MP4_local_file *file);

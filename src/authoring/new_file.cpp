@@ -71,6 +71,8 @@ const char *RefusalOf(const MP4_local_file *file, uint32_t trackType, uint32_t w
     if (const FragmentWriter *fragments = form.Fragments) {
         if (fragments->Failed != 0)
             return "The file was given up after a failed write in CreateTrack(...) \n";
+        if (form.Progressive != nullptr)
+            return "The fragmented file takes its tracks from MP4AddTrack in CreateTrack(...) \n";
         if (fragments->HeaderWritten != 0)
             return "Tracks must be created before the first frame of a fragmented file in "
                    "CreateTrack(...) \n";

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "atoms/atoms.h"
+#include "authoring/authoring.h"
 #include "frame/frame.h"
 #include "media/media.h"
 #include "writer/progressive.h"
@@ -139,8 +140,8 @@ int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source, uint32_t s
                         int32_t sourceType, uint32_t *trackId) {
     if (file == nullptr || source == nullptr || trackId == nullptr || sourceTrackId == 0)
         return kAddTrackNullArgument;
-    if (file->Form != HandleForm::ProgressiveWrite) return kAddTrackWrongHandle;
-    ProgressiveWriter *writer = file->write.Progressive;
+    ProgressiveWriter *writer = ModernWriterOf(file, true);
+    if (writer == nullptr) return ModernRefusal(file);
     if (writer->Started != 0 || writer->Failed != 0) return kAddTrackTooLate;
     if (source->Form != HandleForm::Read) return kFromNotReadHandle;
     MP4TrackInfo info{};

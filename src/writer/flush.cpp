@@ -8,6 +8,7 @@
 
 #include "atoms/atoms.h"
 #include "authoring/authoring.h"
+#include "writer/progressive.h"
 #include "writer/writer.h"
 
 namespace {
@@ -102,6 +103,7 @@ void ReleaseTrack(TrackNode *track) {
 void ReleaseHandle(MP4_local_file *file) {
     WriteForm &form = file->write;
     ReleaseFragmentWriter(form.Fragments);
+    ReleaseProgressiveWriter(form.Progressive);
     ReleaseTrack(form.VideoTrack);
     ReleaseTrack(form.AudioTrack);
     ReleaseTrack(form.OdTrack);
@@ -185,7 +187,9 @@ int32_t MP4FileFlush(MP4_local_file *file) {
     // A fragmented file is written already but for its last fragment and
     // its index.
     if (form.Fragments != nullptr) {
-        const int32_t result = EndFragmentedIntake(file);
+        const int32_t result = form.Progressive != nullptr
+                                   ? FinishFragmentedTracks(form.Progressive, form.Fragments)
+                                   : EndFragmentedIntake(file);
         FinishFiles(file);
         ReleaseHandle(file);
         return result;

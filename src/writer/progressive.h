@@ -101,6 +101,21 @@ struct ModernTrack {
     size_t ChunkSize, ChunkByteCapacity;
     uint32_t ChunkSamples;
     uint64_t ChunkStart;         // decode time of its first sample
+    // A fragmented handle's track: Samples and ChunkBytes hold the samples
+    // not yet written, the first of them at PendingTime (from the track's
+    // time 0), and Points the first sync sample of each track fragment.
+    uint64_t PendingTime;
+    uint64_t Written;            // samples gone to the file in fragments
+    struct FragmentPoint *Points;
+    size_t PointCount, PointCapacity;
+};
+
+// An entry of a track's "tfra".
+struct FragmentPoint {
+    uint64_t Time;
+    uint64_t MoofOffset;
+    uint32_t TrafNumber;         // from 1, in its "moof"
+    uint32_t SampleNumber;       // from 1, in its run
 };
 
 struct ProgressiveWriter {
@@ -113,6 +128,15 @@ struct ProgressiveWriter {
     uint8_t Failed;              // a write failed: the handle is given up
     uint64_t FileEnd;
     uint64_t MdatStart;          // where the "free" placeholder and "mdat" head begin
+    // A fragmented handle's tracks (MP4_NEW_FRAGMENTED): the cut rule's
+    // state, in ticks of the leading track (the first video track, else
+    // the first track), and the fragment length in milliseconds.
+    uint8_t Fragmented;
+    size_t Leading;
+    uint64_t FragmentStart;
+    uint8_t CutPending;
+    uint64_t CutTime;
+    uint32_t FragmentMilliseconds;
 };
 
 // ---- Sample entries (sample_entries.cpp) ----------------------------------
@@ -131,6 +155,9 @@ int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &track
 // counted; null without memory.
 ModernTrack *NextProgressiveTrack(ProgressiveWriter *writer);
 void ReleaseModernTrack(ModernTrack &track);
+// The checks of MP4WriteSample that need no writing: 1, or its code.
+int32_t CheckModernSample(const ProgressiveWriter &writer, uint32_t trackId,
+                          const MP4WriteInfo &info, const uint8_t *data);
 int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId,
                                const MP4WriteInfo &info, const uint8_t *data);
 // Writes whatever is pending to `fd` at FileEnd; false after a failed
@@ -144,9 +171,23 @@ bool WriteFileHead(ProgressiveWriter *writer);
 // ---- The index (progressive_movie.cpp) --------------------------------
 
 // Builds "moov" with every chunk offset moved by `shift`; "co64" for every
-// track when `wide`.
+// track when `wide`. A fragmented writer's "moov" has empty tables and
+// "mvex" with a "trex" for each track.
 void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxBuffer *out);
 // Ends the file: the last chunks, "moov", the "mdat" size, and with
 // MP4_NEW_FASTSTART the move of "moov" in front. 1, kFlushWriteFailed,
 // kFlushFaststartFailed.
 int32_t FinishProgressiveFile(ProgressiveWriter *writer);
+
+// ---- Fragments of the modern calls (fragment_modern.cpp) ---------------
+
+struct FragmentWriter;
+// The default sample flags of a track's "trex".
+uint32_t ModernDefaultSampleFlags(const ModernTrack &track);
+// MP4WriteSample on a fragmented handle: the sample is held until its
+// fragment is complete, which goes to the file with one write before the
+// call returns. Results as for the progressive handle.
+int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output, uint32_t trackId,
+                              const MP4WriteInfo &info, const uint8_t *data);
+// The flush: the samples still held, then "mfra". 1, or kFlushWriteFailed.
+int32_t FinishFragmentedTracks(ProgressiveWriter *writer, FragmentWriter *output);

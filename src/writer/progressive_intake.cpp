@@ -54,6 +54,7 @@ void ReleaseModernTrack(ModernTrack &track) {
     std::free(track.Chunks);
     std::free(track.ChunkBytes);
     std::free(track.Edits);
+    std::free(track.Points);
 }
 
 ModernTrack *NextProgressiveTrack(ProgressiveWriter *writer) {
@@ -138,22 +139,30 @@ int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &track
     return 1;
 }
 
-int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, const MP4WriteInfo &info,
-                               const uint8_t *data) {
+int32_t CheckModernSample(const ProgressiveWriter &writer, uint32_t trackId, const MP4WriteInfo &info,
+                          const uint8_t *data) {
     if (info.Reserved[0] != 0 || info.Reserved[1] != 0 || info.Reserved[2] != 0 ||
         (info.Flags & ~uint32_t(MP4_SAMPLE_KEY)) != 0 || info.DescriptionIndex > 1)
         return kWriteBadInfo;
-    if (trackId == 0 || trackId > writer->TrackCount) return kWriteNoTrack;
+    if (trackId == 0 || trackId > writer.TrackCount) return kWriteNoTrack;
     if (data == nullptr && info.Size != 0) return kWriteFailed;
-    ModernTrack &track = writer->Tracks[trackId - 1];
+    const ModernTrack &track = writer.Tracks[trackId - 1];
     // PCM frames are table samples, counted in 32 bits.
     if (track.PcmFrameBytes != 0 &&
         (info.Size == 0 || info.Size % track.PcmFrameBytes != 0 ||
          track.PcmFrames + info.Size / track.PcmFrameBytes > UINT32_MAX))
         return kWriteBadSize;
-    if (track.SampleCount > 0 && (info.DecodeTime < track.LastDecodeTime ||
+    if (track.SampleCount + track.Written > 0 && (info.DecodeTime < track.LastDecodeTime ||
                                   info.DecodeTime - track.LastDecodeTime > UINT32_MAX))
         return kWriteTimeFalls;
+    return 1;
+}
+
+int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, const MP4WriteInfo &info,
+                               const uint8_t *data) {
+    const int32_t checked = CheckModernSample(*writer, trackId, info, data);
+    if (checked != 1) return checked;
+    ModernTrack &track = writer->Tracks[trackId - 1];
     if (track.SampleCount >= UINT32_MAX) return kWriteNoMemory;
     if (writer->Failed != 0) return kWriteGivenUp;
     if (writer->Started == 0 && !WriteFileHead(writer)) return kWriteFailed;

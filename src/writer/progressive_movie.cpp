@@ -458,6 +458,19 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
     }
     PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1));
     for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide);
+    if (writer.Fragmented != 0) {
+        const size_t mvex = OpenBox(out, "mvex");
+        for (size_t t = 0; t < writer.TrackCount; ++t) {
+            const size_t trex = OpenFullBox(out, "trex", 0, 0);
+            Put32(out, writer.Tracks[t].TrackId);
+            Put32(out, 1);  // the first sample description
+            Put32(out, 0);  // durations and sizes: each run gives them
+            Put32(out, 0);
+            Put32(out, ModernDefaultSampleFlags(writer.Tracks[t]));
+            CloseBox(out, trex);
+        }
+        CloseBox(out, mvex);
+    }
     CloseBox(out, moov);
 }
 

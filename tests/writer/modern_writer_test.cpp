@@ -14,6 +14,7 @@
 
 #include "mp4core.h"
 #include "support/listing.h"
+#include "support/mini_mp4.h"
 #include "support/test_support.h"
 
 namespace {
@@ -251,12 +252,22 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
     EXPECT_EQ(MP4AddTrack(read, &trackSpec, &id), -98);
     EXPECT_EQ(MP4WriteSample(read, 1, &info, nullptr), -98);
     MP4FileClose(&read);
-    for (uint32_t flags : {0u, uint32_t(MP4_NEW_FRAGMENTED)}) {
-        ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), flags), 1);
-        EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), -98);
-        EXPECT_EQ(MP4WriteSample(file, 1, &info, nullptr), -98);
-        MP4FileFlush(file);
-    }
+    ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), 0), 1);
+    EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), -98);
+    EXPECT_EQ(MP4WriteSample(file, 1, &info, nullptr), -98);
+    EXPECT_EQ(MP4SetFragmentLength(file, 1000), -98);
+    MP4FileFlush(file);
+    // A fragmented handle: no track yet, a fragment length out of range,
+    // and tracks or a length after the first sample.
+    ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_FRAGMENTED), 1);
+    EXPECT_EQ(MP4WriteSample(file, 1, &info, nullptr), -97);
+    EXPECT_EQ(MP4SetFragmentLength(file, 99), -96);
+    EXPECT_EQ(MP4SetFragmentLength(file, 500), 1);
+    EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), 1);
+    EXPECT_EQ(MP4WriteSample(file, id, &info, nullptr), 1);
+    EXPECT_EQ(MP4SetFragmentLength(file, 500), -97);
+    EXPECT_EQ(MP4AddTrack(file, &trackSpec, &id), -97);
+    EXPECT_EQ(MP4FileFlush(file), 1);
 
     ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_PROGRESSIVE), 1);
     EXPECT_EQ(MP4AddTrack(file, nullptr, &id), -99);
@@ -355,12 +366,15 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
 
 namespace {
 
-std::string Streams(const std::string &path) {
+// Start and duration only with `timing`: ffprobe reads the edit list of a
+// fragmented file as a start offset rather than a cut.
+std::string Streams(const std::string &path, bool timing = true) {
     return RunCommand("ffprobe -v error -show_entries stream=codec_name,width,height,sample_rate,"
-                      "channels,start_time,duration -of csv=p=0 '" + path + "'");
+                      "channels" + std::string(timing ? ",start_time,duration" : "") + " -of csv=p=0 '" +
+                      path + "'");
 }
 
-// Every FFmpeg and hand-built fixture, remuxed plain and with --faststart:
+// Every FFmpeg and hand-built fixture, remuxed plain, --faststart and --fragmented:
 // the same packets (decode times relative, sizes, key flags, offsets,
 // hashes) and the same streams (edit lists kept). Left out: files whose
 // tracks have no readable tables or whose times fall, and the protected
@@ -374,7 +388,7 @@ TEST(SlowRemux, EveryFixtureKeepsItsPacketsAndStreams) {
         if (name.rfind("claims_", 0) == 0 || name.rfind("frag_time_jumps", 0) == 0 ||
             name.rfind("encrypted", 0) == 0 || name.rfind("frag_cut_in_data", 0) == 0)
             continue;
-        for (const char *option : {"", "--faststart"}) {
+        for (const char *option : {"", "--faststart", "--fragmented"}) {
             SCOPED_TRACE(name + " " + option);
             TempPath out(".mp4");
             ASSERT_EQ(RunCommand(std::string(MP4CORE_TOOL) + " remux '" + source + "' -o '" + out.path() +
@@ -387,11 +401,57 @@ TEST(SlowRemux, EveryFixtureKeepsItsPacketsAndStreams) {
             // Durations that ffprobe takes from elsewhere than the samples: a
             // fragment cut short, and rounded "tfdt" times that the copied
             // decode times keep but the "trun" durations did not.
+            const bool fragmented = std::strcmp(option, "--fragmented") == 0;
             if (name.rfind("frag_cut_in_moof", 0) != 0 && name.rfind("frag_cmaf_every_frame", 0) != 0) {
-                EXPECT_EQ(Streams(out.path()), Streams(source));
+                EXPECT_EQ(Streams(out.path(), !fragmented), Streams(source, !fragmented));
             }
         }
     }
+}
+
+// Fragments of MP4WriteSample: after every call the file holds whole atoms
+// only, the newest at most two seconds and a sample behind what was
+// written, and the flush gives back every sample with its offset (a
+// negative one in a version 1 "trun") and key flag, in two tracks.
+TEST(ModernFragments, EachCallLeavesWholeFragmentsOnly) {
+    TempPath path(".mp4");
+    MP4_local_file *file = nullptr;
+    ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_FRAGMENTED), 1);
+    const MP4TrackSpec specs[] = {AvcSpec(), SoundSpec("sowt", 16, 8000)};
+    uint32_t ids[2] = {};
+    for (int t = 0; t < 2; ++t) ASSERT_EQ(MP4AddTrack(file, &specs[t], &ids[t]), 1);
+    const uint8_t bytes[1280] = {};
+    constexpr uint32_t kFrames = 150;  // 25 a second; PCM: 320 frames with each
+    for (uint32_t n = 0; n < kFrames; ++n) {
+        const MP4WriteInfo video = {n * 512ull, n % 3 == 1 ? -512 : 0, 0, 40 + n, n % 12 == 0 ? 1u : 0u, 0, {}};
+        const MP4WriteInfo sound = {n * 320ull, 0, 0, 320 * 4, 1, 0, {}};
+        ASSERT_EQ(MP4WriteSample(file, ids[0], &video, bytes), 1);
+        ASSERT_EQ(MP4WriteSample(file, ids[1], &sound, bytes), 1);
+        const Bytes now = ReadWholeFile(path.path());
+        size_t at = 0;
+        while (at + 8 <= now.size()) at += (size_t(now[at]) << 24) | (now[at + 1] << 16) | (now[at + 2] << 8) | now[at + 3];
+        ASSERT_EQ(at, now.size()) << n;
+        OpenedFile read(now, MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN);
+        ASSERT_EQ(read.result, 1) << n;
+        MP4TrackInfo info{};
+        ASSERT_EQ(MP4GetTrackInfo(read.handle, 0, &info), 1);
+        EXPECT_GE(info.SampleCount + 2 * 25 + 1, n + 1) << n;
+    }
+    ASSERT_EQ(MP4FileFlush(file), 1);
+    MP4_local_file *read = nullptr;
+    ASSERT_EQ(MP4FileOpenEx(&read, path.c_str(), 1, MP4_OPEN_MODERN), 1);
+    for (uint32_t n = 0; n < kFrames; ++n) {
+        MP4SampleInfo got{};
+        ASSERT_EQ(MP4GetSampleInfo(read, ids[0], MP4_TRACK_VIDEO, n, &got), 1);
+        EXPECT_EQ(got.DecodeTime, n * 512ull);
+        EXPECT_EQ(got.CompositionOffset, n % 3 == 1 ? -512 : 0);
+        EXPECT_EQ(got.IsKeyFrame, n % 12 == 0 ? 1 : 0) << n;
+        EXPECT_EQ(got.Size, 40 + n);
+    }
+    MP4TrackInfo sound{};
+    ASSERT_EQ(MP4GetTrackInfo(read, 1, &sound), 1);
+    EXPECT_EQ(sound.SampleCount, kFrames);
+    MP4FileClose(&read);
 }
 
 // A file-size limit: the write that hits it gives -99, remux exits 1 and
