@@ -411,7 +411,7 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *          and MP4WriteSample (instead of CreateTrack and the frame calls,
  *          not beside them): the same fragment rule over every track, led
  *          by the first video track (else the first track), fragments of
- *          one to two seconds (MP4SetFragmentLength), each sample with its
+ *          one to two seconds, each sample with its
  *          own duration, flags and composition offset.
  * The classic calls (CreateTrack, AddVideoFrame, AddAudioFrame) on a
  * progressive handle find no track and give -99.
@@ -549,19 +549,6 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
 MP4CORE_API int32_t MP4WriteSample(MP4_local_file *file, uint32_t trackId, const MP4WriteInfo *info,
                                    const uint8_t *data);
 
-/* MP4SetFragmentLength sets the length S of the fragments that a
- * fragmented handle (MP4FileNewEx with MP4_NEW_FRAGMENTED) writes for the
- * tracks of MP4AddTrack and MP4AddTrackFrom: a fragment then ends at the
- * first key sample of the leading track at least S after its start, or at
- * any of its samples 2S after it (default S: one second). The tracks of
- * CreateTrack keep their fixed one to two seconds.
- *   milliseconds  S, from 100 to 600000.
- * Results: 1 done; -99 file null; -98 file is not a fragmented write
- * handle; -97 the file's header is written already (a sample came) or a
- * write failed; -96 milliseconds out of range. Nothing changes on a
- * failure.
- * Threads: the handle's thread. */
-MP4CORE_API int32_t MP4SetFragmentLength(MP4_local_file *file, uint32_t milliseconds);
 
 /* ---- Sample access ---------------------------------------------------- */
 

@@ -117,14 +117,8 @@ int RunRemux(const Arguments &arguments) {
     const char *input = arguments.operands[0];
     const char *output = OptionValue(arguments, "-o");
     const bool fragmented = HasOption(arguments, "--fragmented");
-    const char *seconds = OptionValue(arguments, "--fragment-seconds");
     if (fragmented && HasOption(arguments, "--faststart"))
         return std::fprintf(stderr, "mp4core remux: --faststart and --fragmented exclude each other\n"), 2;
-    double length = 1;
-    char *end = nullptr;
-    if (seconds != nullptr && (!fragmented || (length = std::strtod(seconds, &end), *end != '\0') ||
-                               !(length >= 0.1 && length <= 600)))
-        return std::fprintf(stderr, "mp4core remux: --fragment-seconds takes 0.1 to 600, with --fragmented\n"), 2;
     const uint32_t flags = fragmented ? MP4_NEW_FRAGMENTED
                                       : MP4_NEW_PROGRESSIVE | (HasOption(arguments, "--faststart") ? MP4_NEW_FASTSTART : 0);
     MP4_local_file *in = nullptr, *out = nullptr;
@@ -135,7 +129,6 @@ int RunRemux(const Arguments &arguments) {
         MP4FileClose(&in);
         return ReportFailure("remux", "MP4FileNewEx", result, output);
     }
-    if (seconds != nullptr) MP4SetFragmentLength(out, uint32_t(length * 1000 + 0.5));
     std::vector<Source> sources;
     bool ok = AddTracks(arguments, in, out, &sources) && CopySamples(in, out, sources);
     uint8_t *meta = nullptr;
@@ -158,7 +151,6 @@ constexpr OptionRow kOptions[] = {
     {"-o", "OUT.mp4", true, false, "the file to write"},
     {"--faststart", nullptr, false, false, "put the index (moov) in front of the media"},
     {"--fragmented", nullptr, false, false, "write a fragmented file (moof/mdat pairs, mfra at the end)"},
-    {"--fragment-seconds", "S", false, false, "with --fragmented: fragments of S to 2S seconds (default 1)"},
     {"--track", "ID", false, true, "copy this track (by its ID); repeat for more; default: every track"},
 };
 
@@ -175,8 +167,8 @@ extern const CommandRow kRemuxCommand = {
     "chunks of up to a second, and \"moov\" behind it (in front with\n"
     "--faststart). With --fragmented the file is written in fragments\n"
     "instead, each cut at a key frame of the first video track (of the first\n"
-    "track when there is no video) one to two seconds after the last cut (S to\n"
-    "2S with --fragment-seconds), with \"mfra\" at the end. A fragmented input\n"
+    "track when there is no video) one to two seconds after the last cut,\n"
+    "with \"mfra\" at the end. A fragmented input\n"
     "becomes a progressive file unless --fragmented is given. Protected\n"
     "tracks are left out (a named one is an error), and metadata (\"udta\",\n"
     "\"meta\") is not copied: both are said on standard error. A failed run\n"

@@ -9,15 +9,6 @@
 #include "writer/progressive.h"
 #include "writer/writer.h"
 
-namespace {
-
-// The fragment lengths MP4SetFragmentLength takes: a tenth of a second to
-// ten minutes.
-constexpr uint32_t kShortestFragmentMilliseconds = 100;
-constexpr uint32_t kLongestFragmentMilliseconds = 600000;
-
-}  // namespace
-
 ProgressiveWriter *ModernWriterOf(MP4_local_file *file, bool make) {
     if (file->Form == HandleForm::ProgressiveWrite) return file->write.Progressive;
     if (file->Form != HandleForm::FragmentedWrite) return nullptr;
@@ -62,16 +53,6 @@ int32_t ModernRefusal(MP4_local_file *file) {
     if (form.VideoTrack != nullptr || form.AudioTrack != nullptr) return kAddTrackWrongHandle;
     if (form.Fragments->HeaderWritten != 0) return kAddTrackTooLate;
     return kAddTrackNoMemory;
-}
-
-int32_t MP4SetFragmentLength(MP4_local_file *file, uint32_t milliseconds) {
-    if (file == nullptr) return -99;
-    if (file->Form != HandleForm::FragmentedWrite) return -98;
-    if (file->write.Fragments->HeaderWritten != 0 || file->write.Fragments->Failed != 0) return -97;
-    if (milliseconds < kShortestFragmentMilliseconds || milliseconds > kLongestFragmentMilliseconds)
-        return -96;
-    file->write.Fragments->FragmentMilliseconds = milliseconds;
-    return 1;
 }
 
 int32_t FlushProgressiveFile(MP4_local_file *file) {

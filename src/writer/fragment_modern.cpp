@@ -285,8 +285,7 @@ int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
     writer.Leading = 0;
     for (size_t t = writer.TrackCount; t-- > 0;)
         if (writer.Tracks[t].TrackType == MP4_TRACK_VIDEO) writer.Leading = t;
-    writer.FragmentMilliseconds =
-        output.FragmentMilliseconds != 0 ? output.FragmentMilliseconds : kDefaultFragmentMilliseconds;
+    writer.FragmentMilliseconds = kDefaultFragmentMilliseconds;
     BoxBuffer head{};
     const size_t ftyp = OpenBox(&head, "ftyp");
     PutName(&head, kFragmentBrands[0]);

@@ -120,7 +120,6 @@ struct FragmentWriter {
     uint64_t FragmentStart;      // time of the leading track's first frame not written
     uint8_t CutPending;          // the fragment ends before CutTime
     uint64_t CutTime;
-    uint32_t FragmentMilliseconds;  // MP4SetFragmentLength for the modern calls' fragments; 0: 1000
     uint8_t *Head;               // the "moof" and "mdat" head being written; reused
     size_t HeadCapacity;
 };
