@@ -412,9 +412,9 @@ TEST(ModernFragments, EachCallLeavesWholeFragmentsOnly) {
     TempPath path(".mp4");
     MP4_local_file *file = nullptr;
     ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_FRAGMENTED), 1);
-    const MP4TrackSpec specs[] = {AvcSpec(), SoundSpec("sowt", 16, 8000)};
+    const MP4TrackSpec trackSpecs[] = {AvcSpec(), SoundSpec("sowt", 16, 8000)};
     uint32_t ids[2] = {};
-    for (int t = 0; t < 2; ++t) ASSERT_EQ(MP4AddTrack(file, &specs[t], &ids[t]), 1);
+    for (int t = 0; t < 2; ++t) ASSERT_EQ(MP4AddTrack(file, &trackSpecs[t], &ids[t]), 1);
     const uint8_t bytes[1280] = {};
     constexpr uint32_t kFrames = 150;  // 25 a second; PCM: 320 frames with each
     for (uint32_t n = 0; n < kFrames; ++n) {
