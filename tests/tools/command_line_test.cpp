@@ -1,6 +1,6 @@
-// The mp4core tool's command line: help, usage errors (exit 2), the
-// messages of failed library calls, and the progress line that only a
-// terminal sees.
+// The mp4core tool's command line: its transcripts (help, usage errors,
+// the messages of failed library calls, extraction and its decodes by
+// FFmpeg), and the progress line that only a terminal sees.
 #include <string>
 
 #include "media/media_support.h"
@@ -10,8 +10,25 @@ using namespace media_support;
 
 namespace {
 
-// tests/data/tools/command_line.txt: the commands and what each printed and returned.
+// The transcripts under tests/data: each command with what it printed and
+// returned. command_line.txt: help, usage errors and failed calls;
+// extract.txt: mp4core extract over a fixture of every stream form, the
+// refusals and a file cut short, with the CRC of each stream.
 TEST(ToolCommandLine, TranscriptOfHelpUsageErrorsAndFailedCalls) { ExpectTranscript("tools/command_line.txt"); }
+TEST(ToolExtract, TranscriptOfEveryStreamForm) { ExpectTranscript("tools/extract.txt"); }
+
+// Slow (FFmpeg runs some 130 times; skipped without FFmpeg):
+// ffmpeg_interop.txt, ffprobe's streams beside GetFileInfo's summary and
+// raw streams of `mp4core extract` decoded alike; extract_interop.txt, every
+// stream form decoded by FFmpeg against its decode of the track itself.
+TEST(SlowFfmpegInterop, ProbedStreamsAndDecodesOfExtractedTracks) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg not installed";
+    ExpectTranscript("media/ffmpeg_interop.txt");
+}
+TEST(SlowExtractInterop, EveryStreamFormDecodesAsItsTrack) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg not installed";
+    ExpectTranscript("media/extract_interop.txt");
+}
 
 // On a terminal (a pseudo terminal from script(1)) the progress line is
 // drawn from 0%, ends on the last step, and is blanked at the end with the

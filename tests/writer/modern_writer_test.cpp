@@ -21,16 +21,6 @@ namespace {
 
 using namespace testing_support;
 
-// A sample's duration until MP4SampleInfo tells it: up to the next
-// sample's decode time; the last, up to the track's end.
-uint32_t DurationOf(MP4_local_file *in, const MP4TrackInfo &track, uint32_t n, uint64_t time) {
-    MP4SampleInfo next{};
-    if (n + 1 < track.SampleCount &&
-        MP4GetSampleInfo(in, track.TrackId, track.TrackType, n + 1, &next) == 1)
-        return uint32_t(next.DecodeTime - time);
-    return uint32_t(track.Duration - time);
-}
-
 // Copies every track of `source` sample by sample through the new calls,
 // the tracks interleaved by decode time. Gives "" or what failed.
 std::string WriteFromFrames(const std::string &source, const std::string &out, uint32_t flags,
@@ -86,7 +76,7 @@ std::string WriteFromFrames(const std::string &source, const std::string &out, u
         MP4WriteInfo info{};
         info.DecodeTime = sample.DecodeTime;
         info.CompositionOffset = sample.CompositionOffset;
-        info.Duration = DurationOf(in, track, n, sample.DecodeTime);
+        info.Duration = sample.Duration;
         info.Size = bytes->Size;
         info.Flags = sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0;
         const int32_t written = MP4WriteSample(file, ids[size_t(best)], &info, bytes->Data);
