@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "atoms/fields.h"
 #include "frame/frame.h"
 #include "writer/progressive.h"
 #include "writer/writer.h"
@@ -29,12 +30,6 @@ namespace {
 
 using Wide = unsigned __int128;
 
-constexpr uint32_t kTfhdBaseIsMoof = 0x020000;
-constexpr uint32_t kTrunDataOffset = 0x001;
-constexpr uint32_t kTrunDuration = 0x100;
-constexpr uint32_t kTrunSize = 0x200;
-constexpr uint32_t kTrunFlags = 0x400;
-constexpr uint32_t kTrunCompositionOffset = 0x800;
 constexpr uint32_t kSyncSampleFlags = 0x02000000;      // depends on no other sample
 constexpr uint32_t kOtherSampleFlags = 0x01010000;     // depends on others, not a sync sample
 constexpr uint32_t kMaxSampleBytes = uint32_t(1) << 28;
@@ -119,7 +114,7 @@ void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, size_t count, si
         flagged = flagged || (IsKey(sample) ? kSyncSampleFlags : kOtherSampleFlags) != defaults;
     }
     const size_t traf = OpenBox(out, "traf");
-    const size_t tfhd = OpenFullBox(out, "tfhd", 0, kTfhdBaseIsMoof);
+    const size_t tfhd = OpenFullBox(out, "tfhd", 0, flag::kTfhdDefaultBaseIsMoof);
     Put32(out, track.TrackId);
     CloseBox(out, tfhd);
     const uint8_t version = VersionFor(track.PendingTime);
@@ -130,8 +125,8 @@ void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, size_t count, si
         Put32(out, uint32_t(track.PendingTime));
     }
     CloseBox(out, tfdt);
-    const uint32_t flags = kTrunDataOffset | kTrunDuration | kTrunSize | (flagged ? kTrunFlags : 0) |
-                           (offsets ? kTrunCompositionOffset : 0);
+    const uint32_t flags = flag::kTrunDataOffset | flag::kTrunDuration | flag::kTrunSize |
+                           (flagged ? flag::kTrunFlags : 0) | (offsets ? flag::kTrunCompositionOffset : 0);
     const size_t trun = OpenFullBox(out, "trun", negative ? 1 : 0, flags);
     Put32(out, uint32_t(count));
     *offsetAt = out->Size;
