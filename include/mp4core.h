@@ -160,7 +160,10 @@ typedef struct MP4TrackSpec {
     uint32_t Rotation;        /* 0, 90, 180 or 270: the "tkhd" matrix */
     uint32_t PixelAspectH;    /* "pasp" when not 1:1; 0:0 gives 1:1 */
     uint32_t PixelAspectV;
-    uint32_t Reserved[7];     /* zero */
+    uint32_t MediaStart;      /* ticks decoded but not presented at the start
+                                 (Opus pre-skip, encoder delay): the edit
+                                 list then begins there; 0: none */
+    uint32_t Reserved[6];     /* zero */
 } MP4TrackSpec;
 
 /* One sample for MP4WriteSample. 40 bytes; the caller zeroes Reserved. */
@@ -175,8 +178,11 @@ typedef struct MP4WriteInfo {
     uint32_t Reserved[3];       /* zero */
 } MP4WriteInfo;
 
-/* Bits of MP4WriteInfo.Flags. */
+/* Bits of MP4WriteInfo.Flags. MP4_SAMPLE_NEW_FRAGMENT (fragmented
+ * handles): a fragment begins at this sample; once a handle has seen it,
+ * fragments end only where the caller says so (and at the 1 GiB bound). */
 #define MP4_SAMPLE_KEY 1
+#define MP4_SAMPLE_NEW_FRAGMENT 2
 
 /* Flags of MP4FindSample. */
 enum { MP4_FIND_KEY = 1 };
