@@ -18,7 +18,8 @@
  *    keep their parser state on the stack and may run concurrently on
  *    different handles.
  *  - Diagnostics go to standard output; the authoring calls and the top of
- *    MP4FileFlush write theirs to standard error.
+ *    MP4FileFlush write theirs to standard error. MP4SetDiagnostics takes
+ *    them all instead.
  */
 #ifndef MP4CORE_H
 #define MP4CORE_H
@@ -185,7 +186,7 @@ typedef struct MP4WriteInfo {
 #define MP4_SAMPLE_NEW_FRAGMENT 2
 
 /* Flags of MP4FindSample. */
-enum { MP4_FIND_KEY = 1 };
+enum { MP4_FIND_KEY = 1, MP4_FIND_PRESENTATION = 2 };
 
 /* A track as MP4GetTrackInfo describes it. Four-character fields have no
  * terminator. 120 bytes; Reserved is zero and stays for later fields. */
@@ -288,8 +289,12 @@ typedef struct DecoreFrame {
 /* The video decoder entry that Mp4VideoSeek calls. The application (or a
  * decoder library it links) provides it; the library only holds a weak
  * reference, so it loads and links without one. Returns a negative value
- * on failure. */
+ * on failure. An application with a decore of its own (of another
+ * signature) defines MP4CORE_NO_DECORE before it includes this header, and
+ * the declaration is left out. */
+#ifndef MP4CORE_NO_DECORE
 int32_t decore(uint32_t command, DecoreFrame *frame, void *context);
+#endif
 
 /* ---- Handles ---------------------------------------------------------- */
 
@@ -842,6 +847,18 @@ MP4CORE_API int32_t MP4ReadSample(MP4_local_file *file, uint32_t trackId, int32_
 /* MP4FindSample gives the number of the last sample whose decoding time is
  * at or before time (ticks, 64 bits); with MP4_FIND_KEY in flags the last
  * sync sample at or before it.
+ * With MP4_FIND_PRESENTATION time is on the presentation timeline instead,
+ * in track ticks, with the track's edit list applied (its leading empty
+ * edits and the media time of its first non-empty edit, at rate 1): the
+ * sample is the one presented last at or before time (decoding time plus
+ * composition offset; of equal ones the last in decoding order), which
+ * B-frames make other than the decoding-order answer. A time inside the
+ * leading empty edits or before the first sample presented gives that
+ * first sample. With MP4_FIND_KEY too: the last sync sample in decoding
+ * order at or before the sample so found. The search looks at the
+ * samples whose decoding times lie within the track's spread of
+ * composition offsets below time; the first such search on a track walks
+ * its samples once to learn that spread (nothing is kept per sample).
  * Results: 1 done; -99 file or sampleNumber null, or trackId 0; -98 flags
  * holds an unknown bit; -97 no track of that ID and type; -96 the track
  * has no sample table; -95 no such sample (no samples, or no sync sample
@@ -849,6 +866,89 @@ MP4CORE_API int32_t MP4ReadSample(MP4_local_file *file, uint32_t trackId, int32_
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
                                   uint64_t time, uint32_t flags, uint32_t *sampleNumber);
+
+/* MP4ReadSampleInto gives the description of sample sampleNumber (as
+ * MP4GetSampleInfo) and its bytes, read into the caller's buffer: one
+ * call, no allocation, through the handle's read-ahead (a run of samples
+ * read in file order costs one read of the file per window). Afterwards
+ * the cursor of a video or audio track stands behind the sample, as after
+ * MP4ReadSample. On a classic handle the description is MP4GetSampleInfo's
+ * there.
+ *   buffer    capacity bytes of the caller's; may be null when capacity
+ *             is 0 (a way to learn the size: the call gives -91).
+ *   info      receives the description on results 1, -91 and -92.
+ * Results: 1 done (a sample of size 0 too: nothing is read); -99 file or
+ * info null, buffer null with a capacity, or trackId 0; -98 no track of
+ * that ID and type; -97 the track has no sample table; -96 sampleNumber
+ * is not below the track's sample count; -92 the file holds fewer bytes
+ * than the sample needs (the cursor moves on); -91 capacity is below the
+ * sample's size: nothing is read and no cursor moves.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4ReadSampleInto(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                      uint32_t sampleNumber, uint8_t *buffer, uint32_t capacity,
+                                      MP4SampleInfo *info);
+
+/* MP4GetSampleInfos describes samples first to first + count - 1 of a
+ * track into infos[0] to infos[count - 1], each as MP4GetSampleInfo would,
+ * in one pass over the track's tables.
+ *   infos  count records of the caller's; may be null when count is 0.
+ * Results: 1 done (count 0 with first at most the sample count: nothing
+ * written); -99 file null, infos null with a count, or trackId 0; -98 no
+ * track of that ID and type; -97 the track has no sample table; -96 first
+ * + count is above the track's sample count (nothing written).
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetSampleInfos(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                      uint32_t first, uint32_t count, MP4SampleInfo *infos);
+
+/* MP4ReadSamples reads a batch: samples from first on, at most count of
+ * them, back to back into buffer as many as fit in capacity, each
+ * described in infos (sample first + i in infos[i]; its bytes start at the
+ * sum of the sizes of infos[0] to infos[i - 1]). Samples that lie next to
+ * each other in the file are read with one read; the batch takes one pass
+ * over the tables and allocates nothing. A sample the file can't give
+ * whole ends the batch before it. Afterwards the cursor of a video or
+ * audio track stands behind the last sample read.
+ *   buffer    capacity bytes of the caller's; may be null when capacity
+ *             is 0.
+ *   infos     count records of the caller's.
+ *   done      receives the number of samples read on results 1, -91 and
+ *             -92 (0 on the last two).
+ * Results: 1 done, *done from 1 to count (count 0: 0); -99 file, infos
+ * or done null, buffer null with a capacity, or trackId 0; -98 no track
+ * of that ID and type; -97 the track has no sample table; -96 first +
+ * count is above the track's sample count; -92 the file holds fewer bytes
+ * than the first sample needs (infos[0] describes it; the cursor moves
+ * on); -91 the first sample does not fit in capacity: infos[0] describes
+ * it (its Size is the capacity needed), nothing is read and no cursor
+ * moves.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4ReadSamples(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                                   uint32_t first, uint32_t count, uint8_t *buffer,
+                                   uint64_t capacity, MP4SampleInfo *infos, uint32_t *done);
+
+/* MP4NextInFileOrder steps a cursor of the handle through the samples of
+ * every track with a sample table in the order of their file offsets, as
+ * a player or a remuxer reads the file: each call gives the next one. It
+ * merges the tracks' samples, each track taken in its own order (sample
+ * numbers rising), by the offset of each track's next sample; equal
+ * offsets go in track order. A track whose samples do not rise in the
+ * file is merged as it stands. The cursor holds a few bytes per track and
+ * none per sample; it is made on the first call and released with the
+ * handle. It moves no track's sample cursor.
+ *   trackIndex    in: UINT32_MAX (re)starts the cursor at the beginning
+ *                 (the call then gives the first sample of the file);
+ *                 any other value continues where the last call ended.
+ *                 out: the track's index as MP4GetTrackInfo takes it
+ *                 (from 0, in the order of the "trak" atoms).
+ *   sampleNumber  receives the sample's number in that track, for the
+ *                 calls by number (MP4ReadSampleInto).
+ * Results: 1 done; 0 no sample is left (both outputs untouched; the
+ * cursor stays at the end until restarted); -99 file, trackIndex or
+ * sampleNumber null; -98 not a read handle; -97 no memory for the
+ * cursor.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4NextInFileOrder(MP4_local_file *file, uint32_t *trackIndex,
+                                       uint32_t *sampleNumber);
 
 /* MP4GetDecoderConfig gives the decoder configuration of a track's first
  * sample entry: the payload of its configuration atom behind the 8-byte
@@ -997,6 +1097,29 @@ MP4CORE_API int32_t EncryptMp4Iod(MP4_local_file *file, uint8_t **iod,
  * more; -97 no memory. configs is untouched on any result but 1.
  * Threads: any; it touches only its arguments. */
 MP4CORE_API int32_t DecryptMp4Iod(IodConfigs *configs, uint8_t **iod);
+
+/* ---- Results and diagnostics ------------------------------------------ */
+
+/* MP4ResultText gives the meaning of result of the call named call, the
+ * text the mp4core tool prints with a failure: "success" for 1, and for
+ * a pair it does not know a general text. Never null; the text is the
+ * library's own, valid for the life of the process.
+ *   call  the call's name as this header spells it ("MP4FileOpen"); may
+ *         be null.
+ * Threads: any. */
+MP4CORE_API const char *MP4ResultText(const char *call, int32_t result);
+
+/* MP4SetDiagnostics sends every diagnostic the library would print to sink
+ * instead: one call per message, with the message's text as it would have
+ * been printed (line ends included) and its channel: 1 for standard
+ * output (the classic calls' messages), 2 for the debug output that goes
+ * to standard error (the authoring calls, MP4FileFlush). context is
+ * passed along as it is. A null sink brings back printing.
+ * Threads: process-wide; not to be called while another call of the
+ * library runs, on any thread. The sink runs on the thread of the call
+ * that reports. */
+MP4CORE_API void MP4SetDiagnostics(void (*sink)(int channel, const char *text, void *context),
+                                   void *context);
 
 #ifdef __cplusplus
 }
