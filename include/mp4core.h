@@ -910,7 +910,8 @@ MP4CORE_API int32_t MP4GetSampleInfos(MP4_local_file *file, uint32_t trackId, in
  * audio track stands behind the last sample read.
  *   buffer    capacity bytes of the caller's; may be null when capacity
  *             is 0.
- *   infos     count records of the caller's.
+ *   infos     count records of the caller's; those from *done on may
+ *             have been written too.
  *   done      receives the number of samples read on results 1, -91 and
  *             -92 (0 on the last two).
  * Results: 1 done, *done from 1 to count (count 0: 0); -99 file, infos
