@@ -36,7 +36,8 @@ def built_library() -> str:
 class BuildWithLibrary(build_py):
     def run(self) -> None:
         super().run()
-        target = os.path.join(self.build_lib, "mp4core", "libmp4core.so")
+        # Named by its soname: a ".so" file in a package reads as a module.
+        target = os.path.join(self.build_lib, "mp4core", "libmp4core.so.1")
         shutil.copyfile(built_library(), target)
 
 

@@ -98,7 +98,7 @@ _PROTOTYPES = {
 def _load() -> ctypes.CDLL:
     # The library built with the package lies beside this file;
     # MP4CORE_LIBRARY names another build of it (a sanitizer build, say).
-    path = os.environ.get("MP4CORE_LIBRARY") or os.path.join(os.path.dirname(__file__), "libmp4core.so")
+    path = os.environ.get("MP4CORE_LIBRARY") or os.path.join(os.path.dirname(__file__), "libmp4core.so.1")
     lib = ctypes.CDLL(path)
     for name, (restype, argtypes) in _PROTOTYPES.items():
         function = getattr(lib, name)
