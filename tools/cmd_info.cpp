@@ -60,7 +60,7 @@ void PrintTrack(MP4_local_file *file, uint32_t trackId, int32_t type, const Trac
     if (result != 1) {
         // One track without media information does not fail the listing.
         std::printf("    RetMp4MediaInfo failed (%d): %s\n", int(result),
-                    ResultMeaning("RetMp4MediaInfo", result));
+                    MP4ResultText("RetMp4MediaInfo", result));
         return;
     }
     std::printf("    timescale %u, duration %u", info->Timescale, info->TrackDuration);

@@ -1,13 +1,8 @@
-// What a library call's result means, for the tool's error messages. The
-// same number means different things in different calls, so a meaning is
-// looked up by call and result together.
+// The tool's error messages, with what a library call's result means
+// (MP4ResultText).
 #pragma once
 
 #include <cstdint>
-
-// The meaning of `code` as `call` gives it; a general text for a code the
-// table does not know.
-const char *ResultMeaning(const char *call, int32_t code);
 
 // Reports a failed call on standard error:
 //   "mp4core COMMAND: [CONTEXT: ]CALL failed (CODE): MEANING"

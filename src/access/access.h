@@ -65,6 +65,17 @@ int32_t SearchTrackKeyFrames(const TrackNode *node, uint32_t count, int64_t time
 // Needs SampleCount of at least 1.
 uint32_t ChooseSampleAtTime(const TrackNode *node, int64_t time);
 
+// The sample presented last at or before `time` on a track's presentation
+// timeline (the edit list's leading empty edits `delay` and first media
+// time `mediaTime`, -1 for none, applied at rate 1): of equal presentation
+// times the last in decoding order; the first sample presented for a time
+// inside the delay or before every sample. It searches decoding order for
+// the last sample that can be presented at or before the time, then steps
+// back over the track's reorder depth. The first search on a node walks
+// its samples once to learn their composition offsets' spread. Needs
+// SampleCount of at least 1.
+uint32_t SearchPresentation(TrackNode *node, int64_t mediaTime, uint64_t delay, uint64_t time);
+
 // ---- Reading the sample under the cursor (sample_read.cpp) -----------------
 
 // Frees an MP4Sample with its Data.
@@ -120,3 +131,18 @@ void LandOnKeyFrameRecord(VideoTrackNode *record, const TrackNode *node, int64_t
                           int32_t search, int32_t chosen);
 // The nearest sample at or before `from` marked IsKeyFrame, or -1.
 int32_t LastKeyMarkAtOrBefore(const TrackNode *node, int32_t from);
+
+// ---- The calls by track and sample number (sample_info.cpp) ----------------
+
+// A track named by ID and type, with its tables: Access is set for the
+// video and audio tracks, whose cursor the reading calls move.
+struct NumberedTrack {
+    TrackNode *Node = nullptr;
+    AccessTrack Access{};
+};
+// Finds a track of any type by ID without moving the track in use: 1, or
+// -98 (no such track) / -97 (no tables) shifted by `shift`.
+int32_t FindNumberedTrack(MP4_local_file *file, uint32_t trackId, int32_t trackType,
+                          NumberedTrack *track, int32_t shift = 0);
+// Sets the cursor of a video or audio track; other tracks have none.
+void MoveNumberedCursor(const NumberedTrack &track, uint32_t cursor);

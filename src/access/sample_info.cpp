@@ -20,14 +20,7 @@ constexpr int32_t kReadShortRead = -92;
 // arguments stand one lower.
 constexpr int32_t kFindUnknownFlags = -98;
 constexpr int32_t kFindNoSample = -95;
-constexpr uint32_t kKnownFindFlags = MP4_FIND_KEY;
-
-// A track named by ID and type, with its tables: `access` is set for the
-// video and audio tracks, whose cursor MP4ReadSample moves.
-struct NumberedTrack {
-    TrackNode *Node = nullptr;
-    AccessTrack Access{};
-};
+constexpr uint32_t kKnownFindFlags = MP4_FIND_KEY | MP4_FIND_PRESENTATION;
 
 template <typename Record>
 Record *ById(Record *record, uint32_t trackId, int32_t trackType) {
@@ -37,9 +30,10 @@ Record *ById(Record *record, uint32_t trackId, int32_t trackType) {
     return nullptr;
 }
 
-// 1, or kNumberedNoTrack / kNumberedNoTables shifted by `shift`.
+}  // namespace
+
 int32_t FindNumberedTrack(MP4_local_file *file, uint32_t trackId, int32_t trackType,
-                          NumberedTrack *track, int32_t shift = 0) {
+                          NumberedTrack *track, int32_t shift) {
     ReadForm &form = file->read;
     TrackNode *node = nullptr;
     bool found = false;
@@ -60,6 +54,13 @@ int32_t FindNumberedTrack(MP4_local_file *file, uint32_t trackId, int32_t trackT
     track->Node = node;
     return 1;
 }
+
+void MoveNumberedCursor(const NumberedTrack &track, uint32_t cursor) {
+    if (track.Access.Video != nullptr || track.Access.Audio != nullptr)
+        SetCursor(track.Access, cursor);
+}
+
+namespace {
 
 bool IsSyncSample(const TrackNode *node, uint32_t index) {
     const SampleView sample = ViewSample(node, index);
@@ -90,17 +91,9 @@ int32_t MP4GetSampleInfo(MP4_local_file *file, uint32_t trackId, int32_t trackTy
     NumberedTrack track;
     int32_t result = FindNumberedTrack(file, trackId, trackType, &track);
     if (result != 1) return result;
-    const TrackNode *node = track.Node;
-    if (sampleNumber >= node->SampleCount) return kNumberedPastEnd;
-    const SampleView sample = ViewSample(node, sampleNumber);
-    *info = MP4SampleInfo{};
-    info->FileOffset = sample.Offset;
-    info->DecodeTime = sample.Time;
-    info->CompositionOffset = int32_t(sample.CompositionOffset);
-    info->Size = sample.Size;
-    info->IsKeyFrame = (node->Modern ? sample.IsSync : sample.IsKeyFrame) == 1 ? 1 : 0;
-    info->DescriptionIndex = SampleDescriptionIndex(node, sampleNumber);
-    info->Duration = SampleDuration(node, sampleNumber);
+    if (sampleNumber >= track.Node->SampleCount) return kNumberedPastEnd;
+    SampleWalk walk = StartSampleWalk(track.Node, sampleNumber);
+    StepSampleWalk(&walk, info);
     return 1;
 }
 
@@ -114,8 +107,7 @@ int32_t MP4ReadSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
     SampleHolder holder = NewSample();
     if (!holder) return kReadNoMemoryForRecord;
     result = ReadNumbered(file, ViewSample(track.Node, sampleNumber), holder.get());
-    if (track.Access.Video != nullptr || track.Access.Audio != nullptr)
-        SetCursor(track.Access, sampleNumber + 1);
+    MoveNumberedCursor(track, sampleNumber + 1);
     if (result == 1) *sample = holder.release();
     return result;
 }
@@ -127,14 +119,22 @@ int32_t MP4FindSample(MP4_local_file *file, uint32_t trackId, int32_t trackType,
     NumberedTrack track;
     int32_t result = FindNumberedTrack(file, trackId, trackType, &track, 1);
     if (result != 1) return result;
-    const TrackNode *node = track.Node;
+    TrackNode *node = track.Node;
     if (node->SampleCount == 0) return kFindNoSample;
     const int64_t wanted = time > uint64_t(INT64_MAX) ? INT64_MAX : int64_t(time);
-    int64_t found = SearchTrackTime(node, wanted);
-    // Among equal times the search may stop early: the last one counts.
-    while (found >= 0 && found + 1 < int64_t(node->SampleCount) &&
-           SampleTimeKey(node, uint32_t(found + 1)) <= wanted)
-        ++found;
+    int64_t found = -1;
+    if ((flags & MP4_FIND_PRESENTATION) != 0) {
+        int64_t mediaTime = -1;
+        uint64_t delay = 0;
+        ReadTrackEdits(file->RootAtom, node->TrakAtom, &mediaTime, &delay);
+        found = SearchPresentation(node, mediaTime, delay, time);
+    } else {
+        found = SearchTrackTime(node, wanted);
+        // Among equal times the search may stop early: the last one counts.
+        while (found >= 0 && found + 1 < int64_t(node->SampleCount) &&
+               SampleTimeKey(node, uint32_t(found + 1)) <= wanted)
+            ++found;
+    }
     if ((flags & MP4_FIND_KEY) != 0) {
         while (found >= 0 && !IsSyncSample(node, uint32_t(found))) --found;
     }

@@ -41,7 +41,7 @@ KeyFrameTarget FindTargetKeyFrame(const TrackNode *node, uint32_t sampleNumber) 
 void PrintVideoTracks(const MP4_local_file *file) {
     int place = 1;
     for (const VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack)
-        std::printf("VIDEO:Track ID[%d] Track type[%d] %dth\n", int(v->TrackId),
+        PrintDiagnostic("VIDEO:Track ID[%d] Track type[%d] %dth\n", int(v->TrackId),
                     int(v->TrackType), place++);
 }
 

@@ -13,7 +13,7 @@ bool GiveRecord(AtomNode *node) {
     if (AllocNodeRecord(node) == 1) return true;
     char name[5];
     CopyAtomName(name, node->AtomName);
-    std::printf("atom[%s] allocate error\n", name);
+    PrintDiagnostic("atom[%s] allocate error\n", name);
     return false;
 }
 

@@ -75,7 +75,7 @@ int32_t ReadRecordHead(uint32_t byteCount, AtomNode *node, FILE *stream, uint8_t
     if (got < byteCount) {
         char name[5];
         CopyAtomName(name, node->AtomName);
-        std::printf("Read atom[%s] data from file error!\n", name);
+        PrintDiagnostic("Read atom[%s] data from file error!\n", name);
         return -99;
     }
     return 1;
@@ -90,7 +90,7 @@ void *LoadTable(const AtomSchema *schema, uint32_t count, AtomNode *node, FILE *
         tableBytes > FileSizeNow(stream)) {
         char name[5];
         CopyAtomName(name, node->AtomName);
-        std::printf("error to read atom[%s] data from file\n", name);
+        PrintDiagnostic("error to read atom[%s] data from file\n", name);
         return nullptr;
     }
     return LoadBehindHead(schema, tableBytes, node, stream);

@@ -190,7 +190,7 @@ int32_t ReadChildrenAt(const HeadSource &source, AtomNode *parent, uint64_t chil
     for (;;) {
         Head head;
         if (ReadSizedHead(source, position, parentEnd, rules, &head) != HeadRead::kOk) {
-            if (!rules.Quiet) std::printf("Read data from file error!\n");
+            if (!rules.Quiet) PrintDiagnostic("Read data from file error!\n");
             return -99;
         }
         const char *name = reinterpret_cast<const char *>(head.Bytes + 4);
@@ -242,7 +242,7 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
     // starts, once a whole atom stands before it.
     const auto cut = [&]() -> int32_t {
         if (rules.CutEndsFile && last != nullptr) return 1;
-        if (!rules.Quiet) std::printf("Read data from file error!\n");
+        if (!rules.Quiet) PrintDiagnostic("Read data from file error!\n");
         return -99;
     };
     for (;;) {
@@ -251,7 +251,7 @@ int32_t ReadTopLevelAtoms(Root_atom *root, const TreeRules &rules, ReadAhead **w
             return cut();
         if (IsKnownAtomName(reinterpret_cast<const char *>(head.Bytes + 4), rules.Reader) < 0 &&
             !rules.Quiet) {
-            std::printf("There could be have illegal atoms!");
+            PrintDiagnostic("There could be have illegal atoms!");
         }
         // A stored size below 8 can't be stepped over: it is taken as a
         // short read.

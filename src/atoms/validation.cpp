@@ -20,7 +20,7 @@ bool CheckAtomAt(AtomNode *node, uint32_t depth) {
     if (node->FirstChild == nullptr) {
         GetAtomSchema(node, &schema);
         if (schema.RuleCount == 0) return true;
-        std::printf("\n Without required child atom at [%s] \n", name.text);
+        PrintDiagnostic("\n Without required child atom at [%s] \n", name.text);
         return false;
     }
 
@@ -34,7 +34,7 @@ bool CheckAtomAt(AtomNode *node, uint32_t depth) {
 
     GetAtomSchema(node, &schema);
     if (schema.RuleCount == 0) {
-        std::printf("\n This Atom[%s] is not a container atom \n", name.text);
+        PrintDiagnostic("\n This Atom[%s] is not a container atom \n", name.text);
         return false;
     }
 
@@ -49,7 +49,7 @@ bool CheckAtomAt(AtomNode *node, uint32_t depth) {
         }
     }
     if (matched != childCount) {
-        std::printf("\n There exist at lest one atom not belong to this atom[%s] \n", name.text);
+        PrintDiagnostic("\n There exist at lest one atom not belong to this atom[%s] \n", name.text);
         return false;
     }
 
@@ -57,12 +57,12 @@ bool CheckAtomAt(AtomNode *node, uint32_t depth) {
         const ChildRule &childRule = schema.ChildRules[rule];
         PrintableName childName(childRule.ChildName);
         if (childRule.Required == 1 && counters[rule] == 0) {
-            std::printf("\n This atom[%s] must have such type of atom[%s] \n", name.text,
+            PrintDiagnostic("\n This atom[%s] must have such type of atom[%s] \n", name.text,
                         childName.text);
             return false;
         }
         if (childRule.MaxCount == 1 && counters[rule] > 1) {
-            std::printf("\n This atom[%s] must only have one such type of atom[%s] \n",
+            PrintDiagnostic("\n This atom[%s] must only have one such type of atom[%s] \n",
                         name.text, childName.text);
             return false;
         }

@@ -302,7 +302,7 @@ int32_t CreateTrack(MP4_local_file *file, uint32_t trackType, uint32_t width, ui
                     uint8_t compositionTimes) {
     // The type comes first: a bad one is reported whatever the handle.
     if (!IsCreatable(trackType)) {
-        std::printf("unsupport track type\n");
+        PrintDiagnostic("unsupport track type\n");
         return kFailed;
     }
     if (file == nullptr) {

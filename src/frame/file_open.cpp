@@ -132,6 +132,7 @@ uint32_t MP4FileClose(MP4_local_file **file) {
     FreeIfSet(form.IodBuffer);
     form.IodBuffer = nullptr;
     ReleaseReadAhead(&form.SampleWindow);
+    std::free(form.FileOrder);
 
     if (Root_atom *root = handle->RootAtom) {
         if (root->FileStream != nullptr) std::fclose(root->FileStream);

@@ -55,6 +55,7 @@ struct ReadForm {
     uint8_t *IodBuffer;      // output of EncryptMp4Iod
     ReadAhead *SampleWindow; // owned: read-ahead of sample bytes, made on first read
     uint8_t Modern;          // 1: opened by the modern reader (MP4_OPEN_MODERN)
+    void *FileOrder;         // owned: MP4NextInFileOrder's cursor (one malloc'd block)
 };
 
 struct WriteForm {
@@ -159,6 +160,14 @@ size_t ReadAheadAt(ReadAhead **window, Root_atom *root, uint64_t offset, uint8_t
 // Frees the window and nulls the pointer; a null window is fine.
 void ReleaseReadAhead(ReadAhead **window);
 
+// ---- Diagnostics (diagnostics.cpp) ---------------------------------------
+
+// The two channels of MP4SetDiagnostics.
+constexpr int kDiagnosticOutput = 1;  // standard output
+constexpr int kDiagnosticDebug = 2;   // the debug output, standard error
+// A message of the classic calls, printf-formatted, on standard output (or
+// to the sink).
+void PrintDiagnostic(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The debug channel of the authoring calls; on this platform it is
-// standard error.
+// standard error (or the sink).
 extern "C" void OutputDebugStringA(const char *text);

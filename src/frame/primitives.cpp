@@ -41,10 +41,6 @@ bool GrowBlock(void **block, size_t *capacity, size_t needed, size_t unit) {
     return true;
 }
 
-extern "C" void OutputDebugStringA(const char *text) {
-    if (text != nullptr) std::fputs(text, stderr);
-}
-
 uint64_t FileSizeNow(FILE *stream) {
     struct stat status;
     if (stream == nullptr || fstat(fileno(stream), &status) != 0 || status.st_size < 0) return 0;

@@ -26,7 +26,7 @@ constexpr unsigned kFrameLengthShift = 13;
 int32_t MakeAdtsHeader(const uint8_t *esds, size_t length, uint32_t frameSize, uint8_t *header,
                        uint32_t *headerSize) {
     if (esds == nullptr) {
-        printf("No EsdsData given!");
+        PrintDiagnostic("No EsdsData given!");
         return kAdtsNoEsds;
     }
     if (header == nullptr || headerSize == nullptr) return kAdtsNoOutput;

@@ -140,7 +140,7 @@ void DescribeVideo(MP4_local_file *file, FileInfo *info) {
     const VideoTrackNode *last = nullptr;
     int32_t place = 0;
     for (const VideoTrackNode *v = file->read.VideoFirst; v != nullptr; v = v->NextTrack) {
-        printf("VIDEO:Track ID[%d] Track type[%d] %dth\n", int(v->TrackId), int(v->TrackType),
+        PrintDiagnostic("VIDEO:Track ID[%d] Track type[%d] %dth\n", int(v->TrackId), int(v->TrackType),
                int(++place));
         last = v;
     }
@@ -194,7 +194,7 @@ void DescribeAudio(MP4_local_file *file, FileInfo *info) {
     const AudioTrackNode *last = nullptr;
     int32_t place = 0;
     for (const AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack) {
-        printf("AUDIO:Track ID[%d] Track type[%d] %dth\n", int(a->TrackId), int(a->TrackType),
+        PrintDiagnostic("AUDIO:Track ID[%d] Track type[%d] %dth\n", int(a->TrackId), int(a->TrackType),
                int(++place));
         last = a;
     }
@@ -252,7 +252,7 @@ int32_t GetFileInfo(const char *fileName, FileInfo *info) {
 
     MP4_local_file *file = nullptr;
     if (MP4FileOpen(&file, fileName, MP4_TABLE_MARKS) != 1) {
-        printf("mp4 file open error!");
+        PrintDiagnostic("mp4 file open error!");
         if (file != nullptr) MP4FileClose(&file);
         return kInfoOpenFailed;
     }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "frame/frame.h"
 #include "media/bit_reader.h"
 #include "media/media.h"
 #include "mp4core.h"
@@ -181,7 +182,7 @@ uint32_t GetM4vHeaderSize(const char *fileName, uint32_t *width, uint32_t *heigh
     // one byte past the last byte read, which counts as 0.
     uint8_t *buffer = static_cast<uint8_t *>(malloc(kHeaderBufferBytes + 1));
     if (buffer == nullptr) {
-        printf("Unable to new memory [bitstream]\n");
+        PrintDiagnostic("Unable to new memory [bitstream]\n");
         fclose(stream);
         return kHeaderSizeNoMemory;
     }

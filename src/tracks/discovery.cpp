@@ -45,7 +45,7 @@ void FreeTrackList(TrackListEntry *entry) {
 
 bool IsTrak(const AtomNode *atom) {
     if (atom != nullptr && AtomNameEquals(atom->AtomName, "trak")) return true;
-    std::printf("This atom not a track atom\n");
+    PrintDiagnostic("This atom not a track atom\n");
     return false;
 }
 
@@ -53,7 +53,7 @@ bool IsTrak(const AtomNode *atom) {
 const AtomNode *WalkOrReport(const AtomNode *atom, std::initializer_list<const char *> names) {
     const char *missing = nullptr;
     const AtomNode *found = WalkPath(atom, names.begin(), names.size(), &missing);
-    if (found == nullptr) std::printf("Can't find [%s] atom\n", missing != nullptr ? missing : "");
+    if (found == nullptr) PrintDiagnostic("Can't find [%s] atom\n", missing != nullptr ? missing : "");
     return found;
 }
 
@@ -150,7 +150,7 @@ int32_t GetTrackType(AtomNode *trakAtom, int32_t *type) {
     if (*type != 0) return 1;
     char name[5];
     CopyAtomName(name, handler);
-    std::printf("Unknown media type [%s]\n", name);
+    PrintDiagnostic("Unknown media type [%s]\n", name);
     *type = kTrackInfoFailed;
     return kTrackInfoFailed;
 }
@@ -178,7 +178,7 @@ int32_t ReadVideoTrackInfo(AtomNode *trakAtom, VideoTrackNode *record) {
 
     const AtomNode *stsz = FindChild(stsd->ParentAtom, "stsz");
     if (stsz == nullptr || stsz->realStructure == nullptr) {
-        std::printf("Can't find [%s] atom\n", "stsz");
+        PrintDiagnostic("Can't find [%s] atom\n", "stsz");
         return kTrackInfoFailed;
     }
     record->SampleCount = GetBE32(stsz->realStructure, field::kStszSampleCount);
@@ -193,7 +193,7 @@ int32_t ReadAudioTrackInfo(AtomNode *trakAtom, AudioTrackNode *record) {
     if (stbl == nullptr) return kTrackInfoFailed;
     const AtomNode *stsz = FindChild(stbl, "stsz");
     if (stsz == nullptr || stsz->realStructure == nullptr) {
-        std::printf("Can't find [%s] atom\n", "stsz");
+        PrintDiagnostic("Can't find [%s] atom\n", "stsz");
         return kTrackInfoFailed;
     }
     record->SampleCount = GetBE32(stsz->realStructure, field::kStszSampleCount);

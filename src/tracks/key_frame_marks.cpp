@@ -124,7 +124,7 @@ int32_t ScanKeyFrames(TrackNode *node, Root_atom *root, int32_t mode) {
         uint32_t codingType = bytes[at + 1] >> 6;
         if (codingType == kCodingTypeSprite) return kFillScanStopped;
         if (codingType != kCodingTypeIntra) continue;
-        std::printf(">>>frame [%d] is Key Frame\n", int(i));
+        PrintDiagnostic(">>>frame [%d] is Key Frame\n", int(i));
         if (node->KeyFrameCount >= node->SampleCount / 2) return kFillScanStopped;
         if (mode == MP4_TABLE_KEYFRAMES) {
             int32_t result = AppendKeyFrame(node, i);

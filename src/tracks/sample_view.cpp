@@ -39,15 +39,22 @@ uint32_t RecordDuration(const TrackNode *node, uint32_t record) {
     return uint32_t(SampleDecodeTime(node, record + 1) - SampleDecodeTime(node, record));
 }
 
-}  // namespace
+// Sample `index` of the run that holds it, and its duration.
+SampleView RunView(const TrackNode *node, const SampleRun &run, uint32_t index) {
+    const uint32_t k = index - run.FirstSample;
+    if (run.Group == 0) return RecordView(node, uint32_t(run.FirstOffset) + k);
+    const uint64_t before = uint64_t(k) * run.Group;  // units ahead of it in the run
+    const uint32_t units = uint32_t(std::min<uint64_t>(run.Group, run.Units - before));
+    const uint8_t video = node->TrackType == MP4_TRACK_VIDEO;
+    return SampleView{run.FirstOffset + before * run.UnitSize,
+                      run.FirstTime + before * run.UnitDuration,
+                      units * run.UnitSize,
+                      run.CompositionOffset,
+                      uint8_t(video & run.IsSync),
+                      run.IsSync};
+}
 
-uint32_t SampleDuration(const TrackNode *node, uint32_t index) {
-    if (!node->Modern) {
-        const SampleRecord *records = node->SampleRecords;
-        return index + 1 < node->SampleCount ? records[index + 1].Time - records[index].Time : 0;
-    }
-    if (node->Runs == nullptr) return RecordDuration(node, index);
-    const SampleRun &run = *RunOf(node, index);
+uint32_t RunDuration(const TrackNode *node, const SampleRun &run, uint32_t index) {
     const uint32_t k = index - run.FirstSample;
     if (run.Group == 0) return RecordDuration(node, uint32_t(run.FirstOffset) + k);
     const uint64_t before = uint64_t(k) * run.Group;
@@ -55,11 +62,53 @@ uint32_t SampleDuration(const TrackNode *node, uint32_t index) {
     return uint32_t(std::min<uint64_t>(units * run.UnitDuration, UINT32_MAX));
 }
 
-uint16_t SampleDescriptionIndex(const TrackNode *node, uint32_t index) {
-    if (!node->Modern) return 1;
-    const SampleMark *mark = MarkAt(node->Descriptions, index);
+uint32_t ClassicDuration(const TrackNode *node, uint32_t index) {
+    const SampleRecord *records = node->SampleRecords;
+    return index + 1 < node->SampleCount ? records[index + 1].Time - records[index].Time : 0;
+}
+
+uint16_t DescriptionOf(const SampleMark *mark) {
     if (mark == nullptr) return 1;
     return mark->Value <= UINT16_MAX ? uint16_t(mark->Value) : 0;
+}
+
+}  // namespace
+
+SampleWalk StartSampleWalk(const TrackNode *node, uint32_t first) {
+    SampleWalk walk{node, first, nullptr, nullptr};
+    if (node->Runs != nullptr) walk.Run = RunOf(node, first);
+    if (node->Modern) walk.Description = MarkAt(node->Descriptions, first);
+    return walk;
+}
+
+void StepSampleWalk(SampleWalk *walk, MP4SampleInfo *info) {
+    const TrackNode *node = walk->Node;
+    const uint32_t index = walk->Index++;
+    SampleView sample;
+    if (!node->Modern) {
+        sample = RecordView(node, index);
+        sample.IsSync = sample.IsKeyFrame;
+        info->Duration = ClassicDuration(node, index);
+    } else if (walk->Run == nullptr) {
+        sample = RecordView(node, index);
+        info->Duration = RecordDuration(node, index);
+    } else {
+        if (index >= walk->Run->FirstSample + RunSamples(*walk->Run)) ++walk->Run;
+        sample = RunView(node, *walk->Run, index);
+        info->Duration = RunDuration(node, *walk->Run, index);
+    }
+    const MarkList &marks = node->Descriptions;
+    if (node->Modern) {
+        const SampleMark *next = walk->Description != nullptr ? walk->Description + 1 : marks.Marks;
+        while (next < marks.Marks + marks.Count && next->FirstSample <= index) walk->Description = next++;
+    }
+    info->FileOffset = sample.Offset;
+    info->DecodeTime = sample.Time;
+    info->CompositionOffset = int32_t(sample.CompositionOffset);
+    info->Size = sample.Size;
+    info->IsKeyFrame = sample.IsSync == 1 ? 1 : 0;
+    info->Pad = 0;
+    info->DescriptionIndex = DescriptionOf(walk->Description);
 }
 
 bool MarkFrom(MarkList *list, uint32_t first, uint32_t value) {
@@ -92,18 +141,7 @@ bool HasSampleTables(const TrackNode *node) {
 
 SampleView ViewSample(const TrackNode *node, uint32_t index) {
     if (node->Runs == nullptr) return RecordView(node, index);
-    const SampleRun &run = *RunOf(node, index);
-    const uint32_t k = index - run.FirstSample;
-    if (run.Group == 0) return RecordView(node, uint32_t(run.FirstOffset) + k);
-    const uint64_t before = uint64_t(k) * run.Group;  // units ahead of it in the run
-    const uint32_t units = uint32_t(std::min<uint64_t>(run.Group, run.Units - before));
-    const uint8_t video = node->TrackType == MP4_TRACK_VIDEO;
-    return SampleView{run.FirstOffset + before * run.UnitSize,
-                      run.FirstTime + before * run.UnitDuration,
-                      units * run.UnitSize,
-                      run.CompositionOffset,
-                      uint8_t(video & run.IsSync),
-                      run.IsSync};
+    return RunView(node, *RunOf(node, index), index);
 }
 
 uint64_t SumSampleSizes(const TrackNode *node, uint32_t count) {

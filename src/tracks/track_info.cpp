@@ -141,6 +141,30 @@ void FillEdits(const AtomNode *moov, const AtomNode *trak, MP4TrackInfo *info) {
         info->EditDelay = uint64_t((unsigned __int128)empty * info->Timescale / movieScale);
 }
 
+}  // namespace
+
+void ReadTrackEdits(const Root_atom *root, const AtomNode *trak, int64_t *mediaTime,
+                    uint64_t *delay) {
+    MP4TrackInfo info{};
+    FillHeaders(trak, &info);
+    FillEdits(FindMoov(root), trak, &info);
+    *mediaTime = info.EditMediaTime;
+    *delay = info.EditDelay;
+}
+
+uint32_t ListTrackTables(const MP4_local_file *file, const TrackNode **nodes, uint32_t capacity) {
+    const AtomNode *moov = FindMoov(file->RootAtom);
+    uint32_t count = 0;
+    for (const AtomNode *trak = moov ? moov->FirstChild : nullptr; trak; trak = trak->NextSibling) {
+        if (!AtomNameEquals(trak->AtomName, "trak")) continue;
+        if (nodes != nullptr && count < capacity) nodes[count] = TablesOf(file, trak);
+        ++count;
+    }
+    return count;
+}
+
+namespace {
+
 // Format, picture, pixel aspect and protection from the first sample entry.
 void FillEntry(const AtomNode *entry, MP4TrackInfo *info) {
     info->PixelAspectH = 1;

@@ -131,6 +131,13 @@ struct TrackNode {
     uint8_t RecordOpen;
     uint32_t OpenDuration;
     uint64_t OpenEnd;
+    // Learnt by the first presentation search (MP4_FIND_PRESENTATION), on
+    // either handle: the least and greatest composition offsets and the
+    // sample presented first (of equal ones the first in decoding order).
+    uint8_t SpreadKnown;
+    int32_t LeastComposition;
+    int32_t MostComposition;
+    uint32_t FirstPresented;
 
     // Write side only.
     uint32_t SampleBase;
@@ -211,14 +218,22 @@ uint64_t SumSampleSizes(const TrackNode *node, uint32_t count);
 // The 64-bit decoding time of record `index` of a node (its sample on a
 // node without runs).
 uint64_t SampleDecodeTime(const TrackNode *node, uint32_t index);
-// The duration of sample `index` in track ticks: a run's unit duration
-// times the units of the sample (saturating at 2^32 - 1), a record's mark
-// or the next record's time less its own; on a classic handle the next
-// record's 32-bit time less its own, and 0 for the last sample.
-uint32_t SampleDuration(const TrackNode *node, uint32_t index);
-// The 1-based sample description index of sample `index` (1 on a classic
-// handle; 0 where the file names an entry that is 0 or past 65535).
-uint16_t SampleDescriptionIndex(const TrackNode *node, uint32_t index);
+// The samples of a node with tables in rising number from a first one:
+// each step describes one as MP4GetSampleInfo does, without a search per
+// sample. Duration: a run's unit duration times the sample's units
+// (saturating at 2^32 - 1), a record's mark or the next record's time less
+// its own; on a classic handle the next record's 32-bit time less its own
+// (0 for the last), IsKeyFrame the classic mark, DescriptionIndex 1 (0
+// where the file names an entry that is 0 or past 65535).
+struct SampleWalk {
+    const TrackNode *Node;
+    uint32_t Index;                  // the sample the next step describes
+    const SampleRun *Run;            // the run holding it (a node with runs)
+    const SampleMark *Description;   // the description mark in force, or null
+};
+SampleWalk StartSampleWalk(const TrackNode *node, uint32_t first);
+// Describes sample walk->Index (below SampleCount) into *info and moves on.
+void StepSampleWalk(SampleWalk *walk, MP4SampleInfo *info);
 // Marks `value` from sample `first` on (no mark when the value doesn't
 // change; a later mark at the same sample replaces it). False when the list
 // is full.
@@ -230,6 +245,17 @@ void CloseOpenRecord(TrackNode *node, bool contiguous, uint64_t next);
 // record's 32-bit time taken as signed (the data model's comparison), on a
 // modern handle the 64-bit time.
 int64_t SampleTimeKey(const TrackNode *node, uint32_t index);
+
+// ---- Track listing (track_info.cpp) ----------------------------------------
+
+// The edit list of a "trak" as MP4GetTrackInfo gives it: the first
+// non-empty edit's media time (-1 without an edit list) and the leading
+// empty edits in track ticks.
+void ReadTrackEdits(const Root_atom *root, const AtomNode *trak, int64_t *mediaTime,
+                    uint64_t *delay);
+// The tables of each "trak" of the file in order (null for one without),
+// into nodes[0..capacity-1]: the number of "trak" atoms.
+uint32_t ListTrackTables(const MP4_local_file *file, const TrackNode **nodes, uint32_t capacity);
 
 struct TrackListEntry {
     AtomNode *TrakAtom;

@@ -12,7 +12,7 @@ constexpr int32_t kFailed = -99;
 
 bool IsTrak(const AtomNode *atom) {
     if (atom != nullptr && AtomNameEquals(atom->AtomName, "trak")) return true;
-    std::printf("This atom not a track atom\n");
+    PrintDiagnostic("This atom not a track atom\n");
     return false;
 }
 
@@ -34,7 +34,7 @@ void AppendTrack(AtomNode *moov, AtomNode **last, const TrackNode *track) {
 // its "mdia").
 AtomNode *FindChildOrReport(AtomNode *parent, const char *name, const char *owner) {
     AtomNode *child = FindChild(parent, name);
-    if (child == nullptr) std::printf("no [%s] atom in input [%s] atom's child!!\n", name, owner);
+    if (child == nullptr) PrintDiagnostic("no [%s] atom in input [%s] atom's child!!\n", name, owner);
     return child;
 }
 
@@ -53,7 +53,7 @@ int32_t AssembleMovie(Root_atom *root, MP4_local_file *file) {
         }
     }
     if (moov == nullptr) {
-        std::printf("Can't find [moov] atom from input Root_Atom!\n");
+        PrintDiagnostic("Can't find [moov] atom from input Root_Atom!\n");
         return kFailed;
     }
 
@@ -74,7 +74,7 @@ int32_t AssembleMovie(Root_atom *root, MP4_local_file *file) {
         if (size < 0) {
             char name[5];
             CopyAtomName(name, atom->AtomName);
-            std::printf("There is error in [%s] atom\n", name);
+            PrintDiagnostic("There is error in [%s] atom\n", name);
             return kFailed;
         }
         base += uint32_t(size);
@@ -86,7 +86,7 @@ int32_t AssembleMovie(Root_atom *root, MP4_local_file *file) {
     const uint64_t sceneOffset = odOffset + GeneratedSize(form.OdTrack);
     const uint64_t end = sceneOffset + GeneratedSize(form.SceneTrack);
     if (end > UINT32_MAX) {
-        std::printf("the file passes 4 GiB and can't be described\n");
+        PrintDiagnostic("the file passes 4 GiB and can't be described\n");
         return kFailed;
     }
     if (form.VideoTrack != nullptr) {
@@ -118,7 +118,7 @@ int32_t ShiftChunkOffsets(AtomNode *trak, uint32_t delta) {
     const char *missing = nullptr;
     AtomNode *stco = WalkPath(trak, kPath, 4, &missing);
     if (stco == nullptr) {
-        std::printf("Can't find [%s] atom\n", missing != nullptr ? missing : "stco");
+        PrintDiagnostic("Can't find [%s] atom\n", missing != nullptr ? missing : "stco");
         return kFailed;
     }
     uint8_t *table = static_cast<uint8_t *>(GetRecordPointer(stco));

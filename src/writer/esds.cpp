@@ -174,7 +174,7 @@ int32_t SerializeEsds(AtomNode *node, TrackNode *track) {
     case MP4_TRACK_OD: return FillConstantEsds(node, kOdEsds, sizeof kOdEsds);
     case MP4_TRACK_SCENE: return FillConstantEsds(node, kSceneEsds, sizeof kSceneEsds);
     default:
-        std::printf("unsupport track type while writing esds atom\n");
+        PrintDiagnostic("unsupport track type while writing esds atom\n");
         return kFailed;
     }
 }

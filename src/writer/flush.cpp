@@ -85,7 +85,7 @@ void FinishFiles(MP4_local_file *file) {
         std::remove(form.AudioIntake.TempFileName);
     Root_atom *root = file->RootAtom;
     if (root != nullptr && root->FileStream != nullptr) {
-        if (std::fclose(root->FileStream) != 0) std::printf("error in writing the output file!\n");
+        if (std::fclose(root->FileStream) != 0) PrintDiagnostic("error in writing the output file!\n");
         root->FileStream = nullptr;
     }
 }
@@ -210,7 +210,7 @@ int32_t MP4FileFlush(MP4_local_file *file) {
     if (intact) {
         WriteOutputFile(file);
     } else {
-        std::printf("the file is not written\n");
+        PrintDiagnostic("the file is not written\n");
     }
     FinishFiles(file);
     ReleaseHandle(file);

@@ -82,11 +82,11 @@ bool ChainAddsUp(const TrackNode *track) {
     uint32_t samples = 0, keys = 0;
     for (const TrackNode *block = track; block != nullptr; block = block->NextBlock) {
         if (block->SampleBase != samples) {
-            std::printf("Error value in the TrackNode's SampleCount;\n");
+            PrintDiagnostic("Error value in the TrackNode's SampleCount;\n");
             return false;
         }
         if (block->KeyFrameBase != keys) {
-            std::printf("Error value in the TrackNode's KeyFrameCount;\n");
+            PrintDiagnostic("Error value in the TrackNode's KeyFrameCount;\n");
             return false;
         }
         samples += block->SampleCount;
@@ -103,7 +103,7 @@ int32_t SerializeChildren(AtomNode *node, TrackNode *track, uint32_t head) {
         const int32_t childSize = SerializeTrackAtom(child, track);
         size += childSize;
         if (childSize < 1 || size > INT32_MAX) {
-            std::printf("there is error in [%s]'s child=>[%s]\n",
+            PrintDiagnostic("there is error in [%s]'s child=>[%s]\n",
                         PrintableName(node->AtomName).text, PrintableName(child->AtomName).text);
             return kFailed;
         }
@@ -174,7 +174,7 @@ int32_t SerializeFirstChild(AtomNode *node, TrackNode *track, uint32_t fixedPart
                             bool (*expected)(const AtomNode *), const char *message) {
     AtomNode *child = node->FirstChild;
     if (child == nullptr || !expected(child)) {
-        std::printf("%s", message);
+        PrintDiagnostic("%s", message);
         return kFailed;
     }
     const int32_t childSize = SerializeTrackAtom(child, track);
@@ -313,7 +313,7 @@ int32_t SizeFileContainer(AtomNode *node, MP4_local_file *file) {
         const int32_t childSize = SizeFileAtom(child, file);
         size += childSize;
         if (childSize < 1 || size > INT32_MAX) {
-            std::printf("there is error in [%s]'s child=>[%s]\n", PrintableName(node->AtomName).text,
+            PrintDiagnostic("there is error in [%s]'s child=>[%s]\n", PrintableName(node->AtomName).text,
                         PrintableName(child->AtomName).text);
             return kFailed;
         }
@@ -332,7 +332,7 @@ int32_t SizeMdat(AtomNode *node, MP4_local_file *file) {
     if (form.OdTrack != nullptr) size += form.OdTrack->SampleRecords[0].Size;
     if (form.SceneTrack != nullptr) size += form.SceneTrack->SampleRecords[0].Size;
     if (size > UINT32_MAX) {
-        std::printf("the media data passes 4 GiB and can't be described\n");
+        PrintDiagnostic("the media data passes 4 GiB and can't be described\n");
         return kFailed;
     }
     SetSize(node, uint32_t(size));
@@ -369,7 +369,7 @@ int32_t SerializeTrackAtom(AtomNode *node, TrackNode *track) {
 
 int32_t SizeFileAtom(AtomNode *node, MP4_local_file *file) {
     if (node->realStructure == nullptr) {
-        std::printf("the [%s] atom doesn't have a realStructure\n",
+        PrintDiagnostic("the [%s] atom doesn't have a realStructure\n",
                     PrintableName(node->AtomName).text);
         return kFailed;
     }

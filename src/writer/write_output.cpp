@@ -36,17 +36,17 @@ struct PrintableName {
 bool OpenTemp(const IntakeState &intake, const char *kind, TempSource *source) {
     FILE *stream = intake.TempFileName != nullptr ? std::fopen(intake.TempFileName, "rb") : nullptr;
     if (stream == nullptr) {
-        std::printf("Can't open the %s tempfile!\n", kind);
+        PrintDiagnostic("Can't open the %s tempfile!\n", kind);
         return false;
     }
     long length = -1;
     if (std::fseek(stream, 0, SEEK_END) == 0) length = std::ftell(stream);
     if (length < 0 || std::fseek(stream, 0, SEEK_SET) != 0) {
-        std::printf("Can't read the %s tempfile!\n", kind);
+        PrintDiagnostic("Can't read the %s tempfile!\n", kind);
         std::fclose(stream);
         return false;
     }
-    if (uint64_t(length) != intake.TotalBytes) std::printf("error in %s tempfile!\n", kind);
+    if (uint64_t(length) != intake.TotalBytes) PrintDiagnostic("error in %s tempfile!\n", kind);
     source->stream = stream;
     source->length = uint64_t(length);
     return true;
@@ -62,7 +62,7 @@ bool CopyTemp(TempSource &source, const char *kind, FILE *out, CopyBuffer buffer
         const size_t chunk = left < buffer.size ? size_t(left) : buffer.size;
         size_t got = readFailed ? 0 : std::fread(buffer.bytes, 1, chunk, source.stream);
         if (got < chunk) {
-            if (!readFailed) std::printf("error in reading %s tempfile!\n", kind);
+            if (!readFailed) PrintDiagnostic("error in reading %s tempfile!\n", kind);
             readFailed = true;
             std::memset(buffer.bytes + got, 0, chunk - got);
         }
@@ -98,7 +98,7 @@ int32_t WriteAtoms(AtomNode *first, Root_atom *root) {
         AtomSchema schema;
         const PrintableName name(atom->AtomName);
         if (atom->realStructure == nullptr || GetAtomSchema(atom, &schema) != 1) {
-            std::printf("error occuring in writing [%s]atom\n", name.text);
+            PrintDiagnostic("error occuring in writing [%s]atom\n", name.text);
             return kFailed;
         }
         const uint32_t n = schema.ChildOffset != 0 ? schema.ChildOffset : atom->AtomSize;
@@ -107,7 +107,7 @@ int32_t WriteAtoms(AtomNode *first, Root_atom *root) {
         if (schema.HasTable == 0) {
             const uint32_t bytes = AtomNameEquals(atom->AtomName, "mdat") ? 8 : n;
             if (bytes > schema.RecordSize) {
-                std::printf("error occuring in writing [%s]atom\n", name.text);
+                PrintDiagnostic("error occuring in writing [%s]atom\n", name.text);
                 return kFailed;
             }
             written = std::fwrite(atom->realStructure, 1, bytes, out);
@@ -115,7 +115,7 @@ int32_t WriteAtoms(AtomNode *first, Root_atom *root) {
             const void *table = GetRecordPointer(atom);
             const uint32_t tableBytes = n > head ? n - head : 0;
             if (n < head || (table == nullptr && tableBytes > 0)) {
-                std::printf("error occuring in writing [%s]atom\n", name.text);
+                PrintDiagnostic("error occuring in writing [%s]atom\n", name.text);
                 return kFailed;
             }
             written = std::fwrite(atom->realStructure, 1, head, out);
@@ -141,7 +141,7 @@ int32_t WriteOutputFile(MP4_local_file *file) {
         (form.AudioTrack != nullptr && !OpenTemp(form.AudioIntake, "audio", &audio))) {
         CloseTemp(video);
         CloseTemp(audio);
-        std::printf("the file is not written\n");
+        PrintDiagnostic("the file is not written\n");
         return kFailed;
     }
 
@@ -156,7 +156,7 @@ int32_t WriteOutputFile(MP4_local_file *file) {
     if (ok && form.OdTrack != nullptr) ok = WriteGenerated(form.OdTrack, hasVideo, hasAudio, out);
     if (ok && form.SceneTrack != nullptr)
         ok = WriteGenerated(form.SceneTrack, hasVideo, hasAudio, out);
-    if (!ok) std::printf("error in writing the output file!\n");
+    if (!ok) PrintDiagnostic("error in writing the output file!\n");
 
     if (buffer.bytes != fallback) std::free(buffer.bytes);
     CloseTemp(video);

@@ -205,7 +205,7 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
         {"sample info, wrong type", [&] { return MP4GetSampleInfo(m, 1, 1, 0, &s); }, -98},
         {"sample info, past the end", [&] { return MP4GetSampleInfo(m, 1, 2, 40, &s); }, -96},
         {"read, past the end", [&] { return MP4ReadSample(m, 1, 2, 40, &sample); }, -96},
-        {"find, unknown flag", [&] { return MP4FindSample(m, 1, 2, 0, 2, &n); }, -98},
+        {"find, unknown flag", [&] { return MP4FindSample(m, 1, 2, 0, 4, &n); }, -98},
         {"find, no track", [&] { return MP4FindSample(m, 7, 2, 0, 0, &n); }, -97},
         {"config of MP3: none", [&] { return MP4GetDecoderConfig(m, 1, 2, &data, &n); }, -97},
         {"config, no track", [&] { return MP4GetDecoderConfig(m, 1, 1, &data, &n); }, -98},
