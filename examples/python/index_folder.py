@@ -43,11 +43,16 @@ def describe_track(path, track):
     except mp4core.Error as e:
         return dict(row, error=str(e))
     keys = index["dts"][index["key"]]
-    if track.kind == "video" and len(keys) > 1:
+    if track.kind == "video" and len(keys) > 1 and track.timescale:
         row["key_interval_s"] = round(float(np.diff(keys).mean()) / track.timescale, 3)
     if track.seconds > 0:
         row["bit_rate"] = int(index["size"].sum(dtype=np.uint64) * 8 / track.seconds)
     return row
+
+
+def index_files(client, paths):
+    """Every file's rows, described on the cluster's workers."""
+    return [row for rows in client.gather(client.map(describe, paths)) for row in rows]
 
 
 def main():
@@ -61,15 +66,12 @@ def main():
     paths = sorted(os.path.join(root, name) for root, _, names in os.walk(args.folder)
                    for name in names if name.lower().endswith(SUFFIXES))
     if args.scheduler:
-        client = Client(args.scheduler)
+        with Client(args.scheduler) as client:
+            rows = index_files(client, paths)
     else:
-        cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1,
-                               dashboard_address=None)
-        client = Client(cluster)
-    with client:
-        rows = [row for rows in client.gather(client.map(describe, paths)) for row in rows]
-        if not args.scheduler:
-            cluster.close()
+        with LocalCluster(n_workers=args.workers, threads_per_worker=1,
+                          dashboard_address=None) as cluster, Client(cluster) as client:
+            rows = index_files(client, paths)
 
     with open(args.output, "w", newline="") as out:
         writer = csv.DictWriter(out, COLUMNS)

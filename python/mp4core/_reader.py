@@ -126,6 +126,9 @@ class Track:
         time), ``duration`` (ticks), ``size``, ``key`` (sync sample) and
         ``entry`` (its sample entry, from 1)."""
         count = self._span(first, count)
+        # A call for no samples first: a track kept without its tables
+        # reports the count its header claims, which may be any number.
+        check("MP4GetSampleInfos", lib.MP4GetSampleInfos(self.file._handle, self.id, self.type, first, 0, None))
         infos = np.empty(count, INDEX_DTYPE)
         if count:
             check("MP4GetSampleInfos", lib.MP4GetSampleInfos(
@@ -155,34 +158,17 @@ class Track:
                 len(data), index.ctypes.data, byref(done)))
         return Batch(data, index)
 
-    def _read_run(self, first: int, count: int, infos: np.ndarray) -> Tuple[int, int]:
-        """Reads as many of count samples from first as the file's buffer
-        holds (at least one, growing it), their descriptions into infos;
-        gives how many and the result."""
-        buffer, done = self.file._buffer, c_uint32()
-        while True:
-            result = lib.MP4ReadSamples(self.file._handle, self.id, self.type, first, count,
-                                        buffer.address, buffer.size, infos.ctypes.data, byref(done))
-            if result != _capi.TOO_SMALL or done.value:
-                return done.value, result
-            buffer.grow(max(2 * buffer.size, int(infos[0]["size"])))
-
     def samples(self, first: int = 0, count: Optional[int] = None, batch: int = 512) -> Iterator[Sample]:
         """Every sample from ``first`` on (``count`` of them, all by default)
         in decoding order, read ``batch`` at a time underneath."""
-        end = first + self._span(first, count)
-        infos = np.empty(batch, INDEX_DTYPE)
-        while first < end:
-            done, result = self._read_run(first, min(batch, end - first), infos)
-            rows = infos[:done]
-            view, offset = self.file._buffer.view, 0
+        batches = self.file._batches(self, first, self._span(first, count), batch, self.file._buffer)
+        for first, rows, view in batches:
+            offset = 0
             for number, dts, cts, duration, key, size in zip(
-                    range(first, first + done), rows["dts"].tolist(), rows["cts_offset"].tolist(),
+                    range(first, first + len(rows)), rows["dts"].tolist(), rows["cts_offset"].tolist(),
                     rows["duration"].tolist(), rows["key"].tolist(), rows["size"].tolist()):
                 yield Sample(number, dts, dts + cts, duration, key, bytes(view[offset:offset + size]))
                 offset += size
-            check("MP4ReadSamples", result, f"track {self.id}, sample {first + done}")
-            first += done
 
     def find(self, seconds: Optional[float] = None, *, ticks: Optional[int] = None,
              key: bool = False, presentation: bool = True) -> int:
@@ -264,35 +250,57 @@ class File:
     def packets(self, batch: int = 512) -> Iterator[Packet]:
         """Every sample of every track in the order of their offsets in the
         file (samples at one offset in track order), as a player or a
-        remuxer reads them. Consecutive samples of a track are read with
-        one call."""
-        handle, position, number = self._handle, c_uint32(_RESTART), c_uint32()
+        remuxer reads them. Each track's samples are read ``batch`` at a
+        time underneath, into a buffer of the track's own."""
+        handle, step = self._handle, lib.MP4NextInFileOrder
+        position, number = c_uint32(_RESTART), c_uint32()
+        where, which = byref(position), byref(number)
+        held: dict = {}  # track position -> its samples read ahead, as _read_ahead gives them
+        while True:
+            result = step(handle, where, which)
+            if result == _capi.END_OF_FILE_ORDER:
+                return
+            check("MP4NextInFileOrder", result)
+            n, ahead = number.value, held.get(position.value)
+            if ahead is None or not ahead[0] <= n < ahead[0] + len(ahead[2]):
+                ahead = held[position.value] = self._read_ahead(position.value, n, batch, ahead)
+            first, track_id, dts, pts, durations, keys, ends, view, _ = ahead
+            i = n - first
+            start = ends[i - 1] if i else 0
+            yield Packet(track_id, n, dts[i], pts[i], durations[i], keys[i], bytes(view[start:ends[i]]))
+
+    def _read_ahead(self, position: int, first: int, batch: int, before: Optional[tuple]) -> tuple:
+        """Up to batch samples of a track from first on, read into the
+        buffer of an earlier read-ahead (or a new one): (first, track ID,
+        lists of dts, pts, durations, keys and byte ends, the bytes)."""
+        track = self.tracks[position]
+        buffer = before[-1] if before else _Buffer(1 << 18)
+        # One batch; a first sample that can't be read raises.
+        _, rows, _ = next(self._batches(track, first, min(batch, track.sample_count - first), batch, buffer))
+        dts = rows["dts"].astype(np.int64)
+        return (first, track.id, dts.tolist(), (dts + rows["cts_offset"]).tolist(),
+                rows["duration"].tolist(), rows["key"].tolist(),
+                np.cumsum(rows["size"], dtype=np.int64).tolist(), buffer.view, buffer)
+
+    def _batches(self, track: Track, first: int, count: int, batch: int, buffer: _Buffer
+                 ) -> Iterator[Tuple[int, np.ndarray, memoryview]]:
+        """Reads count samples of a track from first on into buffer, batch
+        at a time: gives each batch's first sample number, descriptions and
+        bytes (back to back). A sample that can't be read ends its batch,
+        and raises Error when the next is asked for."""
+        handle, read, done = self._handle, lib.MP4ReadSamples, c_uint32()
         infos = np.empty(batch, INDEX_DTYPE)
-        finished = False
-        while not finished:
-            runs: List[List[int]] = []  # [track position, first, count]
-            for _ in range(batch):
-                result = lib.MP4NextInFileOrder(handle, byref(position), byref(number))
-                if result == _capi.END_OF_FILE_ORDER:
-                    finished = True
-                    break
-                check("MP4NextInFileOrder", result)
-                if runs and runs[-1][0] == position.value and runs[-1][1] + runs[-1][2] == number.value:
-                    runs[-1][2] += 1
-                else:
-                    runs.append([position.value, number.value, 1])
-            for where, first, count in runs:
-                track = self.tracks[where]
-                while count:
-                    done, result = track._read_run(first, count, infos)
-                    rows, view, offset = infos[:done], self._buffer.view, 0
-                    for n, dts, cts, duration, key, size in zip(
-                            range(first, first + done), rows["dts"].tolist(), rows["cts_offset"].tolist(),
-                            rows["duration"].tolist(), rows["key"].tolist(), rows["size"].tolist()):
-                        yield Packet(track.id, n, dts, dts + cts, duration, key, bytes(view[offset:offset + size]))
-                        offset += size
-                    check("MP4ReadSamples", result, f"track {track.id}, sample {first + done}")
-                    first, count = first + done, count - done
+        while count:
+            n = min(count, batch)
+            result = read(handle, track.id, track.type, first, n, buffer.address, buffer.size,
+                          infos.ctypes.data, byref(done))
+            if result == _capi.TOO_SMALL:
+                buffer.grow(max(2 * buffer.size, int(infos[0]["size"])))
+                continue
+            if done.value:
+                yield first, infos[:done.value], buffer.view
+            check("MP4ReadSamples", result, f"track {track.id}, sample {first + done.value}")
+            first, count = first + done.value, count - done.value
 
 
 def open(path: PathLike) -> File:  # noqa: A001 - the package's idiom, as io.open
