@@ -151,11 +151,16 @@ class Track:
         with one call into one buffer: a :class:`Batch`."""
         index = self.index(first, count)
         data = np.empty(int(index["size"].sum()), np.uint8)
-        done = c_uint32()
-        if len(index):
+        done, read, offset = c_uint32(), 0, 0
+        # One call reads them all, but one the file can't give whole ends the
+        # run before it: the call for the rest reports it.
+        while read < len(index):
             check("MP4ReadSamples", lib.MP4ReadSamples(
-                self.file._handle, self.id, self.type, first, len(index), data.ctypes.data,
-                len(data), index.ctypes.data, byref(done)))
+                self.file._handle, self.id, self.type, first + read, len(index) - read,
+                data.ctypes.data + offset, len(data) - offset, index[read:].ctypes.data, byref(done)),
+                f"track {self.id}, sample {first + read}")
+            offset += int(index["size"][read:read + done.value].sum())
+            read += done.value
         return Batch(data, index)
 
     def samples(self, first: int = 0, count: Optional[int] = None, batch: int = 512) -> Iterator[Sample]:

@@ -100,6 +100,7 @@ def test_find(when, key, presentation, number):
     # A track kept without tables, whose "stz2" claims 10^9 samples: no array is made.
     (lambda f: mp4core.open(f"{DATA}/modern/claims_stz2_count.mp4").tracks[0].index(), "MP4GetSampleInfos", -97),
     (lambda f: f.atom("moov//trak"), "MP4GetAtom", -98),
+    (lambda f: mp4core.open(f"{DATA}/modern/frag_cut_in_data.mp4").tracks[0].read_many(), "MP4ReadSamples", -92),
     (lambda f: mp4core.create(f"{DATA}/missing/x.mp4"), "MP4FileNewEx", -99),
 ])
 def test_errors_name_the_call_and_the_result(act, call, code):
