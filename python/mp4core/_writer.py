@@ -4,7 +4,7 @@ from __future__ import annotations
 import ctypes
 import os
 from ctypes import byref, c_uint32
-from typing import Optional, Tuple
+from typing import Optional, Tuple, Union
 
 import numpy as np
 
@@ -13,7 +13,10 @@ from ._capi import check, lib
 from ._reader import PathLike, Track
 
 
-def _address(data) -> Tuple[object, int]:
+SampleData = Union[bytes, bytearray, memoryview, np.ndarray]
+
+
+def _address(data: SampleData) -> Tuple[object, int]:
     """Something ctypes passes as a pointer to data's bytes, and their count."""
     if isinstance(data, bytes):
         return data, len(data)
@@ -61,7 +64,7 @@ class Writer:
         return self._h
 
     def add_track(self, codec: str, timescale: int, *, width: int = 0, height: int = 0,
-                  rate: int = 0, channels: int = 0, config: bytes = b"", bits: int = 0,
+                  rate: int = 0, channels: int = 0, config: Optional[bytes] = None, bits: int = 0,
                   object_type: int = 0, handler: Optional[str] = None, language: str = "und",
                   rotation: int = 0, pixel_aspect: Tuple[int, int] = (0, 0),
                   media_start: int = 0) -> int:
@@ -82,7 +85,7 @@ class Writer:
         spec.PixelAspectH, spec.PixelAspectV = pixel_aspect
         spec.Language = language.encode("latin-1")
         spec.Config = ctypes.cast(ctypes.c_char_p(config), ctypes.c_void_p) if config else None
-        spec.ConfigSize = len(config)
+        spec.ConfigSize = len(config or b"")
         track_id = c_uint32()
         check("MP4AddTrack", lib.MP4AddTrack(self._handle, byref(spec), byref(track_id)), codec)
         return track_id.value
@@ -96,7 +99,7 @@ class Writer:
                                                      track.type, byref(track_id)))
         return track_id.value
 
-    def write(self, track_id: int, data, dts: int, cts_offset: int = 0, duration: int = 0,
+    def write(self, track_id: int, data: SampleData, dts: int, cts_offset: int = 0, duration: int = 0,
               key: bool = False) -> None:
         """Adds one sample to a track: its bytes (bytes, bytearray, memoryview
         or a numpy array), decoding time in track ticks, presentation less
