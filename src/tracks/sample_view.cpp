@@ -75,11 +75,48 @@ uint16_t DescriptionOf(const SampleMark *mark) {
 }  // namespace
 
 SampleWalk StartSampleWalk(const TrackNode *node, uint32_t first) {
-    SampleWalk walk{node, first, nullptr, nullptr};
+    SampleWalk walk{node, first, nullptr, nullptr, nullptr, nullptr};
     if (node->Runs != nullptr) walk.Run = RunOf(node, first);
     if (node->Modern) walk.Description = MarkAt(node->Descriptions, first);
     return walk;
 }
+
+namespace {
+
+// The high half in force for record `index`, moving the walk's cursor on.
+const TimeHigh *HighAt(const TrackNode *node, const TimeHigh *high, uint32_t index) {
+    const TimeHigh *next = high != nullptr ? high + 1 : node->TimeHighs;
+    while (next < node->TimeHighs + node->TimeHighCount && next->FirstSample <= index) high = next++;
+    return high;
+}
+
+// Record `index` of a modern node without runs, as RecordView and
+// RecordDuration give it, with cursors in place of their searches.
+SampleView WalkRecord(SampleWalk *walk, uint32_t index, uint32_t *duration) {
+    const TrackNode *node = walk->Node;
+    const SampleRecord *records = node->SampleRecords;
+    walk->High = HighAt(node, walk->High, index);
+    const uint64_t high = walk->High != nullptr ? walk->High->High : 0;
+    const SampleRecord &r = records[index];
+    const SampleView sample{SampleFileOffset(r), (high << 32) | r.Time, r.Size,
+                            r.CompositionOffset, r.IsKeyFrame, r.IsSync};
+    const MarkList &marks = node->Durations;
+    const SampleMark *mark = walk->Duration != nullptr ? walk->Duration : marks.Marks;
+    while (mark < marks.Marks + marks.Count && mark->FirstSample < index) ++mark;
+    walk->Duration = mark;
+    if (mark < marks.Marks + marks.Count && mark->FirstSample == index) {
+        *duration = mark->Value;
+    } else if (index + 1 >= node->RecordCount) {
+        *duration = 0;
+    } else {
+        const TimeHigh *next = HighAt(node, walk->High, index + 1);
+        const uint64_t nextTime = (uint64_t(next != nullptr ? next->High : 0) << 32) | records[index + 1].Time;
+        *duration = uint32_t(nextTime - sample.Time);
+    }
+    return sample;
+}
+
+}  // namespace
 
 void StepSampleWalk(SampleWalk *walk, MP4SampleInfo *info) {
     const TrackNode *node = walk->Node;
@@ -90,8 +127,7 @@ void StepSampleWalk(SampleWalk *walk, MP4SampleInfo *info) {
         sample.IsSync = sample.IsKeyFrame;
         info->Duration = ClassicDuration(node, index);
     } else if (walk->Run == nullptr) {
-        sample = RecordView(node, index);
-        info->Duration = RecordDuration(node, index);
+        sample = WalkRecord(walk, index, &info->Duration);
     } else {
         if (index >= walk->Run->FirstSample + RunSamples(*walk->Run)) ++walk->Run;
         sample = RunView(node, *walk->Run, index);

@@ -230,6 +230,8 @@ struct SampleWalk {
     uint32_t Index;                  // the sample the next step describes
     const SampleRun *Run;            // the run holding it (a node with runs)
     const SampleMark *Description;   // the description mark in force, or null
+    const TimeHigh *High;            // the high half in force (records), or null
+    const SampleMark *Duration;      // the first duration mark not behind it
 };
 SampleWalk StartSampleWalk(const TrackNode *node, uint32_t first);
 // Describes sample walk->Index (below SampleCount) into *info and moves on.

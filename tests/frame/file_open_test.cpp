@@ -77,6 +77,14 @@ TEST(FileOpen, HelpersOutsideTheReadingPath) {
     CaptureStream errors(stderr);
     OutputDebugStringA("to standard error\n");
     OutputDebugStringA(nullptr);
+    // With a sink the debug output goes there, on channel 2, and nowhere else.
+    std::string sunk;
+    MP4SetDiagnostics([](int channel, const char *text, void *to) {
+        *static_cast<std::string *>(to) += std::to_string(channel) + text;
+    }, &sunk);
+    EXPECT_EQ(AddVideoFrame(nullptr, 0, nullptr, 0, 0, 0, 0), -99);
+    MP4SetDiagnostics(nullptr, nullptr);
+    EXPECT_EQ(sunk, "2the input parameter for MP4_local_file is empty\n");
     EXPECT_EQ(errors.Text(), "to standard error\n");
     std::string results;
     for (const Bytes &file : {Atom("moov", {Atom("mvhd", {Zeros(100)}), Atom("trak")}), Atom("moov", {Atom("zzzz")}),

@@ -193,7 +193,7 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     MP4TrackInfo t{};
     MP4Sample *sample = nullptr;
     uint32_t n = 0;
-    uint8_t *data = nullptr;
+    uint8_t *data = nullptr, bytes[9];
     struct Case {
         const char *what;
         std::function<int32_t()> call;
@@ -210,12 +210,23 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
         {"config of MP3: none", [&] { return MP4GetDecoderConfig(m, 1, 2, &data, &n); }, -97},
         {"config, no track", [&] { return MP4GetDecoderConfig(m, 1, 1, &data, &n); }, -98},
         {"track without tables", [&] { return MP4GetSampleInfo(untabled.handle, 1, 1, 0, &s); }, -97},
+        {"into, no buffer with a capacity", [&] { return MP4ReadSampleInto(m, 1, 2, 0, nullptr, 9, &s); }, -99},
+        {"into, past the end", [&] { return MP4ReadSampleInto(m, 1, 2, 40, bytes, 9, &s); }, -96},
+        {"infos, none asked", [&] { return MP4GetSampleInfos(m, 1, 2, 0, 0, nullptr); }, 1},
+        {"batch, no count back", [&] { return MP4ReadSamples(m, 1, 2, 0, 1, bytes, 9, &s, nullptr); }, -99},
+        {"batch, first too large", [&] { return MP4ReadSamples(m, 1, 2, 0, 1, bytes, 9, &s, &n); }, -91},
+        {"file order, no place", [&] { return MP4NextInFileOrder(m, nullptr, &n); }, -99},
+        {"classic: presentation", [&] { return MP4FindSample(c, 1, 1, 0, MP4_FIND_PRESENTATION, &n); }, 1},
+        {"into, too small: its size", [&] { return MP4ReadSampleInto(m, 1, 2, 0, bytes, 9, &s) - int32_t(s.Size != 104); }, -91},
         {"classic: video sample info", [&] { return MP4GetSampleInfo(c, 1, 1, 0, &s); }, 1},
     };
     for (const Case &k : cases) EXPECT_EQ(k.call(), k.expected) << k.what;
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(s.IsKeyFrame, 1);
     EXPECT_EQ(s.CompositionOffset, 0);
+    EXPECT_STREQ(MP4ResultText("MP4ReadSamples", -97), "the track has no sample table");
+    EXPECT_STREQ(MP4ResultText(nullptr, 1), "success");
+    EXPECT_STREQ(MP4ResultText("MP4Nothing", -97), "a result this call is not known to give");
     Mp4MediaInfo *media = nullptr;  // the modern track record has its "mdhd" too
     ASSERT_EQ(RetMp4MediaInfo(m, 1, MP4_TRACK_AUDIO, &media), 1);
     EXPECT_EQ(media->Timescale, 44100u);

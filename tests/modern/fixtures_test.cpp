@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "atoms/atoms.h"
 #include "mp4core.h"
@@ -72,6 +73,105 @@ bool InfoOf(MP4_local_file *file, uint32_t id, MP4TrackInfo *info) {
 
 const char *Kind(int32_t type) { return type == 1 ? "video" : type == 2 ? "audio" : "other"; }
 
+// The calls in bulk against the calls by number on every sample of a
+// track: the descriptions in one call, the bytes in batches of a few
+// kilobytes (a sample that does not fit grows the buffer), and one by one
+// into the caller's buffer; on a cut file the same samples fail.
+void CheckBulk(MP4_local_file *file, const MP4TrackInfo &t) {
+    SCOPED_TRACE(t.TrackId);
+    const uint32_t count = t.SampleCount;
+    std::vector<MP4SampleInfo> all(count + 1), batch(count + 1);
+    const int32_t described = MP4GetSampleInfos(file, t.TrackId, t.TrackType, 0, count, all.data());
+    if (described == -97 || t.TrackId == 0) return;  // no tables, or no ID to ask by
+    ASSERT_EQ(described, 1);
+    EXPECT_EQ(MP4GetSampleInfos(file, t.TrackId, t.TrackType, 1, count, all.data()), -96);
+    Bytes bytes(3000), one;
+    for (uint32_t n = 0, done = 0; n < count; n += std::max(done, 1u)) {
+        const int32_t r = MP4ReadSamples(file, t.TrackId, t.TrackType, n, count - n, bytes.data(),
+                                         bytes.size(), batch.data(), &done);
+        if (r == -91) bytes.resize(batch[0].Size);
+        ASSERT_TRUE(r == 1 || r == -91 || r == -92) << r;
+        for (uint32_t i = 0, at = 0; i < std::max(done, r == -92 ? 1u : 0u); at += batch[i++].Size) {
+            MP4SampleInfo single{};
+            MP4Sample *sample = nullptr;
+            const int32_t classic = MP4ReadSample(file, t.TrackId, t.TrackType, n + i, &sample);
+            one.resize(batch[i].Size);
+            EXPECT_EQ(MP4ReadSampleInto(file, t.TrackId, t.TrackType, n + i, one.data(),
+                                        uint32_t(one.size()), &single), r == 1 ? 1 : -92);
+            EXPECT_EQ(classic, r == -92 ? -92 : batch[i].Size == 0 ? -94 : 1) << n + i;
+            EXPECT_EQ(std::memcmp(&all[n + i], &batch[i], sizeof single), 0) << n + i;
+            EXPECT_EQ(std::memcmp(&single, &batch[i], sizeof single), 0) << n + i;
+            EXPECT_TRUE(classic != 1 || (std::equal(one.begin(), one.end(), sample->Data) &&
+                                         std::equal(one.begin(), one.end(), bytes.begin() + at)))
+                << n + i;
+            SampleDataFree(&sample);
+        }
+    }
+}
+
+// MP4NextInFileOrder gives every sample of every track once, in the order
+// of a sort by offset and track; after the end 0, and UINT32_MAX starts
+// over.
+void CheckFileOrder(MP4_local_file *file) {
+    std::vector<std::tuple<uint64_t, uint32_t, uint32_t>> sorted, stepped;
+    uint32_t tracks = 0, track = UINT32_MAX, sample = 0;
+    MP4GetTrackCount(file, &tracks);
+    for (uint32_t i = 0; i < tracks; ++i) {
+        MP4TrackInfo t{};
+        MP4SampleInfo s{};
+        MP4GetTrackInfo(file, i, &t);
+        for (uint32_t n = 0; MP4GetSampleInfo(file, t.TrackId, t.TrackType, n, &s) == 1; ++n)
+            sorted.emplace_back(s.FileOffset, i, n);
+    }
+    std::sort(sorted.begin(), sorted.end());
+    for (int32_t r; (r = MP4NextInFileOrder(file, &track, &sample)) == 1;) {
+        MP4TrackInfo t{};
+        MP4SampleInfo s{};
+        MP4GetTrackInfo(file, track, &t);
+        MP4GetSampleInfo(file, t.TrackId, t.TrackType, sample, &s);
+        stepped.emplace_back(s.FileOffset, track, sample);
+    }
+    EXPECT_EQ(stepped, sorted);
+    EXPECT_EQ(MP4NextInFileOrder(file, &track, &sample), 0);
+    stepped.clear();
+    track = UINT32_MAX;
+    if (MP4NextInFileOrder(file, &track, &sample) == 1)
+        stepped.emplace_back(std::get<0>(sorted.at(0)), track, sample);
+    sorted.resize(std::min<size_t>(sorted.size(), 1));
+    EXPECT_EQ(stepped, sorted);
+}
+
+// MP4_FIND_PRESENTATION against a search of every sample, at the
+// presentation times of every sample, a tick either side, and inside the
+// leading empty edit.
+void CheckPresentation(MP4_local_file *file, const MP4TrackInfo &t) {
+    SCOPED_TRACE(t.TrackId);
+    std::vector<MP4SampleInfo> all(t.SampleCount);
+    if (t.SampleCount == 0 ||
+        MP4GetSampleInfos(file, t.TrackId, t.TrackType, 0, t.SampleCount, all.data()) != 1)
+        return;
+    const int64_t shift = int64_t(t.EditDelay) - std::max<int64_t>(t.EditMediaTime, 0);
+    auto shown = [&](uint32_t n) { return int64_t(all[n].DecodeTime) + all[n].CompositionOffset + shift; };
+    std::vector<int64_t> times{0, int64_t(t.EditDelay) - 1};
+    for (uint32_t n = 0; n < t.SampleCount; n += 1 + t.SampleCount / 300)
+        times.insert(times.end(), {shown(n) - 1, shown(n), shown(n) + 1});
+    for (int64_t time : times) {
+        if (time < 0) continue;
+        int64_t best = -1, first = 0;
+        for (uint32_t n = 0; n < t.SampleCount; ++n) {
+            if (shown(n) < shown(uint32_t(first))) first = n;
+            if (shown(n) <= time && int64_t(t.EditDelay) <= time && (best < 0 || shown(n) >= shown(uint32_t(best)))) best = n;
+        }
+        if (best < 0) best = first;
+        uint32_t found = 0, key = 0;
+        EXPECT_EQ(MP4FindSample(file, t.TrackId, t.TrackType, uint64_t(time), MP4_FIND_PRESENTATION, &found), 1);
+        EXPECT_EQ(found, uint32_t(best)) << time;
+        while (best >= 0 && !all[size_t(best)].IsKeyFrame) --best;
+        EXPECT_EQ(MP4FindSample(file, t.TrackId, t.TrackType, uint64_t(time), MP4_FIND_PRESENTATION | MP4_FIND_KEY, &key), best < 0 ? -95 : 1);
+        EXPECT_TRUE(best < 0 || key == uint32_t(best)) << time;
+    }
+}
+
 // The reader's listing in the format of `expected`, from which it takes
 // only the order of the tracks, their codec names and which are PCM.
 // `jumps` counts the samples that begin elsewhere than where the one before
@@ -86,6 +186,8 @@ std::string ReadListing(MP4_local_file *file, const std::vector<std::vector<std:
         rows.push_back({"track", std::to_string(info.TrackId), Kind(info.TrackType), expected[r][3],
                         "timescale", std::to_string(info.Timescale), "samples",
                         std::to_string(info.SampleCount)});
+        CheckBulk(file, info);
+        CheckPresentation(file, info);
         const bool pcm = r + 1 < expected.size() && expected[r + 1][0] == "pcm";
         Bytes all;
         uint32_t frame = 0;
@@ -165,6 +267,7 @@ void CheckAgainstListings(const std::string &path) {
     const std::string name = std::filesystem::path(path).filename();
     EXPECT_EQ(jumps, name == "frag_time_jumps.mp4" ? 2u : name == "frag_cmaf_every_frame.mp4" ? 14u : 0u);
     const std::string facts = ReadStreams(modern.file, streams);
+    CheckFileOrder(modern.file);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     ASSERT_EQ(modern.result, 1);
     EXPECT_EQ(listing, Join(samples));
@@ -258,6 +361,7 @@ std::string ClassicView(const std::string &path, int64_t flags) {
                                    Crc32(s->Data, s->Size));
             SampleDataFree(&s);
         }
+        if (flags == kPlainOpen) CheckBulk(h.file, info);
     }
     return out;
 }
@@ -277,6 +381,16 @@ TEST(ModernFixtures, OpenExWithoutFlagsIsTheClassicOpen) {
         const std::string ex = ClassicView(path, 0);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), plainMessages);
         EXPECT_EQ(ex, plain);
+        // The same messages go to a sink instead, on channel 1.
+        std::string sunk;
+        MP4SetDiagnostics([](int channel, const char *text, void *to) {
+            *static_cast<std::string *>(to) += channel == 1 ? text : "(not channel 1)";
+        }, &sunk);
+        testing::internal::CaptureStdout();
+        ClassicView(path, 0);
+        MP4SetDiagnostics(nullptr, nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        EXPECT_EQ(sunk, plainMessages);
     }
 }
 
