@@ -30,9 +30,11 @@ from ._capi import INDEX_DTYPE, Error, result_text
 from ._reader import Batch, File, Packet, Sample, Track, open
 from ._writer import Writer, create
 
+__version__ = "1.0.0"
 __all__ = ["open", "create", "File", "Track", "Writer", "Sample", "Packet", "Batch", "Error",
            "INDEX_DTYPE", "result_text"]
 
 # help() and tracebacks name the classes as the package offers them.
-for _name in ("File", "Track", "Writer", "Sample", "Packet", "Batch", "Error"):
+for _name in ("File", "Track", "Writer", "Sample", "Packet", "Batch", "Error", "open", "create",
+              "result_text"):
     globals()[_name].__module__ = __name__

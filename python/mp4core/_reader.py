@@ -71,10 +71,18 @@ class _Buffer:
 class Track:
     """A track of an open file, as MP4GetTrackInfo describes it.
 
-    Times are ticks of ``timescale``; ``duration`` is the sum of the sample
-    durations and ``seconds`` the same in seconds. ``kind`` is "video",
-    "audio", "hint", "od", "scene" or "other" (``handler`` names it);
-    ``codec`` the sample entry's format ("avc1", "mp4a", ...)."""
+    Attributes: ``id`` (the "tkhd" track ID), ``position`` (its place in
+    ``file.tracks``), ``kind`` ("video", "audio", "hint", "od", "scene" or
+    "other"), ``handler`` ("vide", "soun", "text", ...), ``codec`` (the
+    sample entry's format: "avc1", "hvc1", "mp4a", "Opus", ...),
+    ``width``, ``height``, ``rotation`` (0, 90, 180, 270) and
+    ``pixel_aspect`` of video, ``rate`` and ``channels`` of audio,
+    ``timescale`` (ticks a second, the unit of every time), ``sample_count``,
+    ``duration`` (ticks, the sum of the sample durations) and ``seconds``,
+    ``language`` (three letters), ``encrypted``, ``edit`` (the edit list's
+    media time, -1 without one, and its leading delay in ticks),
+    ``fragments`` (its track fragments) and ``config`` (the decoder
+    configuration)."""
 
     def __init__(self, file: "File", index: int, info: _capi.TrackInfo) -> None:
         self.file, self.position = file, index
