@@ -301,6 +301,8 @@ class File:
         at a time: gives each batch's first sample number, descriptions and
         bytes (back to back). A sample that can't be read ends its batch,
         and raises Error when the next is asked for."""
+        if batch < 1:
+            raise ValueError("a batch holds a sample at least")
         handle, read, done = self._handle, lib.MP4ReadSamples, c_uint32()
         infos = np.empty(batch, INDEX_DTYPE)
         while count:
