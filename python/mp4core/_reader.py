@@ -194,10 +194,10 @@ class Track:
             raise ValueError("give seconds or ticks")
         if ticks is None:
             # Floors, but a time a hair below a tick (0.04 s * 12800) is that tick.
-            ticks = max(math.floor(seconds * self.timescale + 1e-6), 0)
+            ticks = math.floor(seconds * self.timescale + 1e-6)
         flags = (_capi.FIND_KEY if key else 0) | (_capi.FIND_PRESENTATION if presentation else 0)
         number = c_uint32()
-        check("MP4FindSample", lib.MP4FindSample(self.file._handle, self.id, self.type, ticks,
+        check("MP4FindSample", lib.MP4FindSample(self.file._handle, self.id, self.type, max(ticks, 0),
                                                  flags, byref(number)))
         return number.value
 
