@@ -117,9 +117,13 @@ class Error(Exception):
     MP4ResultText)."""
 
     def __init__(self, call: str, code: int, detail: str = "") -> None:
-        self.call, self.code = call, code
+        self.call, self.code, self.detail = call, code, detail
         self.text = result_text(call, code)
         super().__init__(f"{call} gave {code}: {self.text}" + (f" ({detail})" if detail else ""))
+
+    def __reduce__(self):
+        # Made again from its parts, so that it crosses processes (Dask).
+        return Error, (self.call, self.code, self.detail)
 
 
 def result_text(call: str, code: int) -> str:

@@ -4,6 +4,7 @@ import ctypes
 import glob
 import logging
 import os
+import pickle
 import zlib
 
 import numpy as np
@@ -106,7 +107,8 @@ def test_find(when, key, presentation, number):
 def test_errors_name_the_call_and_the_result(act, call, code):
     with mp4core.open(H264_AAC) as f, pytest.raises(mp4core.Error) as raised:
         act(f)
-    assert (raised.value.call, raised.value.code) == (call, code)
+    again = pickle.loads(pickle.dumps(raised.value))
+    assert (raised.value.call, raised.value.code, again.code, str(again)) == (call, code, code, str(raised.value))
     assert raised.value.text == mp4core.result_text(call, code) != mp4core.result_text("?", code)
 
 
