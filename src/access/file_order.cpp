@@ -29,7 +29,7 @@ bool After(const OrderEntry &a, const OrderEntry &b) {
 
 // The cursor: Count entries behind the record, in one block.
 struct FileOrderCursor {
-    uint32_t Count;
+    alignas(OrderEntry) uint32_t Count;
     OrderEntry *Entries() { return reinterpret_cast<OrderEntry *>(this + 1); }
 };
 

@@ -129,7 +129,9 @@ void StepSampleWalk(SampleWalk *walk, MP4SampleInfo *info) {
     } else if (walk->Run == nullptr) {
         sample = WalkRecord(walk, index, &info->Duration);
     } else {
-        if (index >= walk->Run->FirstSample + RunSamples(*walk->Run)) ++walk->Run;
+        const SampleRun *last = node->Runs + node->RunCount - 1;
+        while (walk->Run < last && index >= walk->Run->FirstSample + RunSamples(*walk->Run))
+            ++walk->Run;
         sample = RunView(node, *walk->Run, index);
         info->Duration = RunDuration(node, *walk->Run, index);
     }

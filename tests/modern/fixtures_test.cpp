@@ -86,12 +86,13 @@ void CheckBulk(MP4_local_file *file, const MP4TrackInfo &t) {
     ASSERT_EQ(described, 1);
     EXPECT_EQ(MP4GetSampleInfos(file, t.TrackId, t.TrackType, 1, count, all.data()), -96);
     Bytes bytes(3000), one;
-    for (uint32_t n = 0, done = 0; n < count; n += std::max(done, 1u)) {
+    for (uint32_t n = 0, done = 0, step = 0; n < count; n += step) {
         const int32_t r = MP4ReadSamples(file, t.TrackId, t.TrackType, n, count - n, bytes.data(),
                                          bytes.size(), batch.data(), &done);
         if (r == -91) bytes.resize(batch[0].Size);
         ASSERT_TRUE(r == 1 || r == -91 || r == -92) << r;
-        for (uint32_t i = 0, at = 0; i < std::max(done, r == -92 ? 1u : 0u); at += batch[i++].Size) {
+        step = r == -92 ? 1 : done;
+        for (uint32_t i = 0, at = 0; i < step; at += batch[i++].Size) {
             MP4SampleInfo single{};
             MP4Sample *sample = nullptr;
             const int32_t classic = MP4ReadSample(file, t.TrackId, t.TrackType, n + i, &sample);
