@@ -14,6 +14,17 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4CORE_BENCH=O
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
 
+# The Python package, installed as the README says into a venv of Debian's
+# interpreter (the python3 first on PATH may lack numpy), with the library
+# of the build above; its tests, and the examples on the fixtures.
+echo "== python package"
+rm -rf build/venv
+/usr/bin/python3 -m venv --system-site-packages build/venv
+MP4CORE_BUILD_DIR=build build/venv/bin/pip install -q --no-build-isolation --no-index ./python
+(cd build && venv/bin/python -m pytest -q -p no:cacheprovider ../python/tests)
+build/venv/bin/python examples/python/index_folder.py tests/data --workers 2 -o build/fixtures_index.csv
+build/venv/bin/python examples/python/key_frames.py tests/data/modern/h264_aac.mp4 tests/data/modern/hevc_hvc1.mp4 --steps 20
+
 # Slow tests (suites named Slow* or *Long*: ffmpeg runs, long files, every
 # cut of a file) run once, in the build above, not again below.
 echo "== sanitizers (address, undefined, leak)"
