@@ -162,7 +162,9 @@ typedef struct MP4TrackSpec {
     uint32_t PixelAspectV;
     uint32_t MediaStart;      /* ticks decoded but not presented at the start
                                  (Opus pre-skip, encoder delay): the edit
-                                 list then begins there; 0: none */
+                                 list then begins there and lasts the
+                                 media less them (fragmented: duration 0,
+                                 to the end); 0: none */
     uint32_t Reserved[6];     /* zero */
 } MP4TrackSpec;
 

@@ -77,6 +77,7 @@ struct ModernTrack {
     uint32_t Timescale;
     uint32_t Width, Height;
     uint32_t Rotation;
+    uint32_t MediaStart;         // ticks decoded but not presented (MP4TrackSpec.MediaStart)
     char Language[4];
     uint32_t PcmFrameBytes;      // PCM: the bytes of one frame, each frame a table sample; else 0
     BoxBuffer Entry;             // the sample entries as "stsd" holds them

@@ -66,25 +66,40 @@ int64_t EarliestPresentation(const ModernTrack &track) {
     return earliest;
 }
 
+// Where the presentation starts in the media: the earliest presentation
+// time when it lies after the first decode time (B-frames), and beyond it
+// the ticks the caller said are decoded but not presented (MediaStart).
+int64_t EditStart(const ModernTrack &track) {
+    const int64_t earliest = EarliestPresentation(track);
+    return (earliest > 0 ? earliest : 0) + int64_t(track.MediaStart);
+}
+
+// The end of the latest presentation: decode time plus offset plus
+// duration; PCM ends with its frames.
+int64_t PresentationEnd(const ModernTrack &track) {
+    if (track.PcmFrameBytes != 0) return int64_t(track.PcmFrames);
+    int64_t decode = 0, end = 0;
+    for (size_t i = 0; i < track.SampleCount; ++i) {
+        decode += track.Samples[i].Delta;
+        const int64_t last = decode + track.Samples[i].CompositionOffset + DurationOf(track, i);
+        if (last > end) end = last;
+    }
+    return end;
+}
+
 // The presentation's length in movie ticks: a copied track's edits, else
-// the media less the start its generated edit skips.
+// the media less the start its generated edit skips (0 when the start
+// lies past the end).
 uint64_t PresentedDuration(const ModernTrack &track) {
     if (track.CopiedEdits != 0 && track.EditCount > 0) {
         uint64_t total = 0;
         for (size_t i = 0; i < track.EditCount; ++i) total += track.Edits[i].Duration;
         return total;
     }
-    const int64_t start = EarliestPresentation(track);
+    const int64_t start = EditStart(track);
     if (start <= 0) return Rescale(MediaDuration(track), track.Timescale, kMovieTimescale);
-    // The edit runs from the earliest presentation to the end of the
-    // latest: decode time plus offset plus duration.
-    int64_t decode = 0, end = start;
-    for (size_t i = 0; i < track.SampleCount; ++i) {
-        decode += track.Samples[i].Delta;
-        const int64_t last = decode + track.Samples[i].CompositionOffset + DurationOf(track, i);
-        if (last > end) end = last;
-    }
-    return Rescale(uint64_t(end - start), track.Timescale, kMovieTimescale);
+    const int64_t end = PresentationEnd(track);
+    return end > start ? Rescale(uint64_t(end - start), track.Timescale, kMovieTimescale) : 0;
 }
 
 void PutMatrix(BoxBuffer *out, uint32_t rotation, uint32_t width, uint32_t height) {
@@ -164,13 +179,15 @@ void PutCopiedEdits(BoxBuffer *out, const ModernTrack &track) {
     CloseBox(out, edts);
 }
 
-// An edit that starts the presentation at the earliest presentation time;
-// a copied track's own edits instead.
-void PutEdits(BoxBuffer *out, const ModernTrack &track) {
+// An edit that starts the presentation where EditStart says; a copied
+// track's own edits instead. A fragmented file's "moov" is written before
+// the track's length is known: its edit has duration 0, which runs to the
+// end of the media.
+void PutEdits(BoxBuffer *out, const ModernTrack &track, bool fragmented) {
     if (track.CopiedEdits != 0) return PutCopiedEdits(out, track);
-    const int64_t start = EarliestPresentation(track);
+    const int64_t start = EditStart(track);
     if (start <= 0) return;
-    const uint64_t duration = PresentedDuration(track);
+    const uint64_t duration = fragmented ? 0 : PresentedDuration(track);
     const uint8_t version = VersionFor(duration) | VersionFor(uint64_t(start));
     const size_t edts = OpenBox(out, "edts");
     const size_t elst = OpenFullBox(out, "elst", version, 0);
@@ -346,10 +363,10 @@ void PutChunks(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wi
     CloseBox(out, box);
 }
 
-void PutTrack(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wide) {
+void PutTrack(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wide, bool fragmented) {
     const size_t trak = OpenBox(out, "trak");
     PutTrackHeader(out, track, PresentedDuration(track));
-    PutEdits(out, track);
+    PutEdits(out, track, fragmented);
     const size_t mdia = OpenBox(out, "mdia");
     PutMediaHeader(out, track);
     PutHandler(out, track);
@@ -457,7 +474,7 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
         if (presented > duration) duration = presented;
     }
     PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1));
-    for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide);
+    for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide, writer.Fragmented != 0);
     if (writer.Fragmented != 0) {
         const size_t mvex = OpenBox(out, "mvex");
         for (size_t t = 0; t < writer.TrackCount; ++t) {

@@ -21,6 +21,14 @@ namespace {
 
 using namespace testing_support;
 
+// Start and duration only with `timing`: ffprobe reads the edit list of a
+// fragmented file as a start offset rather than a cut.
+std::string Streams(const std::string &path, bool timing = true) {
+    return RunCommand("ffprobe -v error -show_entries stream=codec_name,width,height,sample_rate,"
+                      "channels" + std::string(timing ? ",start_time,duration" : "") + " -of csv=p=0 '" +
+                      path + "'");
+}
+
 // Copies every track of `source` sample by sample through the new calls,
 // the tracks interleaved by decode time. Gives "" or what failed.
 std::string WriteFromFrames(const std::string &source, const std::string &out, uint32_t flags,
@@ -50,6 +58,9 @@ std::string WriteFromFrames(const std::string &source, const std::string &out, u
         trackSpec.Rotation = info.Rotation;
         trackSpec.PixelAspectH = info.PixelAspectH;
         trackSpec.PixelAspectV = info.PixelAspectV;
+        // The source's priming edit of an audio track (Opus pre-skip, AAC delay).
+        if (info.TrackType == MP4_TRACK_AUDIO && info.EditMediaTime > 0)
+            trackSpec.MediaStart = uint32_t(info.EditMediaTime);
         uint8_t *config = nullptr;
         MP4GetDecoderConfig(in, info.TrackId, info.TrackType, &config, &trackSpec.ConfigSize);
         trackSpec.Config = config;
@@ -188,6 +199,7 @@ TEST(SlowModernWriter, FramesOfEveryCodecListTheSourcesPacketsInBothLayouts) {
             ASSERT_EQ(WriteFromFrames(source, out.path(), flags, c.objectType, c.bits), "");
             EXPECT_EQ(RunCommand("ffprobe -v warning '" + out.path() + "' 2>&1"), "");
             EXPECT_EQ(ProbeListing(out.path(), true), ListingOf(source + ".samples"));
+            EXPECT_EQ(Streams(out.path()), Streams(source));
             if (!others) continue;
             const std::string found = RunCommand("gst-discoverer-1.0 '" + out.path() + "' 2>&1");
             EXPECT_NE(found.find("container #0: Quicktime"), std::string::npos) << found;
@@ -350,14 +362,6 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
 }  // namespace
 
 namespace {
-
-// Start and duration only with `timing`: ffprobe reads the edit list of a
-// fragmented file as a start offset rather than a cut.
-std::string Streams(const std::string &path, bool timing = true) {
-    return RunCommand("ffprobe -v error -show_entries stream=codec_name,width,height,sample_rate,"
-                      "channels" + std::string(timing ? ",start_time,duration" : "") + " -of csv=p=0 '" +
-                      path + "'");
-}
 
 // Every FFmpeg and hand-built fixture, remuxed plain, --faststart and --fragmented:
 // the same packets (decode times relative, sizes, key flags, offsets,
