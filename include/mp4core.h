@@ -170,7 +170,7 @@ typedef struct MP4TrackSpec {
 
 /* One sample for MP4WriteSample. 40 bytes; the caller zeroes Reserved. */
 typedef struct MP4WriteInfo {
-    uint64_t DecodeTime;        /* track ticks; never falls within a track */
+    uint64_t DecodeTime;        /* track ticks; rises within a track */
     int32_t CompositionOffset;  /* presentation minus decoding time */
     uint32_t Duration;          /* ticks; 0: up to the next sample's decode
                                    time (the last repeats the one before) */
@@ -535,8 +535,8 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * and flags the index. On a fragmented handle the sample is held until
  * its fragment is complete; the fragment goes to the file with one write
  * before the call that completed it returns ("trun" with each sample's
- * size, duration, flags and offset, version 1 for a negative offset). Decode times never fall within a track (two
- * samples may share one); the first is the track's time 0. The index keeps the distances between
+ * size, duration, flags and offset, version 1 for a negative offset). Decode times rise within a track (no two
+ * samples share one); the first is the track's time 0. The index keeps the distances between
  * decode times as durations, so info->Duration counts for the track's
  * last sample only (0: it repeats the duration before it).
  *   data  info->Size bytes; may be null when Size is 0.
@@ -547,7 +547,7 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * handle; -97 no track of that ID (a fragmented handle without tracks of
  * MP4AddTrack has none); -96 a Reserved word is not zero, Flags holds a
  * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
- * decode time is below the track's previous one, or lies more than
+ * decode time is not above the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
  * number of frames, or one that takes the track past 2^32-1 frames, or
  * on a fragmented handle a sample of 256 MiB or more; -93 no memory (nothing written; the call may be made

@@ -21,7 +21,22 @@ struct Source {
     uint32_t outId;
     uint32_t next;     // the next sample to copy
     uint64_t time;     // its decode time
+    uint64_t written;  // the decode time and duration of the last sample written
+    uint32_t duration;
+    bool moved;        // a sample was moved to make decode times rise
 };
+
+// Decode times must rise, but a fragmented source may repeat one (rounded
+// "tfdt" times): such a sample goes one of the previous sample's durations
+// (at least a tick) behind it, which is said once per track.
+void MakeTimeRise(Source &s, uint32_t n, MP4WriteInfo *info) {
+    if (n == 0 || info->DecodeTime > s.written) return;
+    info->DecodeTime = s.written + (s.duration != 0 ? s.duration : 1);
+    if (!s.moved)
+        std::fprintf(stderr, "mp4core remux: track %u sample %u does not come after the one before; "
+                     "it and any like it are moved behind it\n", s.info.TrackId, n);
+    s.moved = true;
+}
 
 bool Named(const Arguments &arguments, uint32_t id, bool *any) {
     bool named = false;
@@ -89,6 +104,9 @@ bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &s
             info.Size = bytes->Size;
             info.Flags = sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0;
             info.DescriptionIndex = sample.DescriptionIndex;
+            MakeTimeRise(*best, n, &info);
+            best->written = info.DecodeTime;
+            best->duration = sample.Duration;
             call = "MP4WriteSample";
             result = MP4WriteSample(out, best->outId, &info, bytes->Data);
             SampleDataFree(&bytes);

@@ -152,7 +152,9 @@ int32_t CheckModernSample(const ProgressiveWriter &writer, uint32_t trackId, con
         (info.Size == 0 || info.Size % track.PcmFrameBytes != 0 ||
          track.PcmFrames + info.Size / track.PcmFrameBytes > UINT32_MAX))
         return kWriteBadSize;
-    if (track.SampleCount + track.Written > 0 && (info.DecodeTime < track.LastDecodeTime ||
+    // Decode times rise: a sample of no duration would have no place of
+    // its own on the track's time line.
+    if (track.SampleCount + track.Written > 0 && (info.DecodeTime <= track.LastDecodeTime ||
                                   info.DecodeTime - track.LastDecodeTime > UINT32_MAX))
         return kWriteTimeFalls;
     return 1;
