@@ -176,7 +176,9 @@ typedef struct MP4WriteInfo {
                                    time (the last repeats the one before) */
     uint32_t Size;              /* bytes at data */
     uint32_t Flags;             /* MP4_SAMPLE_KEY */
-    uint32_t DescriptionIndex;  /* 0 or 1: the track's one sample entry */
+    uint32_t DescriptionIndex;  /* the sample entry, from 1 (0: the first);
+                                   above 1 only on a track of MP4AddTrackFrom
+                                   whose "stsd" holds that many */
     uint32_t Reserved[3];       /* zero */
 } MP4WriteInfo;
 
@@ -546,7 +548,8 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * fragment); -98 the handle is not a progressive or fragmented write
  * handle; -97 no track of that ID (a fragmented handle without tracks of
  * MP4AddTrack has none); -96 a Reserved word is not zero, Flags holds a
- * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
+ * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above the track's
+ * sample entries (or 65535); -95 the
  * decode time is not above the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
  * number of frames, or one that takes the track past 2^32-1 frames, or

@@ -104,42 +104,71 @@ void FindCut(ProgressiveWriter &writer) {
     }
 }
 
-void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, size_t count, size_t *offsetAt) {
+// A track fragment: held samples [first, first + count) of a track, all
+// of one sample entry, which "tfhd" names when it is not the first.
+struct TrackRun {
+    size_t Track, First, Count;
+    size_t Bytes;                // of its samples
+    size_t OffsetAt;             // where its "trun" data offset lies in the head
+};
+
+void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, TrackRun *run) {
     bool offsets = false, negative = false, flagged = false;
     const uint32_t defaults = ModernDefaultSampleFlags(track);
-    for (size_t i = 0; i < count; ++i) {
-        const IndexedSample &sample = track.Samples[i];
+    const IndexedSample *samples = track.Samples + run->First;
+    for (size_t i = 0; i < run->Count; ++i) {
+        const IndexedSample &sample = samples[i];
         offsets = offsets || sample.CompositionOffset != 0;
         negative = negative || sample.CompositionOffset < 0;
         flagged = flagged || (IsKey(sample) ? kSyncSampleFlags : kOtherSampleFlags) != defaults;
     }
+    const uint32_t entry = EntryOf(samples[0]);
     const size_t traf = OpenBox(out, "traf");
-    const size_t tfhd = OpenFullBox(out, "tfhd", 0, flag::kTfhdDefaultBaseIsMoof);
+    const size_t tfhd = OpenFullBox(out, "tfhd", 0, flag::kTfhdDefaultBaseIsMoof |
+                                                        (entry != 1 ? flag::kTfhdDescriptionIndex : 0));
     Put32(out, track.TrackId);
+    if (entry != 1) Put32(out, entry);
     CloseBox(out, tfhd);
-    const uint8_t version = VersionFor(track.PendingTime);
+    const uint64_t time = HeldTime(track, run->First);
+    const uint8_t version = VersionFor(time);
     const size_t tfdt = OpenFullBox(out, "tfdt", version, 0);
     if (version == 1) {
-        Put64(out, track.PendingTime);
+        Put64(out, time);
     } else {
-        Put32(out, uint32_t(track.PendingTime));
+        Put32(out, uint32_t(time));
     }
     CloseBox(out, tfdt);
     const uint32_t flags = flag::kTrunDataOffset | flag::kTrunDuration | flag::kTrunSize |
                            (flagged ? flag::kTrunFlags : 0) | (offsets ? flag::kTrunCompositionOffset : 0);
     const size_t trun = OpenFullBox(out, "trun", negative ? 1 : 0, flags);
-    Put32(out, uint32_t(count));
-    *offsetAt = out->Size;
+    Put32(out, uint32_t(run->Count));
+    run->OffsetAt = out->Size;
     Put32(out, 0);  // the data offset, filled in once "moof" is whole
-    for (size_t i = 0; i < count; ++i) {
-        const IndexedSample &sample = track.Samples[i];
-        Put32(out, HeldDuration(track, i));
+    for (size_t i = 0; i < run->Count; ++i) {
+        const IndexedSample &sample = samples[i];
+        Put32(out, HeldDuration(track, run->First + i));
         Put32(out, sample.Size);
         if (flagged) Put32(out, IsKey(sample) ? kSyncSampleFlags : kOtherSampleFlags);
         if (offsets) Put32(out, uint32_t(sample.CompositionOffset));
     }
     CloseBox(out, trun);
     CloseBox(out, traf);
+}
+
+// Splits the first counts[t] held samples of each track into runs of one
+// entry; gives how many.
+size_t SplitRuns(const ProgressiveWriter &writer, const size_t *counts, TrackRun *runs) {
+    size_t n = 0;
+    for (size_t t = 0; t < writer.TrackCount; ++t) {
+        const ModernTrack &track = writer.Tracks[t];
+        for (size_t i = 0; i < counts[t]; ++i) {
+            if (i == 0 || EntryOf(track.Samples[i]) != EntryOf(track.Samples[i - 1]))
+                runs[n++] = {t, i, 0, 0, 0};
+            ++runs[n - 1].Count;
+            runs[n - 1].Bytes += track.Samples[i].Size;
+        }
+    }
+    return n;
 }
 
 // Drops the first `count` held samples of a track.
@@ -153,67 +182,66 @@ void Consume(ModernTrack &track, size_t count, size_t bytes) {
     if (track.ChunkSize > 0) std::memmove(track.ChunkBytes, track.ChunkBytes + bytes, track.ChunkSize);
 }
 
-// Writes one fragment of the first counts[t] held samples of each track.
+// Writes one fragment of the first counts[t] held samples of each track:
+// a "traf" for each run of samples of one entry.
 int32_t WriteModernFragment(ProgressiveWriter &writer, FragmentWriter &output, const size_t *counts) {
     const size_t tracks = writer.TrackCount;
-    size_t *offsetAt = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
-    size_t *bytes = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
+    size_t samples = 0;
+    for (size_t t = 0; t < tracks; ++t) samples += counts[t];
+    if (samples == 0) return kFragmentDone;
+    auto *runs = static_cast<TrackRun *>(std::calloc(samples, sizeof(TrackRun)));
+    auto *bytes = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
     iovec *blocks = static_cast<iovec *>(std::calloc(tracks + 1, sizeof(iovec)));
     BoxBuffer head{};
     int32_t result = kFragmentNoMemory;
-    if (offsetAt != nullptr && bytes != nullptr && blocks != nullptr) {
+    if (runs != nullptr && bytes != nullptr && blocks != nullptr) {
+        const size_t runCount = SplitRuns(writer, counts, runs);
         const size_t moof = OpenBox(&head, "moof");
         const size_t mfhd = OpenFullBox(&head, "mfhd", 0, 0);
         Put32(&head, output.Sequence + 1);
         CloseBox(&head, mfhd);
-        bool any = false;
-        for (size_t t = 0; t < tracks; ++t) {
-            if (counts[t] == 0) continue;
-            ModernTrack &track = writer.Tracks[t];
-            for (size_t i = 0; i < counts[t]; ++i) bytes[t] += track.Samples[i].Size;
-            if (!GrowRecords(&track.Points, &track.PointCapacity, track.PointCount + 1)) head.Failed = true;
-            PutTrackFragment(&head, track, counts[t], &offsetAt[t]);
-            any = true;
+        uint64_t total = 0;
+        for (size_t r = 0; r < runCount; ++r) {
+            ModernTrack &track = writer.Tracks[runs[r].Track];
+            if (!GrowRecords(&track.Points, &track.PointCapacity, track.PointCount + runCount)) head.Failed = true;
+            PutTrackFragment(&head, track, &runs[r]);
+            bytes[runs[r].Track] += runs[r].Bytes;
+            total += runs[r].Bytes;
         }
         CloseBox(&head, moof);
-        uint64_t total = 0;
-        for (size_t t = 0; t < tracks; ++t) total += bytes[t];
         Put32(&head, uint32_t(8 + total));
         PutName(&head, "mdat");
-        if (!any) {
-            result = kFragmentDone;
-        } else if (!head.Failed) {
+        if (!head.Failed) {
             int count = 1;
             blocks[0] = {head.Bytes, head.Size};
             uint64_t dataOffset = head.Size;
-            uint32_t trafNumber = 0;
-            for (size_t t = 0; t < tracks; ++t) {
-                if (counts[t] == 0) continue;
-                PutBE32(head.Bytes, offsetAt[t], uint32_t(dataOffset));
-                dataOffset += bytes[t];
-                if (bytes[t] > 0) blocks[count++] = {writer.Tracks[t].ChunkBytes, bytes[t]};
+            for (size_t r = 0; r < runCount; ++r) {
+                PutBE32(head.Bytes, runs[r].OffsetAt, uint32_t(dataOffset));
+                dataOffset += runs[r].Bytes;
             }
+            for (size_t t = 0; t < tracks; ++t)
+                if (bytes[t] > 0) blocks[count++] = {writer.Tracks[t].ChunkBytes, bytes[t]};
             const uint64_t moofOffset = output.FileEnd;
             result = WriteAtFileEnd(&output, blocks, count);
             if (result == kFragmentDone) {
                 ++output.Sequence;
-                for (size_t t = 0; t < tracks; ++t) {
-                    if (counts[t] == 0) continue;
-                    ModernTrack &track = writer.Tracks[t];
-                    ++trafNumber;
-                    uint64_t time = track.PendingTime;
-                    for (size_t i = 0; i < counts[t]; time += HeldDuration(track, i), ++i) {
+                for (size_t r = 0; r < runCount; ++r) {
+                    ModernTrack &track = writer.Tracks[runs[r].Track];
+                    uint64_t time = HeldTime(track, runs[r].First);
+                    for (size_t i = runs[r].First; i < runs[r].First + runs[r].Count; time += HeldDuration(track, i), ++i) {
                         if (!IsKey(track.Samples[i])) continue;
-                        track.Points[track.PointCount++] = {time, moofOffset, trafNumber, uint32_t(i + 1)};
+                        track.Points[track.PointCount++] = {time, moofOffset, uint32_t(r + 1),
+                                                            uint32_t(i - runs[r].First + 1)};
                         break;
                     }
-                    Consume(track, counts[t], bytes[t]);
                 }
+                for (size_t t = 0; t < tracks; ++t)
+                    if (counts[t] > 0) Consume(writer.Tracks[t], counts[t], bytes[t]);
             }
         }
     }
     ReleaseBoxBuffer(&head);
-    std::free(offsetAt);
+    std::free(runs);
     std::free(bytes);
     std::free(blocks);
     return result;
@@ -376,7 +404,7 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
     const uint32_t delta = first ? 0 : uint32_t(info.DecodeTime - track.LastDecodeTime);
     // A PCM track's time follows from its frames, so its deltas are not kept.
     track.Samples[track.SampleCount++] = {info.Size, track.PcmFrameBytes != 0 ? 0 : delta,
-                                          info.CompositionOffset, info.Flags};
+                                          info.CompositionOffset, IndexedFlags(info)};
     track.LastDecodeTime = info.DecodeTime;
     track.LastDuration = info.Duration;
     if (track.PcmFrameBytes != 0) track.PcmFrames += info.Size / track.PcmFrameBytes;

@@ -50,8 +50,18 @@ struct IndexedSample {
     uint32_t Size;
     uint32_t Delta;              // decode time less the previous sample's (0 for the first)
     int32_t CompositionOffset;
-    uint32_t Flags;              // MP4_SAMPLE_KEY
+    uint32_t Flags;              // MP4_SAMPLE_KEY, and the entry in the high bits
 };
+
+// IndexedSample.Flags holds the caller's flags in its low 16 bits and the
+// sample's entry of "stsd" (from 1) in its high 16: a track takes at most
+// 65535 entries, as far as a sample record can name one.
+constexpr uint32_t kEntryShift = 16;
+constexpr uint32_t kMaxEntries = 0xFFFF;
+inline uint32_t EntryOf(const IndexedSample &sample) { return sample.Flags >> kEntryShift; }
+inline uint32_t IndexedFlags(const MP4WriteInfo &info) {
+    return info.Flags | ((info.DescriptionIndex != 0 ? info.DescriptionIndex : 1) << kEntryShift);
+}
 
 struct WrittenChunk {
     uint64_t Offset;             // in the file as written (progressive layout)

@@ -338,14 +338,16 @@ void PutChunks(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wi
     size_t box = OpenFullBox(out, "stsc", 0, 0);
     const size_t at = out->Size;
     Put32(out, 0);
-    uint32_t entries = 0, previous = 0;
+    uint32_t entries = 0, previous = 0, previousEntry = 0;
     for (size_t i = 0; i < track.ChunkCount; ++i) {
         const uint32_t samples = ChunkSamples(track, track.Chunks[i]);
-        if (i > 0 && samples == previous) continue;
+        const uint32_t entry = EntryOf(track.Samples[track.Chunks[i].FirstSample]);
+        if (i > 0 && samples == previous && entry == previousEntry) continue;
         Put32(out, uint32_t(i + 1));
         Put32(out, samples);
-        Put32(out, 1);
+        Put32(out, entry);
         previous = samples;
+        previousEntry = entry;
         ++entries;
     }
     if (!out->Failed) PutBE32(out->Bytes, at, entries);
