@@ -183,8 +183,11 @@ typedef struct MP4WriteInfo {
 } MP4WriteInfo;
 
 /* Bits of MP4WriteInfo.Flags. MP4_SAMPLE_NEW_FRAGMENT (fragmented
- * handles): a fragment begins at this sample; once a handle has seen it,
- * fragments end only where the caller says so (and at the 1 GiB bound). */
+ * handles): a fragment begins at this sample, of the track that leads the
+ * fragments (the first video track, else the first track); once a handle
+ * has seen it, fragments end only where the caller says so (and where a
+ * track would hold 65536 samples or the samples held would pass 1 GiB).
+ * A progressive handle takes the bit and passes it over. */
 #define MP4_SAMPLE_KEY 1
 #define MP4_SAMPLE_NEW_FRAGMENT 2
 
@@ -548,7 +551,8 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * fragment); -98 the handle is not a progressive or fragmented write
  * handle; -97 no track of that ID (a fragmented handle without tracks of
  * MP4AddTrack has none); -96 a Reserved word is not zero, Flags holds a
- * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above the track's
+ * bit other than MP4_SAMPLE_KEY and MP4_SAMPLE_NEW_FRAGMENT (the latter on
+ * a fragmented handle's track that does not lead), or DescriptionIndex is above the track's
  * sample entries (or 65535); -95 the
  * decode time is not above the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole

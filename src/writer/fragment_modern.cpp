@@ -91,12 +91,19 @@ size_t SamplesBefore(const ProgressiveWriter &writer, const ModernTrack &track, 
     return count;
 }
 
+// The next cut among the leading track's held samples: by the rule of
+// lengths, or once the caller has named one, only at a sample that
+// carries MP4_SAMPLE_NEW_FRAGMENT.
 void FindCut(ProgressiveWriter &writer) {
     const ModernTrack &lead = writer.Tracks[writer.Leading];
     uint64_t time = lead.PendingTime;
     for (size_t i = 0; i < lead.SampleCount && writer.CutPending == 0; ++i) {
         const uint64_t elapsed = time - writer.FragmentStart;
-        if ((IsKey(lead.Samples[i]) && elapsed >= Lengths(writer, 1)) || elapsed >= Lengths(writer, 2)) {
+        const bool cut = writer.CallerCuts != 0
+                             ? elapsed > 0 && (lead.Samples[i].Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0
+                             : (IsKey(lead.Samples[i]) && elapsed >= Lengths(writer, 1)) ||
+                                   elapsed >= Lengths(writer, 2);
+        if (cut) {
             writer.CutPending = 1;
             writer.CutTime = time;
         }
@@ -278,6 +285,7 @@ bool CutComplete(const ProgressiveWriter &writer) {
 }
 
 bool HoldsTooLong(const ProgressiveWriter &writer) {
+    if (writer.CallerCuts != 0) return false;
     const uint64_t hold = uint64_t(writer.FragmentMilliseconds) * 4;
     for (size_t t = 0; t < writer.TrackCount; ++t) {
         const ModernTrack &other = writer.Tracks[t];
@@ -305,9 +313,7 @@ int32_t WriteCompleteFragments(ProgressiveWriter &writer, FragmentWriter &output
 // "ftyp" and "moov" with one write, at the first sample or the flush.
 int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
     if (writer.Started != 0) return kFragmentDone;
-    writer.Leading = 0;
-    for (size_t t = writer.TrackCount; t-- > 0;)
-        if (writer.Tracks[t].TrackType == MP4_TRACK_VIDEO) writer.Leading = t;
+    writer.Leading = LeadingTrack(writer);
     writer.FragmentMilliseconds = kDefaultFragmentMilliseconds;
     BoxBuffer head{};
     const size_t ftyp = OpenBox(&head, "ftyp");
@@ -376,6 +382,12 @@ int32_t ResultOf(int32_t written) {
 
 }  // namespace
 
+size_t LeadingTrack(const ProgressiveWriter &writer) {
+    for (size_t t = 0; t < writer.TrackCount; ++t)
+        if (writer.Tracks[t].TrackType == MP4_TRACK_VIDEO) return t;
+    return 0;
+}
+
 uint32_t ModernDefaultSampleFlags(const ModernTrack &track) {
     return track.TrackType == MP4_TRACK_VIDEO ? kOtherSampleFlags : kSyncSampleFlags;
 }
@@ -384,6 +396,8 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
                               const MP4WriteInfo &info, const uint8_t *data) {
     const int32_t checked = CheckModernSample(*writer, trackId, info, data);
     if (checked != 1) return checked;
+    if ((info.Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0 && trackId - 1 != LeadingTrack(*writer))
+        return kWriteBadInfo;
     if (info.Size >= kMaxSampleBytes) return kWriteBadSize;
     if (output->Failed != 0) return kWriteGivenUp;
     ModernTrack &track = writer->Tracks[trackId - 1];
@@ -410,6 +424,12 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
     if (track.PcmFrameBytes != 0) track.PcmFrames += info.Size / track.PcmFrameBytes;
     if (info.Size != 0) std::memcpy(track.ChunkBytes + track.ChunkSize, data, info.Size);
     track.ChunkSize += info.Size;
+    // The first sample that names a cut hands the cuts to the caller; a cut
+    // the rule of lengths found and not yet written is found again.
+    if ((info.Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0 && writer->CallerCuts == 0) {
+        writer->CallerCuts = 1;
+        writer->CutPending = 0;
+    }
     if (size_t(trackId - 1) == writer->Leading && writer->CutPending == 0) FindCut(*writer);
     return ResultOf(WriteCompleteFragments(*writer, *output));
 }
@@ -417,7 +437,8 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
 int32_t FinishFragmentedTracks(ProgressiveWriter *writer, FragmentWriter *output) {
     if (output->Failed != 0) return kFlushWriteFailed;
     int32_t written = BeginFile(*writer, *output);
-    if (written == kFragmentDone && writer->CutPending != 0) written = WriteUpTo(*writer, *output, true);
+    // Each pending cut writes at least the leading track's first held sample.
+    while (written == kFragmentDone && writer->CutPending != 0) written = WriteUpTo(*writer, *output, true);
     if (written == kFragmentDone) {
         size_t *all = static_cast<size_t *>(std::calloc(writer->TrackCount + 1, sizeof(size_t)));
         if (all == nullptr) return kFlushWriteFailed;

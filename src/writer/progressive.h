@@ -146,6 +146,7 @@ struct ProgressiveWriter {
     size_t Leading;
     uint64_t FragmentStart;
     uint8_t CutPending;
+    uint8_t CallerCuts;          // a sample carried MP4_SAMPLE_NEW_FRAGMENT: only such cut
     uint64_t CutTime;
     uint32_t FragmentMilliseconds;
 };
@@ -193,6 +194,8 @@ int32_t FinishProgressiveFile(ProgressiveWriter *writer);
 // ---- Fragments of the modern calls (fragment_modern.cpp) ---------------
 
 struct FragmentWriter;
+// The track that leads the fragments: the first video track, else the first.
+size_t LeadingTrack(const ProgressiveWriter &writer);
 // The default sample flags of a track's "trex".
 uint32_t ModernDefaultSampleFlags(const ModernTrack &track);
 // MP4WriteSample on a fragmented handle: the sample is held until its

@@ -142,7 +142,7 @@ int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &track
 int32_t CheckModernSample(const ProgressiveWriter &writer, uint32_t trackId, const MP4WriteInfo &info,
                           const uint8_t *data) {
     if (info.Reserved[0] != 0 || info.Reserved[1] != 0 || info.Reserved[2] != 0 ||
-        (info.Flags & ~uint32_t(MP4_SAMPLE_KEY)) != 0)
+        (info.Flags & ~uint32_t(MP4_SAMPLE_KEY | MP4_SAMPLE_NEW_FRAGMENT)) != 0)
         return kWriteBadInfo;
     if (trackId == 0 || trackId > writer.TrackCount) return kWriteNoTrack;
     const ModernTrack &track = writer.Tracks[trackId - 1];

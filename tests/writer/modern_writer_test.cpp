@@ -404,7 +404,7 @@ TEST(SlowRemux, EveryFixtureKeepsItsPacketsAndStreams) {
         if (name.rfind("claims_", 0) == 0 || name.rfind("frag_time_jumps", 0) == 0 ||
             name.rfind("encrypted", 0) == 0 || name.rfind("frag_cut_in_data", 0) == 0)
             continue;
-        for (const char *option : {"", "--faststart", "--fragmented"}) {
+        for (const char *option : {"", "--faststart", "--fragmented", "--fragmented --fragment-seconds 0.5"}) {
             SCOPED_TRACE(name + " " + option);
             TempPath out(".mp4");
             ASSERT_EQ(RunCommand(std::string(MP4CORE_TOOL) + " remux '" + source + "' -o '" + out.path() +
@@ -418,7 +418,7 @@ TEST(SlowRemux, EveryFixtureKeepsItsPacketsAndStreams) {
             // Durations that ffprobe takes from elsewhere than the samples: a
             // fragment cut short, and rounded "tfdt" times that the copied
             // decode times keep but the "trun" durations did not.
-            const bool fragmented = std::strcmp(option, "--fragmented") == 0;
+            const bool fragmented = std::strstr(option, "--fragmented") != nullptr;
             if (name.rfind("frag_cut_in_moof", 0) != 0 && name.rfind("frag_cmaf_every_frame", 0) != 0) {
                 EXPECT_EQ(Streams(out.path(), !fragmented), Streams(source, !fragmented));
             }
@@ -469,6 +469,47 @@ TEST(ModernFragments, EachCallLeavesWholeFragmentsOnly) {
     ASSERT_EQ(MP4GetTrackInfo(read, 1, &sound), 1);
     EXPECT_EQ(sound.SampleCount, kFrames);
     MP4FileClose(&read);
+}
+
+// MP4_SAMPLE_NEW_FRAGMENT: the rule of lengths cuts until the first sample
+// that carries it; from then on only such samples begin fragments. Video at
+// 25 a second with a key frame every 12; audio in step.
+TEST(ModernFragments, CallerCutsAreTheOnlyOnesOnceGiven) {
+    struct Case {
+        std::vector<uint32_t> cuts;
+        uint32_t fragments;
+        int32_t soundResult;
+    } cases[] = {
+        {{0, 100}, 2, 1},
+        {{50}, 3, 1},           // cut at 36 by the rule, then at 50 alone
+        {{0, 12, 13, 14}, 4, 1},
+        {{}, 1, -96},           // on a track that does not lead: refused
+    };
+    for (const Case &c : cases) {
+        TempPath path(".mp4");
+        MP4_local_file *file = nullptr;
+        ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_FRAGMENTED), 1);
+        const MP4TrackSpec trackSpecs[] = {AvcSpec(), SoundSpec("sowt", 16, 8000)};
+        uint32_t ids[2] = {};
+        for (int t = 0; t < 2; ++t) ASSERT_EQ(MP4AddTrack(file, &trackSpecs[t], &ids[t]), 1);
+        const uint8_t bytes[1280] = {};
+        for (uint32_t n = 0; n < 150; ++n) {
+            const bool cut = std::find(c.cuts.begin(), c.cuts.end(), n) != c.cuts.end();
+            const MP4WriteInfo video = {n * 512ull, 0, 0, 40, (n % 12 == 0 ? 1u : 0u) | (cut ? 2u : 0u), 0, {}};
+            const MP4WriteInfo sound = {n * 320ull, 0, 0, 1280, c.soundResult == 1 ? 1u : 3u, 0, {}};
+            ASSERT_EQ(MP4WriteSample(file, ids[0], &video, bytes), 1);
+            ASSERT_EQ(MP4WriteSample(file, ids[1], &sound, bytes), c.soundResult);
+        }
+        ASSERT_EQ(MP4FileFlush(file), 1);
+        if (c.soundResult != 1) continue;
+        MP4_local_file *read = nullptr;
+        ASSERT_EQ(MP4FileOpenEx(&read, path.c_str(), 1, MP4_OPEN_MODERN), 1);
+        MP4TrackInfo info{};
+        ASSERT_EQ(MP4GetTrackInfo(read, 0, &info), 1);
+        EXPECT_EQ(info.FragmentCount, c.fragments) << c.cuts.size();
+        EXPECT_EQ(info.SampleCount, 150u);
+        MP4FileClose(&read);
+    }
 }
 
 // A file-size limit: the write that hits it gives -99, remux exits 1 and
