@@ -425,7 +425,9 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *          not beside them): the same fragment rule over every track, led
  *          by the first video track (else the first track), fragments of
  *          one to two seconds, each sample with its
- *          own duration, flags and composition offset.
+ *          own duration, flags and composition offset; "ftyp" and "moov"
+ *          go out with the first fragment, a B-frame track's edit list
+ *          taken from its samples then held.
  * The classic calls (CreateTrack, AddVideoFrame, AddAudioFrame) on a
  * progressive handle find no track and give -99.
  * Results: -100 flags hold an unknown bit, MP4_NEW_SYNC without

@@ -189,6 +189,8 @@ void Consume(ModernTrack &track, size_t count, size_t bytes) {
     if (track.ChunkSize > 0) std::memmove(track.ChunkBytes, track.ChunkBytes + bytes, track.ChunkSize);
 }
 
+int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output);
+
 // Writes one fragment of the first counts[t] held samples of each track:
 // a "traf" for each run of samples of one entry.
 int32_t WriteModernFragment(ProgressiveWriter &writer, FragmentWriter &output, const size_t *counts) {
@@ -196,6 +198,8 @@ int32_t WriteModernFragment(ProgressiveWriter &writer, FragmentWriter &output, c
     size_t samples = 0;
     for (size_t t = 0; t < tracks; ++t) samples += counts[t];
     if (samples == 0) return kFragmentDone;
+    const int32_t begun = BeginFile(writer, output);
+    if (begun != kFragmentDone) return begun;
     auto *runs = static_cast<TrackRun *>(std::calloc(samples, sizeof(TrackRun)));
     auto *bytes = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
     iovec *blocks = static_cast<iovec *>(std::calloc(tracks + 1, sizeof(iovec)));
@@ -310,11 +314,12 @@ int32_t WriteCompleteFragments(ProgressiveWriter &writer, FragmentWriter &output
     return kFragmentDone;
 }
 
-// "ftyp" and "moov" with one write, at the first sample or the flush.
+// "ftyp" and "moov" with one write, in front of the first fragment (or
+// at the flush of a handle without one): the samples of the first fragment
+// are held then, so a track whose first presentation lies after its first
+// decode time (B-frames) gets its edit.
 int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
-    if (writer.Started != 0) return kFragmentDone;
-    writer.Leading = LeadingTrack(writer);
-    writer.FragmentMilliseconds = kDefaultFragmentMilliseconds;
+    if (output.HeaderWritten != 0) return kFragmentDone;
     BoxBuffer head{};
     const size_t ftyp = OpenBox(&head, "ftyp");
     PutName(&head, kFragmentBrands[0]);
@@ -328,10 +333,7 @@ int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
         result = WriteAtFileEnd(&output, &block, 1);
     }
     ReleaseBoxBuffer(&head);
-    if (result == kFragmentDone) {
-        writer.Started = 1;
-        output.HeaderWritten = 1;
-    }
+    if (result == kFragmentDone) output.HeaderWritten = 1;
     return result;
 }
 
@@ -401,7 +403,13 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
     if (info.Size >= kMaxSampleBytes) return kWriteBadSize;
     if (output->Failed != 0) return kWriteGivenUp;
     ModernTrack &track = writer->Tracks[trackId - 1];
-    int32_t written = BeginFile(*writer, *output);
+    // The first sample closes the list of tracks and fixes the one that leads.
+    if (writer->Started == 0) {
+        writer->Started = 1;
+        writer->Leading = LeadingTrack(*writer);
+        writer->FragmentMilliseconds = kDefaultFragmentMilliseconds;
+    }
+    int32_t written = kFragmentDone;
     size_t held = 0;
     for (size_t t = 0; t < writer->TrackCount; ++t) held += writer->Tracks[t].ChunkSize;
     if (written == kFragmentDone && (track.SampleCount >= kMaxHeldSamples || held + info.Size > kMaxHeldBytes))

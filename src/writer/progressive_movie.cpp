@@ -365,10 +365,22 @@ void PutChunks(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wi
     CloseBox(out, box);
 }
 
-void PutTrack(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wide, bool fragmented) {
+// A fragmented file's "moov" goes out with the first fragment's samples
+// held: its tables stay empty and its durations 0, and only its edit looks
+// at the samples held.
+ModernTrack WithoutSamples(const ModernTrack &track) {
+    ModernTrack empty = track;
+    empty.SampleCount = 0;
+    empty.ChunkCount = 0;
+    empty.PcmFrames = 0;
+    return empty;
+}
+
+void PutTrack(BoxBuffer *out, const ModernTrack &held, uint64_t shift, bool wide, bool fragmented) {
+    const ModernTrack track = fragmented ? WithoutSamples(held) : held;
     const size_t trak = OpenBox(out, "trak");
     PutTrackHeader(out, track, PresentedDuration(track));
-    PutEdits(out, track, fragmented);
+    PutEdits(out, held, fragmented);
     const size_t mdia = OpenBox(out, "mdia");
     PutMediaHeader(out, track);
     PutHandler(out, track);
@@ -472,7 +484,8 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
     const size_t moov = OpenBox(out, "moov");
     uint64_t duration = 0;
     for (size_t t = 0; t < writer.TrackCount; ++t) {
-        const uint64_t presented = PresentedDuration(writer.Tracks[t]);
+        const uint64_t presented = PresentedDuration(
+            writer.Fragmented != 0 ? WithoutSamples(writer.Tracks[t]) : writer.Tracks[t]);
         if (presented > duration) duration = presented;
     }
     PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1));

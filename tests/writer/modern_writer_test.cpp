@@ -37,7 +37,7 @@ std::string WriteFromFrames(const std::string &source, const std::string &out, u
     if (MP4FileOpenEx(&in, source.c_str(), MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN) != 1) return "open";
     uint32_t count = 0;
     MP4GetTrackCount(in, &count);
-    EXPECT_EQ(MP4FileNewEx(&file, out.c_str(), MP4_NEW_PROGRESSIVE | flags), 1);
+    EXPECT_EQ(MP4FileNewEx(&file, out.c_str(), flags), 1);
     std::vector<MP4TrackInfo> tracks(count);
     std::vector<uint32_t> ids(count), next(count, 0);
     std::string error;
@@ -196,20 +196,21 @@ TEST(SlowModernWriter, FramesOfEveryCodecListTheSourcesPacketsInBothLayouts) {
                                     "command -v mediainfo >/dev/null") == 0;
     for (const Case &c : cases) {
         const std::string source = FixturePath(std::string("modern/") + c.fixture);
-        for (uint32_t flags : {0u, uint32_t(MP4_NEW_FASTSTART)}) {
+        for (uint32_t flags : {4u, 4u | 8u, 1u}) {  // progressive, faststart, fragmented
             SCOPED_TRACE(Format("%s flags %u", c.fixture, flags));
             TempPath out(".mp4");
             ASSERT_EQ(WriteFromFrames(source, out.path(), flags, c.objectType, c.bits), "");
             EXPECT_EQ(RunCommand("ffprobe -v warning '" + out.path() + "' 2>&1"), "");
             EXPECT_EQ(ProbeListing(out.path(), true), ListingOf(source + ".samples"));
-            EXPECT_EQ(Streams(out.path()), Streams(source));
+            EXPECT_EQ(Streams(out.path(), flags != MP4_NEW_FRAGMENTED), Streams(source, flags != MP4_NEW_FRAGMENTED));
             if (!others) continue;
             const std::string found = RunCommand("gst-discoverer-1.0 '" + out.path() + "' 2>&1");
             EXPECT_NE(found.find("container #0: Quicktime"), std::string::npos) << found;
             EXPECT_EQ(found.find("rror"), std::string::npos) << found;
             EXPECT_EQ(RunCommand("gst-launch-1.0 -q filesrc location='" + out.path() +
                                  "' ! decodebin ! fakesink 2>&1; echo $?"), "0\n");
-            EXPECT_EQ(RunCommand("mediainfo --Inform='General;%Format%' '" + out.path() + "'"), "MPEG-4\n");
+            EXPECT_EQ(RunCommand("mediainfo --Inform='General;%Format%' '" + out.path() + "'"),
+                      flags == MP4_NEW_FRAGMENTED ? "iso6\n" : "MPEG-4\n");  // it names a fragmented file by its brand
         }
     }
 }
@@ -332,7 +333,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
     } samples[] = {
         {"first", 2, {1000, 0, 0, 8, 1, 0, {}}, 1},
         {"reserved", 2, {2000, 0, 0, 8, 1, 0, {0, 0, 1}}, -96},
-        {"unknown flag", 2, {2000, 0, 0, 8, 3, 0, {}}, -96},
+        {"unknown flag", 2, {2000, 0, 0, 8, 5, 0, {}}, -96},
         {"second entry", 2, {2000, 0, 0, 8, 1, 2, {}}, -96},
         {"no track 5", 5, {2000, 0, 0, 8, 1, 0, {}}, -97},
         {"no track 0", 0, {2000, 0, 0, 8, 1, 0, {}}, -97},
@@ -445,6 +446,7 @@ TEST(ModernFragments, EachCallLeavesWholeFragmentsOnly) {
         ASSERT_EQ(MP4WriteSample(file, ids[0], &video, bytes), 1);
         ASSERT_EQ(MP4WriteSample(file, ids[1], &sound, bytes), 1);
         const Bytes now = ReadWholeFile(path.path());
+        if (now.empty() && n < 36) continue;  // the header goes out with the first fragment (cut at 36)
         size_t at = 0;
         while (at + 8 <= now.size()) at += (size_t(now[at]) << 24) | (now[at + 1] << 16) | (now[at + 2] << 8) | now[at + 3];
         ASSERT_EQ(at, now.size()) << n;
