@@ -69,7 +69,14 @@ uint64_t HeldTime(const ModernTrack &track, size_t i) {
     return time;
 }
 
-uint64_t NewestTime(const ModernTrack &track) { return HeldTime(track, track.SampleCount - 1); }
+// The time of the newest held sample, which HeldTime would sum up to:
+// every sample written so far lasted up to the next one's decode time (or,
+// PCM, its frames), so it is the newest decode time from the first, or the
+// frames before the newest sample's.
+uint64_t NewestTime(const ModernTrack &track) {
+    if (track.PcmFrameBytes != 0) return track.PcmFrames - track.Samples[track.SampleCount - 1].Size / track.PcmFrameBytes;
+    return track.LastDecodeTime - track.FirstDecodeTime;
+}
 
 bool AtOrAfter(uint64_t a, uint64_t aClock, uint64_t b, uint64_t bClock) {
     return Wide(a) * bClock >= Wide(b) * aClock;
