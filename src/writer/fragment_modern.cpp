@@ -410,12 +410,6 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
     if (info.Size >= kMaxSampleBytes) return kWriteBadSize;
     if (output->Failed != 0) return kWriteGivenUp;
     ModernTrack &track = writer->Tracks[trackId - 1];
-    // The first sample closes the list of tracks and fixes the one that leads.
-    if (writer->Started == 0) {
-        writer->Started = 1;
-        writer->Leading = LeadingTrack(*writer);
-        writer->FragmentMilliseconds = kDefaultFragmentMilliseconds;
-    }
     int32_t written = kFragmentDone;
     size_t held = 0;
     for (size_t t = 0; t < writer->TrackCount; ++t) held += writer->Tracks[t].ChunkSize;
@@ -427,6 +421,12 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
         !GrowBlock(&bytes, &track.ChunkByteCapacity, track.ChunkSize + info.Size, 1))
         return kWriteNoMemory;
     track.ChunkBytes = static_cast<uint8_t *>(bytes);
+    // The first sample taken closes the list of tracks and fixes the one that leads.
+    if (writer->Started == 0) {
+        writer->Started = 1;
+        writer->Leading = LeadingTrack(*writer);
+        writer->FragmentMilliseconds = kDefaultFragmentMilliseconds;
+    }
 
     const bool first = track.SampleCount + track.Written == 0;
     if (first) track.FirstDecodeTime = info.DecodeTime;
