@@ -167,11 +167,12 @@ int32_t Mp4coreWrite(const Workload &work, const Paths &paths, uint32_t flags = 
     return result == 1 ? flushed : result;
 }
 
-// The modern writer (MP4_NEW_PROGRESSIVE): the same frames through
-// MP4AddTrack and MP4WriteSample, each media byte written once.
-int32_t Mp4coreProgressive(const Workload &work, const Paths &paths) {
+// The modern writer (MP4_NEW_PROGRESSIVE, or MP4_NEW_FRAGMENTED with the
+// same calls): the same frames through MP4AddTrack and MP4WriteSample, each
+// media byte written once.
+int32_t Mp4coreProgressive(const Workload &work, const Paths &paths, uint32_t flags = MP4_NEW_PROGRESSIVE) {
     MP4_local_file *file = nullptr;
-    int32_t result = MP4FileNewEx(&file, paths.output.c_str(), MP4_NEW_PROGRESSIVE);
+    int32_t result = MP4FileNewEx(&file, paths.output.c_str(), flags);
     if (result != 1) return result;
     MP4TrackSpec video{}, audio{};
     video.TrackType = MP4_TRACK_VIDEO;
@@ -200,10 +201,10 @@ int32_t Mp4coreProgressive(const Workload &work, const Paths &paths) {
     return result == 1 ? flushed : result;
 }
 
-void BM_Mp4coreProgressive(benchmark::State &state, const Workload *work) {
+void BM_Mp4coreProgressive(benchmark::State &state, const Workload *work, uint32_t flags) {
     Paths paths(MemoryDir());
     for (auto _ : state) {
-        int32_t result = Mp4coreProgressive(*work, paths);
+        int32_t result = Mp4coreProgressive(*work, paths, flags);
         if (result != 1) {
             state.SkipWithError(("write failed with " + std::to_string(result)).c_str());
             break;
@@ -450,7 +451,12 @@ int main(int argc, char **argv) {
         ->Unit(benchmark::kMillisecond)
         ->Iterations(1)
         ->Repetitions(kRuns);
-    benchmark::RegisterBenchmark("mp4core/progressive", BM_Mp4coreProgressive, &work)
+    benchmark::RegisterBenchmark("mp4core/progressive", BM_Mp4coreProgressive, &work, uint32_t(MP4_NEW_PROGRESSIVE))
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(1)
+        ->Repetitions(kRuns);
+    benchmark::RegisterBenchmark("mp4core/fragmented-modern", BM_Mp4coreProgressive, &work,
+                                 uint32_t(MP4_NEW_FRAGMENTED))
         ->Unit(benchmark::kMillisecond)
         ->Iterations(1)
         ->Repetitions(kRuns);
@@ -532,9 +538,18 @@ int main(int argc, char **argv) {
                 "layout: %s (target <= 0.50x)\n",
                 progressive * 1e3, Ratio(progressive, libavDefault).c_str());
 
+    const double modernFragments = collector.Seconds("mp4core/fragmented-modern" + runs);
+    std::printf("mp4core fragmented (MP4AddTrack, MP4WriteSample) %.0f ms; / libavformat frag_keyframe: "
+                "%s (target <= 0.50x)\n",
+                modernFragments * 1e3, Ratio(modernFragments, libavFragmented).c_str());
     std::printf("peak resident growth (a quarter of the frames / all of them):\n");
     auto modern = [](const Workload &w, const Paths &p) { return Mp4coreProgressive(w, p) == 1; };
     std::printf("  progressive  %s / %s\n", PeakOf(modern, 4).c_str(), PeakOf(modern, 1).c_str());
+    auto modernFragmented = [](const Workload &w, const Paths &p) {
+        return Mp4coreProgressive(w, p, MP4_NEW_FRAGMENTED) == 1;
+    };
+    std::printf("  fragmented (new calls)  %s / %s\n", PeakOf(modernFragmented, 4).c_str(),
+                PeakOf(modernFragmented, 1).c_str());
     auto mp4core = [](const Workload &w, const Paths &p) { return Mp4coreWrite(w, p) == 1; };
     std::printf("  mp4core      %s / %s\n", PeakOf(mp4core, 4).c_str(), PeakOf(mp4core, 1).c_str());
     auto fragments = [](const Workload &w, const Paths &p) { return Mp4coreWrite(w, p, MP4_NEW_FRAGMENTED) == 1; };

@@ -1,11 +1,12 @@
 /* Writes an H.264 + AAC file from frames with the modern writing calls:
- * MP4FileNewEx with MP4_NEW_PROGRESSIVE, one MP4AddTrack per track
+ * MP4FileNewEx with MP4_NEW_PROGRESSIVE (or MP4_NEW_FRAGMENTED), one
+ * MP4AddTrack per track
  * (format, clock, picture or sound, and the decoder configuration), then
  * MP4WriteSample for each frame in decoding order, and MP4FileFlush. The
  * frames here come from an existing file (read with the modern reader);
  * an encoder would hand over its own.
  *
- *   write_modern IN.mp4 OUT.mp4 [--faststart]
+ *   write_modern IN.mp4 OUT.mp4 [--faststart | --fragmented]
  */
 #include <stdio.h>
 #include <string.h>
@@ -59,10 +60,14 @@ int main(int argc, char **argv) {
     uint32_t flags = MP4_NEW_PROGRESSIVE;
     int ok = 1;
     if (argc < 3) {
-        fprintf(stderr, "usage: write_modern IN.mp4 OUT.mp4 [--faststart]\n");
+        fprintf(stderr, "usage: write_modern IN.mp4 OUT.mp4 [--faststart | --fragmented]\n");
         return 2;
     }
+    /* Progressive: one "mdat", the index at the flush. Fragmented: each
+     * fragment of a second or two reaches the file as soon as it is whole,
+     * so a recording that stops short keeps all but its last seconds. */
     if (argc > 3 && strcmp(argv[3], "--faststart") == 0) flags |= MP4_NEW_FASTSTART;
+    if (argc > 3 && strcmp(argv[3], "--fragmented") == 0) flags = MP4_NEW_FRAGMENTED;
     if (MP4FileOpenEx(&in, argv[1], MP4_TABLE_KEYFRAMES, MP4_OPEN_MODERN) != 1) return 1;
     if (MP4GetTrackCount(in, &count) != 1 || count > 2 || MP4FileNewEx(&out, argv[2], flags) != 1) {
         MP4FileClose(&in);
@@ -97,8 +102,9 @@ int main(int argc, char **argv) {
     }
     MP4FileClose(&in);
 
-    /* The flush writes the index (in front with --faststart) and ends the
-     * handle, whatever it reports. */
+    /* The flush writes the index (in front with --faststart; fragmented:
+     * the last fragment and "mfra") and ends the handle, whatever it
+     * reports. */
     if (MP4FileFlush(out) != 1) ok = 0;
     for (t = 0; t < count; ++t)
         printf("track %u: %.4s, %u frames\n", ids[t], tracks[t].Format, next[t]);

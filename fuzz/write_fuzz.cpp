@@ -124,16 +124,19 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Script s{data, size};
-    // A progressive handle for one input in 16: tracks of any format from
-    // fuzzer-chosen track descriptions, samples of fuzzer-chosen sizes, times and flags.
+    // The new calls for one input in 16, on a progressive or a fragmented handle: tracks of
+    // any format from fuzzer-chosen track descriptions, samples of fuzzer-chosen sizes,
+    // times, flags and entries.
     if (size > 0 && (data[0] & 0xF0) == 0xA0) {
         static const char kFormats[][5] = {"avc1", "hvc1", "av01", "vp09", "mp4v", "mp4a", "Opus",
                                            "ac-3", "ec-3", "fLaC", "alac", "ipcm", "fpcm", "sowt",
                                            "twos", "in24", "fl32", "tx3g"};
         s.U8();
         MP4_local_file *file = nullptr;
-        const uint32_t faststart = s.U8() & 1 ? MP4_NEW_FASTSTART : 0;
-        if (MP4FileNewEx(&file, gOutput.c_str(), MP4_NEW_PROGRESSIVE | faststart) != 1) return 0;
+        const uint8_t layout = s.U8();
+        const std::string &output = layout & 2 ? gFragmentedOutput : gOutput;
+        const uint32_t flags = layout & 2 ? MP4_NEW_FRAGMENTED : MP4_NEW_PROGRESSIVE | (layout & 1 ? MP4_NEW_FASTSTART : 0);
+        if (MP4FileNewEx(&file, output.c_str(), flags) != 1) return 0;
         uint64_t times[8] = {};
         for (int steps = 0; !s.Done() && steps < 256; ++steps) {
             MP4TrackSpec trackSpec{};
@@ -148,6 +151,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 trackSpec.SampleRate = s.U8() & 1 ? trackSpec.Timescale : s.U32();
                 trackSpec.Channels = s.U8() % 9, trackSpec.BitsPerSample = s.U8() % 72, trackSpec.ObjectType = s.U8();
                 trackSpec.Rotation = s.U8() % 4 * 90, trackSpec.PixelAspectH = s.U8(), trackSpec.PixelAspectV = s.U8();
+                trackSpec.MediaStart = s.U8() & 1 ? s.U16() : 0;
                 trackSpec.Config = s.Take(s.U8(), &taken);
                 trackSpec.ConfigSize = uint32_t(taken);
                 MP4AddTrack(file, &trackSpec, &id);
@@ -156,11 +160,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             const uint32_t track = s.U8() % 8;
             info.DecodeTime = times[track] += s.U8() & 1 ? s.U32() : s.U8();
             info.CompositionOffset = int32_t(s.U16()) - 1000;
-            info.Duration = s.U8(), info.Size = s.U16() % sizeof gPattern, info.Flags = s.U8() % 3;
+            const uint8_t bits = s.U8();
+            info.Duration = s.U8(), info.Size = s.U16() % sizeof gPattern, info.Flags = bits % 4, info.DescriptionIndex = bits >> 6;
             MP4WriteSample(file, track, &info, gPattern);
         }
         const int32_t flushed = MP4FileFlush(file);
-        if (flushed == 1 || flushed == -98) ReadBack(gOutput, true);
+        if (flushed == 1 || flushed == -98) ReadBack(output, true);
         std::remove(gOutput.c_str());
         return 0;
     }

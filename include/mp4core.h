@@ -163,25 +163,32 @@ typedef struct MP4TrackSpec {
     uint32_t PixelAspectV;
     uint32_t MediaStart;      /* ticks decoded but not presented at the start
                                  (Opus pre-skip, encoder delay): the edit
-                                 list then begins there; 0: none */
+                                 list then begins there and lasts the
+                                 media less them (fragmented: duration 0,
+                                 to the end); 0: none */
     uint32_t Reserved[6];     /* zero */
 } MP4TrackSpec;
 
 /* One sample for MP4WriteSample. 40 bytes; the caller zeroes Reserved. */
 typedef struct MP4WriteInfo {
-    uint64_t DecodeTime;        /* track ticks; never falls within a track */
+    uint64_t DecodeTime;        /* track ticks; rises within a track */
     int32_t CompositionOffset;  /* presentation minus decoding time */
     uint32_t Duration;          /* ticks; 0: up to the next sample's decode
                                    time (the last repeats the one before) */
     uint32_t Size;              /* bytes at data */
     uint32_t Flags;             /* MP4_SAMPLE_KEY */
-    uint32_t DescriptionIndex;  /* 0 or 1: the track's one sample entry */
+    uint32_t DescriptionIndex;  /* the sample entry, from 1 (0: the first);
+                                   above 1 only on a track of MP4AddTrackFrom
+                                   whose "stsd" holds that many */
     uint32_t Reserved[3];       /* zero */
 } MP4WriteInfo;
 
 /* Bits of MP4WriteInfo.Flags. MP4_SAMPLE_NEW_FRAGMENT (fragmented
- * handles): a fragment begins at this sample; once a handle has seen it,
- * fragments end only where the caller says so (and at the 1 GiB bound). */
+ * handles): a fragment begins at this sample, of the track that leads the
+ * fragments (the first video track, else the first track); once a handle
+ * has seen it, fragments end only where the caller says so (and where a
+ * track would hold 65536 samples or the samples held would pass 1 GiB).
+ * A progressive handle takes the bit and passes it over. */
 #define MP4_SAMPLE_KEY 1
 #define MP4_SAMPLE_NEW_FRAGMENT 2
 
@@ -423,7 +430,9 @@ MP4CORE_API int32_t MP4FileNew(MP4_local_file **file, const char *path);
  *          not beside them): the same fragment rule over every track, led
  *          by the first video track (else the first track), fragments of
  *          one to two seconds, each sample with its
- *          own duration, flags and composition offset.
+ *          own duration, flags and composition offset; "ftyp" and "moov"
+ *          go out with the first fragment, a B-frame track's edit list
+ *          taken from its samples then held.
  * The classic calls (CreateTrack, AddVideoFrame, AddAudioFrame) on a
  * progressive handle find no track and give -99.
  * Results: -100 flags hold an unknown bit, MP4_NEW_SYNC without
@@ -538,8 +547,8 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * and flags the index. On a fragmented handle the sample is held until
  * its fragment is complete; the fragment goes to the file with one write
  * before the call that completed it returns ("trun" with each sample's
- * size, duration, flags and offset, version 1 for a negative offset). Decode times never fall within a track (two
- * samples may share one); the first is the track's time 0. The index keeps the distances between
+ * size, duration, flags and offset, version 1 for a negative offset). Decode times rise within a track (no two
+ * samples share one); the first is the track's time 0. The index keeps the distances between
  * decode times as durations, so info->Duration counts for the track's
  * last sample only (0: it repeats the duration before it).
  *   data  info->Size bytes; may be null when Size is 0.
@@ -549,8 +558,10 @@ MP4CORE_API int32_t MP4AddTrackFrom(MP4_local_file *file, MP4_local_file *source
  * fragment); -98 the handle is not a progressive or fragmented write
  * handle; -97 no track of that ID (a fragmented handle without tracks of
  * MP4AddTrack has none); -96 a Reserved word is not zero, Flags holds a
- * bit other than MP4_SAMPLE_KEY, or DescriptionIndex is above 1; -95 the
- * decode time is below the track's previous one, or lies more than
+ * bit other than MP4_SAMPLE_KEY and MP4_SAMPLE_NEW_FRAGMENT (the latter on
+ * a fragmented handle's track that does not lead), or DescriptionIndex is above the track's
+ * sample entries (or 65535); -95 the
+ * decode time is not above the track's previous one, or lies more than
  * 2^32-1 ticks after it; -94 a PCM sample of no bytes, not a whole
  * number of frames, or one that takes the track past 2^32-1 frames, or
  * on a fragmented handle a sample of 256 MiB or more; -93 no memory (nothing written; the call may be made

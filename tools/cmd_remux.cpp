@@ -4,6 +4,7 @@
 // tracks interleaved in decoding-time order; with --faststart the index
 // goes in front of the media; with --fragmented the file is written in
 // fragments.
+#include <cmath>
 #include <cstdio>
 #include <cstdint>
 #include <cstdlib>
@@ -21,7 +22,22 @@ struct Source {
     uint32_t outId;
     uint32_t next;     // the next sample to copy
     uint64_t time;     // its decode time
+    uint64_t written;  // the decode time and duration of the last sample written
+    uint32_t duration;
+    bool moved;        // a sample was moved to make decode times rise
 };
+
+// Decode times must rise, but a fragmented source may repeat one (rounded
+// "tfdt" times): such a sample goes one of the previous sample's durations
+// (at least a tick) behind it, which is said once per track.
+void MakeTimeRise(Source &s, uint32_t n, MP4WriteInfo *info) {
+    if (n == 0 || info->DecodeTime > s.written) return;
+    info->DecodeTime = s.written + (s.duration != 0 ? s.duration : 1);
+    if (!s.moved)
+        std::fprintf(stderr, "mp4core remux: track %u sample %u does not come after the one before; "
+                     "it and any like it are moved behind it\n", s.info.TrackId, n);
+    s.moved = true;
+}
 
 bool Named(const Arguments &arguments, uint32_t id, bool *any) {
     bool named = false;
@@ -58,8 +74,31 @@ bool AddTracks(const Arguments &arguments, MP4_local_file *in, MP4_local_file *o
     return true;
 }
 
+// Where --fragment-seconds cuts: the first key sample of the leading track
+// (the first video track, else the first) at or after each multiple of
+// `seconds` of its decode time.
+struct Cuts {
+    double seconds;      // 0: the writer's own rule
+    const Source *lead;
+    double next;         // the next multiple, in the leading track's ticks
+};
+
+bool CutsAt(Cuts &cuts, const Source &s, const MP4SampleInfo &sample) {
+    if (cuts.seconds <= 0 || &s != cuts.lead || !sample.IsKeyFrame || double(sample.DecodeTime) < cuts.next)
+        return false;
+    const double length = cuts.seconds * s.info.Timescale;
+    cuts.next = (std::floor(double(sample.DecodeTime) / length) + 1) * length;
+    return true;
+}
+
 // Copies every sample, the earliest decode time (in seconds) first.
-bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &sources) {
+bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &sources, double seconds) {
+    Cuts cuts = {seconds, sources.empty() ? nullptr : &sources[0], 0};
+    for (const Source &s : sources)
+        if (s.info.TrackType == MP4_TRACK_VIDEO) {
+            cuts.lead = &s;
+            break;
+        }
     MP4SampleInfo sample{};
     for (Source &s : sources)
         if (s.info.SampleCount > 0 && MP4GetSampleInfo(in, s.info.TrackId, s.info.TrackType, 0, &sample) == 1)
@@ -87,8 +126,12 @@ bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &s
             info.CompositionOffset = sample.CompositionOffset;
             info.Duration = sample.Duration;
             info.Size = bytes->Size;
-            info.Flags = sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0;
+            info.Flags = (sample.IsKeyFrame ? MP4_SAMPLE_KEY : 0) |
+                         (CutsAt(cuts, *best, sample) ? MP4_SAMPLE_NEW_FRAGMENT : 0);
             info.DescriptionIndex = sample.DescriptionIndex;
+            MakeTimeRise(*best, n, &info);
+            best->written = info.DecodeTime;
+            best->duration = sample.Duration;
             call = "MP4WriteSample";
             result = MP4WriteSample(out, best->outId, &info, bytes->Data);
             SampleDataFree(&bytes);
@@ -119,6 +162,14 @@ int RunRemux(const Arguments &arguments) {
     const bool fragmented = HasOption(arguments, "--fragmented");
     if (fragmented && HasOption(arguments, "--faststart"))
         return std::fprintf(stderr, "mp4core remux: --faststart and --fragmented exclude each other\n"), 2;
+    double seconds = 0;
+    if (const char *text = OptionValue(arguments, "--fragment-seconds")) {
+        char *end = nullptr;
+        seconds = std::strtod(text, &end);
+        if (!fragmented || end == text || *end != '\0' || !(seconds > 0 && seconds <= 86400))
+            return std::fprintf(stderr, "mp4core remux: --fragment-seconds takes a number of seconds above 0 "
+                                        "(at most 86400), with --fragmented\n"), 2;
+    }
     const uint32_t flags = fragmented ? MP4_NEW_FRAGMENTED
                                       : MP4_NEW_PROGRESSIVE | (HasOption(arguments, "--faststart") ? MP4_NEW_FASTSTART : 0);
     MP4_local_file *in = nullptr, *out = nullptr;
@@ -130,7 +181,7 @@ int RunRemux(const Arguments &arguments) {
         return ReportFailure("remux", "MP4FileNewEx", result, output);
     }
     std::vector<Source> sources;
-    bool ok = AddTracks(arguments, in, out, &sources) && CopySamples(in, out, sources);
+    bool ok = AddTracks(arguments, in, out, &sources) && CopySamples(in, out, sources, seconds);
     uint8_t *meta = nullptr;
     uint64_t size = 0;
     for (const char *path : {"moov/udta", "moov/meta"}) {
@@ -151,6 +202,7 @@ constexpr OptionRow kOptions[] = {
     {"-o", "OUT.mp4", true, false, "the file to write"},
     {"--faststart", nullptr, false, false, "put the index (moov) in front of the media"},
     {"--fragmented", nullptr, false, false, "write a fragmented file (moof/mdat pairs, mfra at the end)"},
+    {"--fragment-seconds", "S", false, false, "with --fragmented: a fragment at the first key frame at or after each S seconds (e.g. 0.5, 4)"},
     {"--track", "ID", false, true, "copy this track (by its ID); repeat for more; default: every track"},
 };
 
@@ -168,7 +220,9 @@ extern const CommandRow kRemuxCommand = {
     "--faststart). With --fragmented the file is written in fragments\n"
     "instead, each cut at a key frame of the first video track (of the first\n"
     "track when there is no video) one to two seconds after the last cut,\n"
-    "with \"mfra\" at the end. A fragmented input\n"
+    "with \"mfra\" at the end; --fragment-seconds S cuts instead at the first key\n"
+    "frame of that track at or after each multiple of S seconds of its decoding\n"
+    "time (a long GOP makes longer fragments). A fragmented input\n"
     "becomes a progressive file unless --fragmented is given. Protected\n"
     "tracks are left out (a named one is an error), and metadata (\"udta\",\n"
     "\"meta\") is not copied: both are said on standard error. A failed run\n"

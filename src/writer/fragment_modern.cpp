@@ -69,7 +69,14 @@ uint64_t HeldTime(const ModernTrack &track, size_t i) {
     return time;
 }
 
-uint64_t NewestTime(const ModernTrack &track) { return HeldTime(track, track.SampleCount - 1); }
+// The time of the newest held sample, which HeldTime would sum up to:
+// every sample written so far lasted up to the next one's decode time (or,
+// PCM, its frames), so it is the newest decode time from the first, or the
+// frames before the newest sample's.
+uint64_t NewestTime(const ModernTrack &track) {
+    if (track.PcmFrameBytes != 0) return track.PcmFrames - track.Samples[track.SampleCount - 1].Size / track.PcmFrameBytes;
+    return track.LastDecodeTime - track.FirstDecodeTime;
+}
 
 bool AtOrAfter(uint64_t a, uint64_t aClock, uint64_t b, uint64_t bClock) {
     return Wide(a) * bClock >= Wide(b) * aClock;
@@ -91,12 +98,19 @@ size_t SamplesBefore(const ProgressiveWriter &writer, const ModernTrack &track, 
     return count;
 }
 
+// The next cut among the leading track's held samples: by the rule of
+// lengths, or once the caller has named one, only at a sample that
+// carries MP4_SAMPLE_NEW_FRAGMENT.
 void FindCut(ProgressiveWriter &writer) {
     const ModernTrack &lead = writer.Tracks[writer.Leading];
     uint64_t time = lead.PendingTime;
     for (size_t i = 0; i < lead.SampleCount && writer.CutPending == 0; ++i) {
         const uint64_t elapsed = time - writer.FragmentStart;
-        if ((IsKey(lead.Samples[i]) && elapsed >= Lengths(writer, 1)) || elapsed >= Lengths(writer, 2)) {
+        const bool cut = writer.CallerCuts != 0
+                             ? elapsed > 0 && (lead.Samples[i].Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0
+                             : (IsKey(lead.Samples[i]) && elapsed >= Lengths(writer, 1)) ||
+                                   elapsed >= Lengths(writer, 2);
+        if (cut) {
             writer.CutPending = 1;
             writer.CutTime = time;
         }
@@ -104,42 +118,71 @@ void FindCut(ProgressiveWriter &writer) {
     }
 }
 
-void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, size_t count, size_t *offsetAt) {
+// A track fragment: held samples [first, first + count) of a track, all
+// of one sample entry, which "tfhd" names when it is not the first.
+struct TrackRun {
+    size_t Track, First, Count;
+    size_t Bytes;                // of its samples
+    size_t OffsetAt;             // where its "trun" data offset lies in the head
+};
+
+void PutTrackFragment(BoxBuffer *out, const ModernTrack &track, TrackRun *run) {
     bool offsets = false, negative = false, flagged = false;
     const uint32_t defaults = ModernDefaultSampleFlags(track);
-    for (size_t i = 0; i < count; ++i) {
-        const IndexedSample &sample = track.Samples[i];
+    const IndexedSample *samples = track.Samples + run->First;
+    for (size_t i = 0; i < run->Count; ++i) {
+        const IndexedSample &sample = samples[i];
         offsets = offsets || sample.CompositionOffset != 0;
         negative = negative || sample.CompositionOffset < 0;
         flagged = flagged || (IsKey(sample) ? kSyncSampleFlags : kOtherSampleFlags) != defaults;
     }
+    const uint32_t entry = EntryOf(samples[0]);
     const size_t traf = OpenBox(out, "traf");
-    const size_t tfhd = OpenFullBox(out, "tfhd", 0, flag::kTfhdDefaultBaseIsMoof);
+    const size_t tfhd = OpenFullBox(out, "tfhd", 0, flag::kTfhdDefaultBaseIsMoof |
+                                                        (entry != 1 ? flag::kTfhdDescriptionIndex : 0));
     Put32(out, track.TrackId);
+    if (entry != 1) Put32(out, entry);
     CloseBox(out, tfhd);
-    const uint8_t version = VersionFor(track.PendingTime);
+    const uint64_t time = HeldTime(track, run->First);
+    const uint8_t version = VersionFor(time);
     const size_t tfdt = OpenFullBox(out, "tfdt", version, 0);
     if (version == 1) {
-        Put64(out, track.PendingTime);
+        Put64(out, time);
     } else {
-        Put32(out, uint32_t(track.PendingTime));
+        Put32(out, uint32_t(time));
     }
     CloseBox(out, tfdt);
     const uint32_t flags = flag::kTrunDataOffset | flag::kTrunDuration | flag::kTrunSize |
                            (flagged ? flag::kTrunFlags : 0) | (offsets ? flag::kTrunCompositionOffset : 0);
     const size_t trun = OpenFullBox(out, "trun", negative ? 1 : 0, flags);
-    Put32(out, uint32_t(count));
-    *offsetAt = out->Size;
+    Put32(out, uint32_t(run->Count));
+    run->OffsetAt = out->Size;
     Put32(out, 0);  // the data offset, filled in once "moof" is whole
-    for (size_t i = 0; i < count; ++i) {
-        const IndexedSample &sample = track.Samples[i];
-        Put32(out, HeldDuration(track, i));
+    for (size_t i = 0; i < run->Count; ++i) {
+        const IndexedSample &sample = samples[i];
+        Put32(out, HeldDuration(track, run->First + i));
         Put32(out, sample.Size);
         if (flagged) Put32(out, IsKey(sample) ? kSyncSampleFlags : kOtherSampleFlags);
         if (offsets) Put32(out, uint32_t(sample.CompositionOffset));
     }
     CloseBox(out, trun);
     CloseBox(out, traf);
+}
+
+// Splits the first counts[t] held samples of each track into runs of one
+// entry; gives how many.
+size_t SplitRuns(const ProgressiveWriter &writer, const size_t *counts, TrackRun *runs) {
+    size_t n = 0;
+    for (size_t t = 0; t < writer.TrackCount; ++t) {
+        const ModernTrack &track = writer.Tracks[t];
+        for (size_t i = 0; i < counts[t]; ++i) {
+            if (i == 0 || EntryOf(track.Samples[i]) != EntryOf(track.Samples[i - 1]))
+                runs[n++] = {t, i, 0, 0, 0};
+            ++runs[n - 1].Count;
+            runs[n - 1].Bytes += track.Samples[i].Size;
+        }
+    }
+    return n;
 }
 
 // Drops the first `count` held samples of a track.
@@ -153,67 +196,70 @@ void Consume(ModernTrack &track, size_t count, size_t bytes) {
     if (track.ChunkSize > 0) std::memmove(track.ChunkBytes, track.ChunkBytes + bytes, track.ChunkSize);
 }
 
-// Writes one fragment of the first counts[t] held samples of each track.
+int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output);
+
+// Writes one fragment of the first counts[t] held samples of each track:
+// a "traf" for each run of samples of one entry.
 int32_t WriteModernFragment(ProgressiveWriter &writer, FragmentWriter &output, const size_t *counts) {
     const size_t tracks = writer.TrackCount;
-    size_t *offsetAt = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
-    size_t *bytes = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
+    size_t samples = 0;
+    for (size_t t = 0; t < tracks; ++t) samples += counts[t];
+    if (samples == 0) return kFragmentDone;
+    const int32_t begun = BeginFile(writer, output);
+    if (begun != kFragmentDone) return begun;
+    auto *runs = static_cast<TrackRun *>(std::calloc(samples, sizeof(TrackRun)));
+    auto *bytes = static_cast<size_t *>(std::calloc(tracks, sizeof(size_t)));
     iovec *blocks = static_cast<iovec *>(std::calloc(tracks + 1, sizeof(iovec)));
     BoxBuffer head{};
     int32_t result = kFragmentNoMemory;
-    if (offsetAt != nullptr && bytes != nullptr && blocks != nullptr) {
+    if (runs != nullptr && bytes != nullptr && blocks != nullptr) {
+        const size_t runCount = SplitRuns(writer, counts, runs);
         const size_t moof = OpenBox(&head, "moof");
         const size_t mfhd = OpenFullBox(&head, "mfhd", 0, 0);
         Put32(&head, output.Sequence + 1);
         CloseBox(&head, mfhd);
-        bool any = false;
-        for (size_t t = 0; t < tracks; ++t) {
-            if (counts[t] == 0) continue;
-            ModernTrack &track = writer.Tracks[t];
-            for (size_t i = 0; i < counts[t]; ++i) bytes[t] += track.Samples[i].Size;
-            if (!GrowRecords(&track.Points, &track.PointCapacity, track.PointCount + 1)) head.Failed = true;
-            PutTrackFragment(&head, track, counts[t], &offsetAt[t]);
-            any = true;
+        uint64_t total = 0;
+        for (size_t r = 0; r < runCount; ++r) {
+            ModernTrack &track = writer.Tracks[runs[r].Track];
+            if (!GrowRecords(&track.Points, &track.PointCapacity, track.PointCount + runCount)) head.Failed = true;
+            PutTrackFragment(&head, track, &runs[r]);
+            bytes[runs[r].Track] += runs[r].Bytes;
+            total += runs[r].Bytes;
         }
         CloseBox(&head, moof);
-        uint64_t total = 0;
-        for (size_t t = 0; t < tracks; ++t) total += bytes[t];
         Put32(&head, uint32_t(8 + total));
         PutName(&head, "mdat");
-        if (!any) {
-            result = kFragmentDone;
-        } else if (!head.Failed) {
+        if (!head.Failed) {
             int count = 1;
             blocks[0] = {head.Bytes, head.Size};
             uint64_t dataOffset = head.Size;
-            uint32_t trafNumber = 0;
-            for (size_t t = 0; t < tracks; ++t) {
-                if (counts[t] == 0) continue;
-                PutBE32(head.Bytes, offsetAt[t], uint32_t(dataOffset));
-                dataOffset += bytes[t];
-                if (bytes[t] > 0) blocks[count++] = {writer.Tracks[t].ChunkBytes, bytes[t]};
+            for (size_t r = 0; r < runCount; ++r) {
+                PutBE32(head.Bytes, runs[r].OffsetAt, uint32_t(dataOffset));
+                dataOffset += runs[r].Bytes;
             }
+            for (size_t t = 0; t < tracks; ++t)
+                if (bytes[t] > 0) blocks[count++] = {writer.Tracks[t].ChunkBytes, bytes[t]};
             const uint64_t moofOffset = output.FileEnd;
             result = WriteAtFileEnd(&output, blocks, count);
             if (result == kFragmentDone) {
                 ++output.Sequence;
-                for (size_t t = 0; t < tracks; ++t) {
-                    if (counts[t] == 0) continue;
-                    ModernTrack &track = writer.Tracks[t];
-                    ++trafNumber;
-                    uint64_t time = track.PendingTime;
-                    for (size_t i = 0; i < counts[t]; time += HeldDuration(track, i), ++i) {
+                for (size_t r = 0; r < runCount; ++r) {
+                    ModernTrack &track = writer.Tracks[runs[r].Track];
+                    uint64_t time = HeldTime(track, runs[r].First);
+                    for (size_t i = runs[r].First; i < runs[r].First + runs[r].Count; time += HeldDuration(track, i), ++i) {
                         if (!IsKey(track.Samples[i])) continue;
-                        track.Points[track.PointCount++] = {time, moofOffset, trafNumber, uint32_t(i + 1)};
+                        track.Points[track.PointCount++] = {time, moofOffset, uint32_t(r + 1),
+                                                            uint32_t(i - runs[r].First + 1)};
                         break;
                     }
-                    Consume(track, counts[t], bytes[t]);
                 }
+                for (size_t t = 0; t < tracks; ++t)
+                    if (counts[t] > 0) Consume(writer.Tracks[t], counts[t], bytes[t]);
             }
         }
     }
     ReleaseBoxBuffer(&head);
-    std::free(offsetAt);
+    std::free(runs);
     std::free(bytes);
     std::free(blocks);
     return result;
@@ -250,6 +296,7 @@ bool CutComplete(const ProgressiveWriter &writer) {
 }
 
 bool HoldsTooLong(const ProgressiveWriter &writer) {
+    if (writer.CallerCuts != 0) return false;
     const uint64_t hold = uint64_t(writer.FragmentMilliseconds) * 4;
     for (size_t t = 0; t < writer.TrackCount; ++t) {
         const ModernTrack &other = writer.Tracks[t];
@@ -274,13 +321,12 @@ int32_t WriteCompleteFragments(ProgressiveWriter &writer, FragmentWriter &output
     return kFragmentDone;
 }
 
-// "ftyp" and "moov" with one write, at the first sample or the flush.
+// "ftyp" and "moov" with one write, in front of the first fragment (or
+// at the flush of a handle without one): the samples of the first fragment
+// are held then, so a track whose first presentation lies after its first
+// decode time (B-frames) gets its edit.
 int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
-    if (writer.Started != 0) return kFragmentDone;
-    writer.Leading = 0;
-    for (size_t t = writer.TrackCount; t-- > 0;)
-        if (writer.Tracks[t].TrackType == MP4_TRACK_VIDEO) writer.Leading = t;
-    writer.FragmentMilliseconds = kDefaultFragmentMilliseconds;
+    if (output.HeaderWritten != 0) return kFragmentDone;
     BoxBuffer head{};
     const size_t ftyp = OpenBox(&head, "ftyp");
     PutName(&head, kFragmentBrands[0]);
@@ -294,10 +340,7 @@ int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
         result = WriteAtFileEnd(&output, &block, 1);
     }
     ReleaseBoxBuffer(&head);
-    if (result == kFragmentDone) {
-        writer.Started = 1;
-        output.HeaderWritten = 1;
-    }
+    if (result == kFragmentDone) output.HeaderWritten = 1;
     return result;
 }
 
@@ -348,6 +391,12 @@ int32_t ResultOf(int32_t written) {
 
 }  // namespace
 
+size_t LeadingTrack(const ProgressiveWriter &writer) {
+    for (size_t t = 0; t < writer.TrackCount; ++t)
+        if (writer.Tracks[t].TrackType == MP4_TRACK_VIDEO) return t;
+    return 0;
+}
+
 uint32_t ModernDefaultSampleFlags(const ModernTrack &track) {
     return track.TrackType == MP4_TRACK_VIDEO ? kOtherSampleFlags : kSyncSampleFlags;
 }
@@ -356,10 +405,12 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
                               const MP4WriteInfo &info, const uint8_t *data) {
     const int32_t checked = CheckModernSample(*writer, trackId, info, data);
     if (checked != 1) return checked;
+    if ((info.Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0 && trackId - 1 != LeadingTrack(*writer))
+        return kWriteBadInfo;
     if (info.Size >= kMaxSampleBytes) return kWriteBadSize;
     if (output->Failed != 0) return kWriteGivenUp;
     ModernTrack &track = writer->Tracks[trackId - 1];
-    int32_t written = BeginFile(*writer, *output);
+    int32_t written = kFragmentDone;
     size_t held = 0;
     for (size_t t = 0; t < writer->TrackCount; ++t) held += writer->Tracks[t].ChunkSize;
     if (written == kFragmentDone && (track.SampleCount >= kMaxHeldSamples || held + info.Size > kMaxHeldBytes))
@@ -370,18 +421,30 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
         !GrowBlock(&bytes, &track.ChunkByteCapacity, track.ChunkSize + info.Size, 1))
         return kWriteNoMemory;
     track.ChunkBytes = static_cast<uint8_t *>(bytes);
+    // The first sample taken closes the list of tracks and fixes the one that leads.
+    if (writer->Started == 0) {
+        writer->Started = 1;
+        writer->Leading = LeadingTrack(*writer);
+        writer->FragmentMilliseconds = kDefaultFragmentMilliseconds;
+    }
 
     const bool first = track.SampleCount + track.Written == 0;
     if (first) track.FirstDecodeTime = info.DecodeTime;
     const uint32_t delta = first ? 0 : uint32_t(info.DecodeTime - track.LastDecodeTime);
     // A PCM track's time follows from its frames, so its deltas are not kept.
     track.Samples[track.SampleCount++] = {info.Size, track.PcmFrameBytes != 0 ? 0 : delta,
-                                          info.CompositionOffset, info.Flags};
+                                          info.CompositionOffset, IndexedFlags(info)};
     track.LastDecodeTime = info.DecodeTime;
     track.LastDuration = info.Duration;
     if (track.PcmFrameBytes != 0) track.PcmFrames += info.Size / track.PcmFrameBytes;
     if (info.Size != 0) std::memcpy(track.ChunkBytes + track.ChunkSize, data, info.Size);
     track.ChunkSize += info.Size;
+    // The first sample that names a cut hands the cuts to the caller; a cut
+    // the rule of lengths found and not yet written is found again.
+    if ((info.Flags & MP4_SAMPLE_NEW_FRAGMENT) != 0 && writer->CallerCuts == 0) {
+        writer->CallerCuts = 1;
+        writer->CutPending = 0;
+    }
     if (size_t(trackId - 1) == writer->Leading && writer->CutPending == 0) FindCut(*writer);
     return ResultOf(WriteCompleteFragments(*writer, *output));
 }
@@ -389,7 +452,8 @@ int32_t WriteFragmentedSample(ProgressiveWriter *writer, FragmentWriter *output,
 int32_t FinishFragmentedTracks(ProgressiveWriter *writer, FragmentWriter *output) {
     if (output->Failed != 0) return kFlushWriteFailed;
     int32_t written = BeginFile(*writer, *output);
-    if (written == kFragmentDone && writer->CutPending != 0) written = WriteUpTo(*writer, *output, true);
+    // Each pending cut writes at least the leading track's first held sample.
+    while (written == kFragmentDone && writer->CutPending != 0) written = WriteUpTo(*writer, *output, true);
     if (written == kFragmentDone) {
         size_t *all = static_cast<size_t *>(std::calloc(writer->TrackCount + 1, sizeof(size_t)));
         if (all == nullptr) return kFlushWriteFailed;

@@ -50,8 +50,18 @@ struct IndexedSample {
     uint32_t Size;
     uint32_t Delta;              // decode time less the previous sample's (0 for the first)
     int32_t CompositionOffset;
-    uint32_t Flags;              // MP4_SAMPLE_KEY
+    uint32_t Flags;              // MP4_SAMPLE_KEY, and the entry in the high bits
 };
+
+// IndexedSample.Flags holds the caller's flags in its low 16 bits and the
+// sample's entry of "stsd" (from 1) in its high 16: a track takes at most
+// 65535 entries, as far as a sample record can name one.
+constexpr uint32_t kEntryShift = 16;
+constexpr uint32_t kMaxEntries = 0xFFFF;
+inline uint32_t EntryOf(const IndexedSample &sample) { return sample.Flags >> kEntryShift; }
+inline uint32_t IndexedFlags(const MP4WriteInfo &info) {
+    return info.Flags | ((info.DescriptionIndex != 0 ? info.DescriptionIndex : 1) << kEntryShift);
+}
 
 struct WrittenChunk {
     uint64_t Offset;             // in the file as written (progressive layout)
@@ -77,6 +87,7 @@ struct ModernTrack {
     uint32_t Timescale;
     uint32_t Width, Height;
     uint32_t Rotation;
+    uint32_t MediaStart;         // ticks decoded but not presented (MP4TrackSpec.MediaStart)
     char Language[4];
     uint32_t PcmFrameBytes;      // PCM: the bytes of one frame, each frame a table sample; else 0
     BoxBuffer Entry;             // the sample entries as "stsd" holds them
@@ -135,6 +146,7 @@ struct ProgressiveWriter {
     size_t Leading;
     uint64_t FragmentStart;
     uint8_t CutPending;
+    uint8_t CallerCuts;          // a sample carried MP4_SAMPLE_NEW_FRAGMENT: only such cut
     uint64_t CutTime;
     uint32_t FragmentMilliseconds;
 };
@@ -182,6 +194,8 @@ int32_t FinishProgressiveFile(ProgressiveWriter *writer);
 // ---- Fragments of the modern calls (fragment_modern.cpp) ---------------
 
 struct FragmentWriter;
+// The track that leads the fragments: the first video track, else the first.
+size_t LeadingTrack(const ProgressiveWriter &writer);
 // The default sample flags of a track's "trex".
 uint32_t ModernDefaultSampleFlags(const ModernTrack &track);
 // MP4WriteSample on a fragmented handle: the sample is held until its

@@ -142,17 +142,21 @@ int32_t AddProgressiveTrack(ProgressiveWriter *writer, const MP4TrackSpec &track
 int32_t CheckModernSample(const ProgressiveWriter &writer, uint32_t trackId, const MP4WriteInfo &info,
                           const uint8_t *data) {
     if (info.Reserved[0] != 0 || info.Reserved[1] != 0 || info.Reserved[2] != 0 ||
-        (info.Flags & ~uint32_t(MP4_SAMPLE_KEY)) != 0 || info.DescriptionIndex > 1)
+        (info.Flags & ~uint32_t(MP4_SAMPLE_KEY | MP4_SAMPLE_NEW_FRAGMENT)) != 0)
         return kWriteBadInfo;
     if (trackId == 0 || trackId > writer.TrackCount) return kWriteNoTrack;
-    if (data == nullptr && info.Size != 0) return kWriteFailed;
     const ModernTrack &track = writer.Tracks[trackId - 1];
+    const uint32_t entries = track.EntryCount != 0 ? track.EntryCount : 1;
+    if (info.DescriptionIndex > entries || info.DescriptionIndex > kMaxEntries) return kWriteBadInfo;
+    if (data == nullptr && info.Size != 0) return kWriteFailed;
     // PCM frames are table samples, counted in 32 bits.
     if (track.PcmFrameBytes != 0 &&
         (info.Size == 0 || info.Size % track.PcmFrameBytes != 0 ||
          track.PcmFrames + info.Size / track.PcmFrameBytes > UINT32_MAX))
         return kWriteBadSize;
-    if (track.SampleCount + track.Written > 0 && (info.DecodeTime < track.LastDecodeTime ||
+    // Decode times rise: a sample of no duration would have no place of
+    // its own on the track's time line.
+    if (track.SampleCount + track.Written > 0 && (info.DecodeTime <= track.LastDecodeTime ||
                                   info.DecodeTime - track.LastDecodeTime > UINT32_MAX))
         return kWriteTimeFalls;
     return 1;
@@ -170,9 +174,12 @@ int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, cons
     if (!GrowRecords(&track.Samples, &track.SampleCapacity, track.SampleCount + 1) ||
         !GrowRecords(&track.Chunks, &track.ChunkCapacity, track.ChunkCount + 1))
         return kWriteNoMemory;
+    // A chunk holds samples of one entry, which "stsc" names.
+    const uint32_t flags = IndexedFlags(info);
     const bool full = track.ChunkSamples > 0 &&
                       (info.DecodeTime - track.ChunkStart >= track.Timescale ||
-                       track.ChunkSize + info.Size > kChunkBytes);
+                       track.ChunkSize + info.Size > kChunkBytes ||
+                       EntryOf(track.Samples[track.SampleCount - 1]) != flags >> kEntryShift);
     if (full && !WriteChunk(writer, track)) return kWriteFailed;
     void *bytes = track.ChunkBytes;
     if (!GrowBlock(&bytes, &track.ChunkByteCapacity, track.ChunkSize + info.Size, 1))
@@ -181,7 +188,7 @@ int32_t WriteProgressiveSample(ProgressiveWriter *writer, uint32_t trackId, cons
 
     if (track.SampleCount == 0) track.FirstDecodeTime = info.DecodeTime;
     const uint32_t delta = track.SampleCount == 0 ? 0 : uint32_t(info.DecodeTime - track.LastDecodeTime);
-    track.Samples[track.SampleCount++] = {info.Size, delta, info.CompositionOffset, info.Flags};
+    track.Samples[track.SampleCount++] = {info.Size, delta, info.CompositionOffset, flags};
     track.LastDecodeTime = info.DecodeTime;
     track.LastDuration = info.Duration;
     if (track.PcmFrameBytes != 0) track.PcmFrames += info.Size / track.PcmFrameBytes;

@@ -66,25 +66,40 @@ int64_t EarliestPresentation(const ModernTrack &track) {
     return earliest;
 }
 
+// Where the presentation starts in the media: the earliest presentation
+// time when it lies after the first decode time (B-frames), and beyond it
+// the ticks the caller said are decoded but not presented (MediaStart).
+int64_t EditStart(const ModernTrack &track) {
+    const int64_t earliest = EarliestPresentation(track);
+    return (earliest > 0 ? earliest : 0) + int64_t(track.MediaStart);
+}
+
+// The end of the latest presentation: decode time plus offset plus
+// duration; PCM ends with its frames.
+int64_t PresentationEnd(const ModernTrack &track) {
+    if (track.PcmFrameBytes != 0) return int64_t(track.PcmFrames);
+    int64_t decode = 0, end = 0;
+    for (size_t i = 0; i < track.SampleCount; ++i) {
+        decode += track.Samples[i].Delta;
+        const int64_t last = decode + track.Samples[i].CompositionOffset + DurationOf(track, i);
+        if (last > end) end = last;
+    }
+    return end;
+}
+
 // The presentation's length in movie ticks: a copied track's edits, else
-// the media less the start its generated edit skips.
+// the media less the start its generated edit skips (0 when the start
+// lies past the end).
 uint64_t PresentedDuration(const ModernTrack &track) {
     if (track.CopiedEdits != 0 && track.EditCount > 0) {
         uint64_t total = 0;
         for (size_t i = 0; i < track.EditCount; ++i) total += track.Edits[i].Duration;
         return total;
     }
-    const int64_t start = EarliestPresentation(track);
+    const int64_t start = EditStart(track);
     if (start <= 0) return Rescale(MediaDuration(track), track.Timescale, kMovieTimescale);
-    // The edit runs from the earliest presentation to the end of the
-    // latest: decode time plus offset plus duration.
-    int64_t decode = 0, end = start;
-    for (size_t i = 0; i < track.SampleCount; ++i) {
-        decode += track.Samples[i].Delta;
-        const int64_t last = decode + track.Samples[i].CompositionOffset + DurationOf(track, i);
-        if (last > end) end = last;
-    }
-    return Rescale(uint64_t(end - start), track.Timescale, kMovieTimescale);
+    const int64_t end = PresentationEnd(track);
+    return end > start ? Rescale(uint64_t(end - start), track.Timescale, kMovieTimescale) : 0;
 }
 
 void PutMatrix(BoxBuffer *out, uint32_t rotation, uint32_t width, uint32_t height) {
@@ -164,13 +179,15 @@ void PutCopiedEdits(BoxBuffer *out, const ModernTrack &track) {
     CloseBox(out, edts);
 }
 
-// An edit that starts the presentation at the earliest presentation time;
-// a copied track's own edits instead.
-void PutEdits(BoxBuffer *out, const ModernTrack &track) {
+// An edit that starts the presentation where EditStart says; a copied
+// track's own edits instead. A fragmented file's "moov" is written before
+// the track's length is known: its edit has duration 0, which runs to the
+// end of the media.
+void PutEdits(BoxBuffer *out, const ModernTrack &track, bool fragmented) {
     if (track.CopiedEdits != 0) return PutCopiedEdits(out, track);
-    const int64_t start = EarliestPresentation(track);
+    const int64_t start = EditStart(track);
     if (start <= 0) return;
-    const uint64_t duration = PresentedDuration(track);
+    const uint64_t duration = fragmented ? 0 : PresentedDuration(track);
     const uint8_t version = VersionFor(duration) | VersionFor(uint64_t(start));
     const size_t edts = OpenBox(out, "edts");
     const size_t elst = OpenFullBox(out, "elst", version, 0);
@@ -321,14 +338,16 @@ void PutChunks(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wi
     size_t box = OpenFullBox(out, "stsc", 0, 0);
     const size_t at = out->Size;
     Put32(out, 0);
-    uint32_t entries = 0, previous = 0;
+    uint32_t entries = 0, previous = 0, previousEntry = 0;
     for (size_t i = 0; i < track.ChunkCount; ++i) {
         const uint32_t samples = ChunkSamples(track, track.Chunks[i]);
-        if (i > 0 && samples == previous) continue;
+        const uint32_t entry = EntryOf(track.Samples[track.Chunks[i].FirstSample]);
+        if (i > 0 && samples == previous && entry == previousEntry) continue;
         Put32(out, uint32_t(i + 1));
         Put32(out, samples);
-        Put32(out, 1);
+        Put32(out, entry);
         previous = samples;
+        previousEntry = entry;
         ++entries;
     }
     if (!out->Failed) PutBE32(out->Bytes, at, entries);
@@ -346,10 +365,22 @@ void PutChunks(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wi
     CloseBox(out, box);
 }
 
-void PutTrack(BoxBuffer *out, const ModernTrack &track, uint64_t shift, bool wide) {
+// A fragmented file's "moov" goes out with the first fragment's samples
+// held: its tables stay empty and its durations 0, and only its edit looks
+// at the samples held.
+ModernTrack WithoutSamples(const ModernTrack &track) {
+    ModernTrack empty = track;
+    empty.SampleCount = 0;
+    empty.ChunkCount = 0;
+    empty.PcmFrames = 0;
+    return empty;
+}
+
+void PutTrack(BoxBuffer *out, const ModernTrack &held, uint64_t shift, bool wide, bool fragmented) {
+    const ModernTrack track = fragmented ? WithoutSamples(held) : held;
     const size_t trak = OpenBox(out, "trak");
     PutTrackHeader(out, track, PresentedDuration(track));
-    PutEdits(out, track);
+    PutEdits(out, held, fragmented);
     const size_t mdia = OpenBox(out, "mdia");
     PutMediaHeader(out, track);
     PutHandler(out, track);
@@ -453,11 +484,12 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
     const size_t moov = OpenBox(out, "moov");
     uint64_t duration = 0;
     for (size_t t = 0; t < writer.TrackCount; ++t) {
-        const uint64_t presented = PresentedDuration(writer.Tracks[t]);
+        const uint64_t presented = PresentedDuration(
+            writer.Fragmented != 0 ? WithoutSamples(writer.Tracks[t]) : writer.Tracks[t]);
         if (presented > duration) duration = presented;
     }
     PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1));
-    for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide);
+    for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide, writer.Fragmented != 0);
     if (writer.Fragmented != 0) {
         const size_t mvex = OpenBox(out, "mvex");
         for (size_t t = 0; t < writer.TrackCount; ++t) {

@@ -239,6 +239,7 @@ int32_t BuildSampleEntry(const MP4TrackSpec &trackSpec, ModernTrack *track) {
     track->Timescale = trackSpec.Timescale;
     std::memcpy(track->Language, HasName(trackSpec.Language) ? trackSpec.Language : "und", 4);
     track->Rotation = trackSpec.Rotation;
+    track->MediaStart = trackSpec.MediaStart;
     if (trackSpec.TrackType == 0) {
         std::memcpy(track->Handler, trackSpec.Handler, 4);
         PutOtherEntry(&track->Entry, trackSpec);

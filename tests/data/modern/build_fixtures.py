@@ -141,14 +141,17 @@ def runs(values):
 def stbl(t, offsets):
     n, sizes, bits, v1 = len(t.samples), [len(s) for s in t.samples], number(t.o, "stz2"), \
         int("ctts-v1" in t.o)
-    parts = [t.front("stbl"), full("stsd", 0, 0, struct.pack(">I", 1), t.entry),
+    second = number(t.o, "second-entry")  # the chunk from which a copy of the entry serves
+    entry = [1 if second == 0 or i + 1 < second else 2 for i in range((n + t.chunk - 1) // t.chunk)]
+    parts = [t.front("stbl"), full("stsd", 0, 0, struct.pack(">I", max(entry, default=1)),
+                                   t.entry * max(entry, default=1)),
              table("stts", runs(t.durations), ">II")]
     parts += [table("ctts", runs(t.offsets), ">Ii" if v1 else ">II", v1)] if any(t.offsets) else []
     parts += [] if all(t.keys) else [table("stss", [(i + 1,) for i, k in enumerate(t.keys) if k],
                                            ">I")]
     chunks = [len(t.samples[i:i + t.chunk]) for i in range(0, n, t.chunk)]
-    parts.append(table("stsc", [(i + 1, c, 1) for i, c in enumerate(chunks)
-                                if i == 0 or chunks[i - 1] != c], ">III"))
+    parts.append(table("stsc", [(i + 1, c, entry[i]) for i, c in enumerate(chunks)
+                                if i == 0 or (chunks[i - 1], entry[i - 1]) != (c, entry[i])], ">III"))
     if bits == 0:
         parts.append(full("stsz", 0, 0, struct.pack(">II", 0, n),
                           b"".join(struct.pack(">I", s) for s in sizes)))
