@@ -142,6 +142,14 @@ constexpr ResultText kResultTexts[] = {
     {"MP4AddTrackFrom", -90, "the source has no track of this ID and type"},
     {"MP4AddTrackFrom", -89, "the track is protected; its sample auxiliary information is not carried over"},
     {"MP4AddTrackFrom", -88, "the track's sample description can't be read or holds no entry"},
+    {"MP4AddTrack", -99, "no handle, track description or place for the ID"},
+    {"MP4AddTrack", -98, "the handle is not a progressive or fragmented write handle"},
+    {"MP4AddTrack", -97, "samples were written already, or a write failed"},
+    {"MP4AddTrack", -96, "a reserved word is not zero"},
+    {"MP4AddTrack", -95, "the track description does not fit its format"},
+    {"MP4AddTrack", -94, "the configuration does not fit the format"},
+    {"MP4AddTrack", -93, "no memory"},
+    {"MP4AddTrack", -92, "the file holds 4096 tracks"},
     {"MP4WriteSample", -99, "a write to the file failed (a full disk, a file-size limit)"},
     {"MP4WriteSample", -97, "no track with this ID"},
     {"MP4WriteSample", -96, "a reserved word, an unknown flag or a description index above 1"},
@@ -162,6 +170,7 @@ constexpr ResultText kResultTexts[] = {
      "at its last whole fragment)"},
     {"MP4FileFlush", -99,
      "no file handle, or (fragmented) the last fragment or the index could not be written"},
+    {"MP4FileFlush", -98, "the file is complete with its index at the end, but moving the index in front failed"},
 };
 
 // Calls that give the results of another call, for the codes they have no

@@ -1,0 +1,22 @@
+# The round trip of mux.txt, sourced by its lines (by sh) behind the tool's
+# path in $tool.
+#
+# trip FILE ID EXT [MUX OPTIONS]: extracts track ID of FILE as a stream,
+# muxes it, extracts the muxed track again and prints "same stream" when the
+# two streams are equal byte for byte; then, where FILE has a listing
+# (FILE.samples, from ffprobe), "N packets as the source" when every packet
+# of the muxed track has the decode time (from the first), size, key flag,
+# composition offset and CRC-32 of the source's, else both lists.
+trip() {
+  local file=$1 id=$2 ext=$3
+  shift 3
+  "$tool" extract "$file" --track "$id" -o "a.$ext" >/dev/null || return
+  "$tool" mux -o m.mp4 "$@" "a.$ext" || return
+  "$tool" extract m.mp4 --track 1 -o "b.$ext" >/dev/null || return
+  cmp -s "a.$ext" "b.$ext" && printf "same stream" || { echo "streams differ"; return; }
+  if [ ! -e "$file.samples" ] || grep -q "^pcm " "$file.samples"; then echo; return; fi
+  local a b
+  a=$(awk -v id="$id" '/^track /{on = $2 == id; next} on && !/^#/{print $1, $2, $4, $5, $6}' "$file.samples")
+  b=$("$tool" samples m.mp4 | awk '!/^#/{print $4, $6, $7, $5, $9}')
+  [ "$a" = "$b" ] && echo ", $(echo "$a" | wc -l) packets as the source" || printf "\n%s\n--\n%s\n" "$a" "$b"
+}
