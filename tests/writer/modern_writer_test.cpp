@@ -261,7 +261,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         MP4TrackSpec trackSpec;
         int32_t result;
     } trackSpecs[] = {
-        {"reserved", [] { auto s = AvcSpec(); s.Reserved[6] = 1; return s; }(), -96},
+        {"reserved", [] { auto s = AvcSpec(); s.Reserved[5] = 1; return s; }(), -96},
         {"type 3", [] { auto s = AvcSpec(); s.TrackType = 3; return s; }(), -95},
         {"sound format on video", [] { auto s = AvcSpec(); std::memcpy(s.Format, "mp4a", 4); return s; }(), -95},
         {"timescale 0", [] { auto s = AvcSpec(); s.Timescale = 0; return s; }(), -95},
