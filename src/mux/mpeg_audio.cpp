@@ -16,6 +16,8 @@ constexpr size_t kHeaderBytes = 4;
 constexpr size_t kId3v2Head = 10;
 constexpr size_t kId3v1Bytes = 128;
 constexpr uint8_t kMpeg1ObjectType = 0x6B, kMpeg2ObjectType = 0x69;
+// Samples a layer III decoder gives before the first encoded one.
+constexpr uint32_t kDecoderDelay = 529;
 
 // Kilobits a second by bit rate index 1 to 14: MPEG-1 layers I, II, III,
 // then the half and quarter rates' layer I, and their layers II and III.
@@ -61,13 +63,28 @@ bool ReadHead(const uint8_t *h, FrameHead *head) {
     return head->length >= kHeaderBytes;
 }
 
-// Whether a frame carries an encoder's header rather than sound.
-bool IsInfoFrame(const uint8_t *frame, const FrameHead &head) {
+// Whether a frame carries an encoder's header rather than sound; the
+// encoder delay and padding of a LAME extension behind a Xing or Info
+// header (as LAME and FFmpeg write it) come back in `delay`/`padding`.
+bool IsInfoFrame(const uint8_t *frame, const FrameHead &head, uint32_t *delay, uint32_t *padding) {
     const size_t xing = kHeaderBytes + head.sideInfo, vbri = 36;
     auto tagAt = [&](size_t at, const char *tag) {
         return head.length >= at + 4 && std::memcmp(frame + at, tag, 4) == 0;
     };
-    return head.layer == 3 && (tagAt(xing, "Xing") || tagAt(xing, "Info") || tagAt(vbri, "VBRI"));
+    if (head.layer != 3) return false;
+    if (tagAt(vbri, "VBRI")) return true;
+    if (!tagAt(xing, "Xing") && !tagAt(xing, "Info")) return false;
+    // Behind the flags: frames, bytes, a table of 100 and a quality field
+    // as the flags say; then the encoder's name (9 bytes), and 12 bytes on
+    // the delay and padding, 12 bits each.
+    const uint8_t flags = frame[xing + 7];
+    const size_t extension = xing + 8 + (flags & 1 ? 4 : 0) + (flags & 2 ? 4 : 0) + (flags & 4 ? 100 : 0) + (flags & 8 ? 4 : 0);
+    const size_t delays = extension + 21;
+    if (head.length >= delays + 3 && (tagAt(extension, "LAME") || tagAt(extension, "Lavc") || tagAt(extension, "Lavf"))) {
+        *delay = (uint32_t(frame[delays]) << 4) | (frame[delays + 1] >> 4);
+        *padding = (uint32_t(frame[delays + 1] & 0x0F) << 8) | frame[delays + 2];
+    }
+    return true;
 }
 
 // Bytes of an ID3v2 tag at `h` (its size is 28 bits, 7 a byte), 0 for none.
@@ -82,6 +99,7 @@ struct MpegAudioReader : Reader {
     Cursor cursor;
     FrameHead first{};
     uint64_t time = 0;
+    uint32_t endTrim = 0;  // samples of the last frame not presented
 };
 
 }  // namespace
@@ -112,7 +130,15 @@ Reader *MpegAudioOpen(ByteStream *in, const Options &, TrackDescription *track, 
         delete reader;
         return nullptr;
     }
-    if (c.Hold(h.length) && IsInfoFrame(c.Here(), h)) c.at += h.length;
+    // The encoder's delay and the decoder's are not presented (the edit
+    // list starts behind them), nor the encoder's padding less the
+    // decoder's delay at the end.
+    uint32_t delay = 0, padding = 0;
+    if (c.Hold(h.length) && IsInfoFrame(c.Here(), h, &delay, &padding)) {
+        c.at += h.length;
+        track->spec.MediaStart = delay != 0 || padding != 0 ? delay + kDecoderDelay : 0;
+        reader->endTrim = padding > kDecoderDelay ? padding - kDecoderDelay : 0;
+    }
     track->spec.ObjectType = h.version == 3 ? kMpeg1ObjectType : kMpeg2ObjectType;
     DescribeSound(track, "mp4a", h.rate, h.channels);
     return reader;
@@ -133,10 +159,14 @@ Step MpegAudioNext(Reader *base, Sample *sample, Failure *failure) {
     if (h.version != first.version || h.layer != first.layer || h.rate != first.rate)
         return Fail(failure, c.Offset(), "the frame header changes the version, layer or sampling rate of the first");
     if (!c.Hold(h.length)) return EndOfFrames(c, failure, "an MPEG audio frame");
+    // The last frame: no header behind it (or only an ID3v1 tag).
+    const bool last = !c.Hold(h.length + kId3v1Bytes + 1) &&
+                      (c.Held() == h.length || (c.Held() == h.length + kId3v1Bytes && std::memcmp(c.Here() + h.length, "TAG", 3) == 0));
     *sample = Sample{};
     sample->data = c.Here();
     sample->size = h.length;
     sample->decodeTime = reader->time;
+    sample->duration = last && reader->endTrim < h.samples ? h.samples - reader->endTrim : 0;
     sample->key = true;
     reader->time += h.samples;
     c.at += h.length;
