@@ -21,3 +21,20 @@ trip() {
   b=$("$tool" samples m.mp4 | awk '!/^#/{print $4, $6, $7, $5, $9}')
   [ "$a" = "$b" ] && echo ", $(echo "$a" | wc -l) packets as the source" || printf "\n%s\n--\n%s\n" "$a" "$b"
 }
+
+# decodes RATE EXT FFMPEG OUTPUT OPTIONS...: FFmpeg encodes two seconds of a
+# tone at RATE Hz into a stream, which is muxed plain and fragmented; prints
+# per file "same sound" when ffmpeg decodes it to the samples it decodes
+# from the stream (as 64-bit floats), and what ffprobe warns of.
+decodes() {
+  local rate=$1 ext=$2 layout a b
+  shift 2
+  ffmpeg -v error -y -f lavfi -i "sine=frequency=440:sample_rate=$rate" -t 2 "$@" "s.$ext" || return
+  a=$(ffmpeg -v error -i "s.$ext" -map 0:a:0 -c:a pcm_f64le -f f64le - | md5sum)
+  for layout in --faststart --fragmented; do
+    "$tool" mux -o m.mp4 $layout "s.$ext" || return
+    b=$(ffmpeg -v error -i m.mp4 -map 0:a:0 -c:a pcm_f64le -f f64le - | md5sum)
+    printf "%s %s: %s\n" "$ext" "$layout" "$([ "$a" = "$b" ] && echo "same sound" || echo "other sound")"
+    ffprobe -v warning m.mp4
+  done
+}
