@@ -161,7 +161,7 @@ Reader *OggOpusOpen(ByteStream *in, const Options &, TrackDescription *track, Fa
     } else if (failure->why.empty()) {
         Fail(failure, 0, "the stream is empty");
     }
-    if (head != nullptr && (headSize < kHeadFixed || !std::memcmp(head, "OpusHead", 8) == 0 || head[8] >= 16)) {
+    if (head != nullptr && (headSize < kHeadFixed || std::memcmp(head, "OpusHead", 8) != 0 || head[8] >= 16)) {
         Fail(failure, 0, "the first packet is no OpusHead of version 0.x");
         head = nullptr;
     }
