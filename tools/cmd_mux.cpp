@@ -236,7 +236,7 @@ int RunMux(const Arguments &arguments) {
     EndProgress(&progress);
     // A fragmented file keeps the fragments written before a failure; an
     // unfinished progressive file is removed.
-    const bool keep = fragmented && written > 0 && !(ok && flushed != 1);
+    const bool keep = fragmented && written > 0;
     if (stop.input != nullptr)
         std::fprintf(stderr, "mp4core mux: %s: byte %llu: %s; %s\n", stop.input->path,
                      static_cast<unsigned long long>(stop.failure.offset), stop.failure.why.c_str(),
