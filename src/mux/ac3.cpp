@@ -5,6 +5,7 @@
 // joins them. E-AC-3 with dependent or further independent substreams is
 // not taken (its "dec3" would have to list them from frames not yet read).
 #include "media/bit_reader.h"
+#include "media/media.h"
 #include "mux/readers.h"
 
 namespace mux {
@@ -15,8 +16,6 @@ constexpr size_t kHeaderBytes = 8;  // enough for every field read below
 constexpr uint32_t kBlockSamples = 256;
 constexpr uint32_t kSampleBlocks = 6;
 constexpr uint32_t kLastAc3Bsid = 10, kLastEac3Bsid = 16;
-constexpr uint32_t kRates[3] = {48000, 44100, 32000};
-constexpr uint32_t kAcmodChannels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
 constexpr uint32_t kBlocks[4] = {1, 2, 3, 6};
 // AC-3 bit rates in kbit/s by frame size code / 2.
 constexpr uint32_t kAc3BitRates[19] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160,
@@ -57,7 +56,7 @@ bool ReadHead(const uint8_t *h, SyncFrame *f) {
         // the odd codes carry one word of padding.
         const uint32_t words = f->fscod == 0 ? 2 * kbits : f->fscod == 2 ? 3 * kbits : kbits * 320 / 147 + (sizeCode & 1);
         f->length = 2 * size_t(words);
-        f->rate = kRates[f->fscod];
+        f->rate = kAc3SampleRates[f->fscod];
         f->blocks = kSampleBlocks;
         return true;
     }
@@ -68,10 +67,10 @@ bool ReadHead(const uint8_t *h, SyncFrame *f) {
     const uint32_t code = ReadBits(&r, 2);
     if (f->fscod == 3) {
         if (code == 3) return false;
-        f->rate = kRates[code] / 2;
+        f->rate = kAc3SampleRates[code] / 2;
         f->blocks = kSampleBlocks;
     } else {
-        f->rate = kRates[f->fscod];
+        f->rate = kAc3SampleRates[f->fscod];
         f->blocks = kBlocks[code];
     }
     f->acmod = ReadBits(&r, 3);
@@ -108,7 +107,7 @@ Reader *Ac3Open(ByteStream *in, const Options &, TrackDescription *track, Failur
         delete reader;
         return nullptr;
     }
-    const uint32_t channels = kAcmodChannels[f.acmod] + f.lfeon;
+    const uint32_t channels = kAc3ModeChannels[f.acmod] + f.lfeon;
     if (!f.enhanced) {
         const uint32_t bits = (f.fscod << 22) | (f.bsid << 17) | (f.bsmod << 14) | (f.acmod << 11) |
                               (f.lfeon << 10) | (f.bitRateCode << 5);

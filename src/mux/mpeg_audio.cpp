@@ -6,6 +6,7 @@
 // VBRI header instead of sound, as decoders do.
 #include <cstring>
 
+#include "media/media.h"
 #include "mux/readers.h"
 
 namespace mux {
@@ -28,7 +29,6 @@ constexpr uint16_t kBitRates[5][15] = {
     {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},
     {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160},
 };
-constexpr uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
 
 struct FrameHead {
     uint32_t version;  // 3 MPEG-1, 2 MPEG-2, 0 MPEG-2.5
@@ -48,7 +48,7 @@ bool ReadHead(const uint8_t *h, FrameHead *head) {
     const uint32_t bitIndex = h[2] >> 4, rateIndex = (h[2] >> 2) & 3, padding = (h[2] >> 1) & 1;
     if (head->version == 1 || head->layer == 4 || bitIndex == 0 || bitIndex == 15 || rateIndex == 3) return false;
     const bool mpeg1 = head->version == 3;
-    head->rate = kMpeg1Rates[rateIndex] >> (mpeg1 ? 0 : head->version == 2 ? 1 : 2);
+    head->rate = kMpegAudioRates[rateIndex] >> (mpeg1 ? 0 : head->version == 2 ? 1 : 2);
     head->channels = (h[3] >> 6) == 3 ? 1 : 2;
     const uint32_t table = mpeg1 ? head->layer - 1 : head->layer == 1 ? 3 : 4;
     const uint64_t bits = uint64_t(kBitRates[table][bitIndex]) * 1000;
