@@ -117,10 +117,10 @@ Step QueuePackets(OpusReader *reader, Failure *failure) {
             const uint8_t *bytes = c.in->bytes.data() + piece.at;
             reader->partial.insert(reader->partial.end(), bytes, bytes + piece.size);
             if (!piece.ends) continue;
-            if (reader->partial.empty()) return Fail(failure, offset, "an Opus packet of no bytes");
-            Packet packet{std::move(reader->partial), 0};
+            const uint32_t samples = reader->partial.empty() ? 0 : PacketSamples(reader->partial.data(), reader->partial.size());
+            if (samples == 0) return Fail(failure, offset, "an Opus packet of no bytes or no frames");
+            Packet packet{std::move(reader->partial), samples};
             reader->partial.clear();
-            packet.duration = PacketSamples(packet.data.data(), packet.data.size());
             reader->queuedEnd += packet.duration;
             reader->packets.push_back(std::move(packet));
         }
