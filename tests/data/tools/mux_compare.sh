@@ -23,18 +23,26 @@ trip() {
 }
 
 # decodes RATE EXT FFMPEG OUTPUT OPTIONS...: FFmpeg encodes two seconds of a
-# tone at RATE Hz into a stream, which is muxed plain and fragmented; prints
-# per file "same sound" when ffmpeg decodes it to the samples it decodes
-# from the stream (as 64-bit floats), and what ffprobe warns of.
+# tone at RATE Hz into a stream, which is muxed with --faststart and with
+# --fragmented; prints per file "same sound as FFmpeg's MP4" when ffmpeg
+# decodes it to the samples it decodes from its own MP4 of the stream in
+# that layout (ffmpeg -c copy, fragmented with frag_keyframe: FFmpeg trims
+# no end of MP3 or Opus in an MP4 file, as it does in the stream itself),
+# or "same sound as the stream" for those FFmpeg writes no MP4 of (FLAC,
+# PCM), and what ffprobe warns of.
 decodes() {
-  local rate=$1 ext=$2 layout a b
+  local rate=$1 ext=$2 layout flags a b what
   shift 2
   ffmpeg -v error -y -f lavfi -i "sine=frequency=440:sample_rate=$rate" -t 2 "$@" "s.$ext" || return
-  a=$(ffmpeg -v error -i "s.$ext" -map 0:a:0 -c:a pcm_f64le -f f64le - | md5sum)
   for layout in --faststart --fragmented; do
+    flags=+faststart
+    [ $layout = --fragmented ] && flags=+frag_keyframe+empty_moov
+    what="FFmpeg's MP4"
+    ffmpeg -v quiet -y -i "s.$ext" -c copy -movflags $flags r.mp4 || { what="the stream"; cp "s.$ext" r.mp4; }
+    a=$(ffmpeg -v error -i r.mp4 -map 0:a:0 -c:a pcm_f64le -f f64le - | md5sum)
     "$tool" mux -o m.mp4 $layout "s.$ext" || return
     b=$(ffmpeg -v error -i m.mp4 -map 0:a:0 -c:a pcm_f64le -f f64le - | md5sum)
-    printf "%s %s: %s\n" "$ext" "$layout" "$([ "$a" = "$b" ] && echo "same sound" || echo "other sound")"
+    printf "%s %s: %s\n" "$ext" "$layout" "$([ "$a" = "$b" ] && echo "same sound as $what" || echo "other sound than $what")"
     ffprobe -v warning m.mp4
   done
 }
