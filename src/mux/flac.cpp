@@ -18,6 +18,9 @@ constexpr size_t kStreamInfoBytes = 34;
 constexpr uint8_t kLastBlock = 0x80;
 constexpr size_t kLongestHeader = 16;  // sync to CRC-8 with every optional field
 constexpr size_t kShortestHeader = 6;
+// A frame holds at most 65535 samples of 8 channels of 32 bits (2 MiB):
+// bytes this far without a next header are no FLAC frame.
+constexpr size_t kLongestFrame = size_t(16) << 20;
 
 struct FrameHead {
     bool variable;      // blocking strategy: numbers count samples, not frames
@@ -151,11 +154,10 @@ Step FlacNext(Reader *base, Sample *sample, Failure *failure) {
         const uint8_t *bytes = c.Here();
         const size_t held = c.Held();
         const void *sync = std::memchr(bytes + end, 0xFF, held - end);
-        if (sync == nullptr) {
-            end = held;
-            continue;
-        }
-        end = size_t(static_cast<const uint8_t *>(sync) - bytes);
+        end = sync == nullptr ? held : size_t(static_cast<const uint8_t *>(sync) - bytes);
+        if (end > kLongestFrame)
+            return Fail(failure, c.Offset(), "no next FLAC frame header within %zu MiB of this frame's", kLongestFrame >> 20);
+        if (sync == nullptr) continue;
         if (held - end < kLongestHeader && c.Hold(end + kLongestHeader)) continue;
         found = ReadHead(c.Here() + end, c.Held() - end, &next) && Follows(reader->head, next);
         if (!found) ++end;

@@ -21,6 +21,9 @@ constexpr size_t kCrcAt = 22;
 constexpr uint8_t kContinued = 0x01, kFirstPage = 0x02, kLastPage = 0x04;
 constexpr size_t kHeadFixed = 19;  // "OpusHead" up to the mapping family
 constexpr uint32_t kOpusRate = 48000;
+// 48 frames of at most 1275 bytes make the longest packet; a packet laced
+// on beyond this is no Opus packet.
+constexpr size_t kLongestPacket = size_t(1) << 20;
 
 uint64_t GetLE(const uint8_t *at, int bytes) {
     uint64_t value = 0;
@@ -115,6 +118,8 @@ Step QueuePackets(OpusReader *reader, Failure *failure) {
             return Fail(failure, offset, "a packet broken off by the page before is not continued");
         for (const Piece &piece : pieces) {
             const uint8_t *bytes = c.in->bytes.data() + piece.at;
+            if (reader->partial.size() + piece.size > kLongestPacket)
+                return Fail(failure, offset, "a packet laced on past %zu KiB", kLongestPacket >> 10);
             reader->partial.insert(reader->partial.end(), bytes, bytes + piece.size);
             if (!piece.ends) continue;
             const uint32_t samples = reader->partial.empty() ? 0 : PacketSamples(reader->partial.data(), reader->partial.size());
