@@ -1,6 +1,6 @@
 // mp4core mux --od / --scene: the classic writer's path, for the object
 // descriptor and scene description tracks that only it makes. Writes raw
-// MPEG-4 Part 2 video and ADTS AAC streams into an MP4 file through the
+// MPEG-4 visual (VOP) video and ADTS AAC streams into an MP4 file through the
 // classic write calls alone. The streams are read as their bytes arrive
 // (raw_streams.h), and the frames of the two go to the library in
 // decoding-time order, each as soon as it is whole: with --fragmented the

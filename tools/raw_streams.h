@@ -1,5 +1,5 @@
 // The raw streams of the classic writer's path of `mp4core mux` (--od,
-// --scene), read as their bytes arrive: MPEG-4 Part 2 video split into
+// --scene), read as their bytes arrive: MPEG-4 visual (VOP) video split into
 // frames at its planes (mux/mpeg4_split.h), and ADTS AAC split into raw
 // AAC frames here. A frame is handed on as soon as its last byte is known,
 // and the bytes of the frames handed on are let go, so memory stays flat

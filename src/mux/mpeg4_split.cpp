@@ -1,4 +1,4 @@
-// MPEG-4 Part 2 video split into frames at its planes (mpeg4_split.h).
+// MPEG-4 visual (VOP) video split into frames at its planes (mpeg4_split.h).
 #include <algorithm>
 
 #include "media/media.h"

@@ -1,4 +1,4 @@
-// Raw MPEG-4 Part 2 video split into frames at its planes, read as its
+// Raw MPEG-4 visual (VOP) video split into frames at its planes, read as its
 // bytes arrive: the classic writer's path of `mp4core mux` (--od,
 // --scene) and the fixed-timing MPEG-4 reader take it.
 #pragma once

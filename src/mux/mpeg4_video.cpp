@@ -1,4 +1,4 @@
-// Raw MPEG-4 Part 2 video at a fixed rate: frames as mpeg4_split.h finds
+// Raw MPEG-4 visual (VOP) video at a fixed rate: frames as mpeg4_split.h finds
 // them, each a step of the video object layer's fixed increment in ticks
 // of its time increment resolution, or of --fps, else of 25 frames a
 // second. Decode order is presentation order here (no composition
