@@ -235,8 +235,9 @@ int RunMux(const Arguments &arguments) {
     const int32_t flushed = MP4FileFlush(file);
     EndProgress(&progress);
     // A fragmented file keeps the fragments written before a failure; an
-    // unfinished progressive file is removed.
-    const bool keep = fragmented && written > 0;
+    // unfinished progressive file is removed, a finished one whose index
+    // could not be moved in front (-98) is kept.
+    const bool keep = (fragmented && written > 0) || (ok && flushed == -98);
     if (stop.input != nullptr)
         std::fprintf(stderr, "mp4core mux: %s: byte %llu: %s; %s\n", stop.input->path,
                      static_cast<unsigned long long>(stop.failure.offset), stop.failure.why.c_str(),
