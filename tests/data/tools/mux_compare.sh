@@ -4,9 +4,10 @@
 # trip FILE ID EXT [MUX OPTIONS]: extracts track ID of FILE as a stream,
 # muxes it, extracts the muxed track again and prints "same stream" when the
 # two streams are equal byte for byte; then, where FILE has a listing of
-# modern/ (FILE.samples, from ffprobe), "N packets as the source" when every packet
-# of the muxed track has the decode time (from the first), size, key flag,
-# composition offset and CRC-32 of the source's, else both lists.
+# modern/ (FILE.samples, from ffprobe), "N packets as the source" when every
+# packet of the muxed track has the decode time (from the first), size, key
+# flag, composition offset and CRC-32 of the source's (times in microseconds,
+# so that the timescales may differ), else both lists.
 trip() {
   local file=$1 id=$2 ext=$3
   shift 3
@@ -17,8 +18,10 @@ trip() {
   case $file in */modern/*) ;; *) echo; return ;; esac
   if grep -q "^pcm " "$file.samples"; then echo; return; fi
   local a b
-  a=$(awk -v id="$id" '/^track /{on = $2 == id; next} on && !/^#/{print $1, $2, $4, $5, $6}' "$file.samples")
-  b=$("$tool" samples m.mp4 | awk '!/^#/{print $4, $6, $7, $5, $9}')
+  local scale
+  scale=$("$tool" info m.mp4 | awk '/timescale/{print $2 + 0; exit}')
+  a=$(awk -v id="$id" '/^track /{on = $2 == id; ts = $6; next} on && !/^#/{printf "%.0f %s %s %.0f %s\n", $1 * 1e6 / ts, $2, $4, $5 * 1e6 / ts, $6}' "$file.samples")
+  b=$("$tool" samples m.mp4 | awk -v ts="$scale" '!/^#/{printf "%.0f %s %s %.0f %s\n", $4 * 1e6 / ts, $6, $7, $5 * 1e6 / ts, $9}')
   [ "$a" = "$b" ] && echo ", $(echo "$a" | wc -l) packets as the source" || printf "\n%s\n--\n%s\n" "$a" "$b"
 }
 
