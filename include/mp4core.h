@@ -142,7 +142,8 @@ typedef struct MP4TrackSpec {
                                  "av01", "vp09", "mp4v" (video); "mp4a",
                                  "Opus", "ac-3", "ec-3", "fLaC", "alac",
                                  "ipcm", "fpcm", "sowt", "twos", "in24",
-                                 "fl32" (audio); any name for type 0 */
+                                 "fl32", "in32", "fl64", "samr", "sawb"
+                                 (audio); any name for type 0 */
     uint32_t Timescale;       /* "mdhd" ticks per second; not 0 */
     uint32_t Width;           /* video: picture size, 1 to 65535 */
     uint32_t Height;
@@ -487,9 +488,10 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * gives it the next track ID (from 1). The library builds the sample
  * entry: a visual or sound entry with the format's configuration atom
  * around trackSpec->Config ("avcC", "hvcC", "av1C", "vpcC", "dOps", "dac3",
- * "dec3", "dfLa", "alac"; for "mp4a"/"mp4v" an "esds" around the
+ * "dec3", "dfLa", "alac", "damr"; for "mp4a"/"mp4v" an "esds" around the
  * DecoderSpecificInfo; for "ipcm"/"fpcm" a big-endian "pcmC" from
- * BitsPerSample; none for "sowt", "twos", "in24", "fl32"), and "pasp"
+ * BitsPerSample; none for "sowt", "twos", "in24", "in32", "fl32",
+ * "fl64"), and "pasp"
  * when the pixel aspect is not 1:1. A track of type 0 gets an entry of
  * its Format whose body behind the data reference index is trackSpec->Config
  * as given, under a "hdlr" of trackSpec->Handler. PCM tracks hold one frame
@@ -511,7 +513,8 @@ MP4CORE_API int32_t MP4FileFlush(MP4_local_file *file);
  * the format: an "avcC"/"hvcC" record without version 1 (or shorter than
  * 7/23 bytes), an "av1C" without its marker, a "vpcC" under 8 bytes, a
  * "dOps" missing or not version 0, a "dac3" other than 3 bytes, a "dec3"
- * under 5, a "dfLa" that does not start with STREAMINFO, an "alac" under
+ * under 5, a "dfLa" that does not start with STREAMINFO, a "damr" other
+ * than 9 bytes, an "alac" under
  * 24 bytes, AAC without its AudioSpecificConfig, any Config for PCM, a
  * Config above 1 MiB or null with a size; -93 no memory; -92 the handle
  * holds 4096 tracks. Nothing is added on a failure.

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job on the sample data shipped in the repository: build the
 # tool, mux the raw MPEG-4 video and ADTS AAC samples into an MP4 file,
-# then show its atom tree, its summary, and extract its audio again; then
+# then show its atom tree, its summary, and extract its audio again; mux
+# a video and an audio stream made by FFmpeg and describe the file; then
 # read an H.264/AAC file made by FFmpeg with the modern reader: its tracks
 # and the first of its samples; then write the samples again as a
 # fragmented file fed from standard input, read fragmented files FFmpeg
@@ -23,6 +24,9 @@ echo "== info out/demo.mp4"
 $tool info out/demo.mp4
 echo "== extract the audio track of out/demo.mp4 -> out/demo.aac"
 $tool extract out/demo.mp4 --track 2 -o out/demo.aac
+echo "== mux $data/mux/demo.m4v + $data/mux/demo.aac (streams made by FFmpeg, formats found from their first bytes) -> out/demo_streams.mp4"
+$tool mux -o out/demo_streams.mp4 $data/mux/demo.m4v $data/mux/demo.aac
+$tool info out/demo_streams.mp4
 echo "== dump $data/mpeg4_aac.mp4 (made by FFmpeg)"
 $tool dump $data/mpeg4_aac.mp4
 echo "== info $data/modern/h264_aac.mp4 (H.264 with B-frames and AAC, made by FFmpeg)"

@@ -60,7 +60,7 @@ bool Parse(const CommandRow &command, int argc, char **argv, Arguments *argument
     for (int i = 0; i < argc; ++i) {
         const char *word = argv[i];
         if (!LooksLikeOption(word)) {
-            if (arguments->operands.size() == command.operandCount) {
+            if (arguments->operands.size() == command.operandCount && !command.anyOperands) {
                 UsageError(command, "unexpected argument '%s'", word);
                 return false;
             }
@@ -83,7 +83,7 @@ bool Parse(const CommandRow &command, int argc, char **argv, Arguments *argument
         arguments->options.push_back({option, value});
     }
     // Something missing: the usage line says what is needed.
-    bool complete = arguments->operands.size() == command.operandCount;
+    bool complete = arguments->operands.size() == command.operandCount || command.anyOperands;
     for (size_t i = 0; i < command.optionCount; ++i) {
         if (command.options[i].required && !HasOption(*arguments, command.options[i].name))
             complete = false;
@@ -100,7 +100,8 @@ bool IsHelpWord(const char *word) {
 
 void PrintUsageLine(const CommandRow &command, FILE *out) {
     std::string line = std::string("usage: mp4core ") + command.name;
-    for (size_t i = 0; i < command.operandCount; ++i) line += std::string(" ") + command.operands[i].name;
+    for (size_t i = 0; i < command.operandCount; ++i)
+        line += command.anyOperands ? std::string(" [") + command.operands[i].name + "]..." : std::string(" ") + command.operands[i].name;
     for (size_t i = 0; i < command.optionCount; ++i) {
         const OptionRow &option = command.options[i];
         const std::string text = OptionWithValue(option);

@@ -1,340 +1,291 @@
-// mp4core mux: writes raw MPEG-4 Part 2 video and ADTS AAC streams into an
-// MP4 file through the public write API alone. The streams are read as
-// their bytes arrive (raw_streams.h), and the frames of the two go to the
-// library in decoding-time order, each as soon as it is whole: with
-// --fragmented the file is written while they come.
-//
-// Time stamps step by the video stream's fixed VOP increment in ticks of
-// its time increment resolution, or by --fps; audio by 1024 samples in
-// ticks of the sampling rate.
+// mp4core mux: elementary streams into an MP4 file through the public
+// write calls alone (MP4FileNewEx, MP4AddTrack, MP4WriteSample,
+// MP4FileFlush). Each input is a file or standard input, read as its bytes
+// come; its format is found by the probes of the stream readers
+// (src/mux) on its first bytes, and it becomes one track. The samples of
+// all inputs go to the library in decoding-time order, each as soon as its
+// reader has it. --od and --scene take the classic writer's path
+// (mux_classic.cpp), the one that makes those tracks.
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "mp4core.h"
+#include "mux/mux.h"
+#include "mux_classic.h"
 #include "progress.h"
-#include "raw_streams.h"
 #include "result_text.h"
 
 namespace {
 
-constexpr size_t kMaxConfigBytes = 52;  // what CreateTrack takes
-constexpr uint32_t kDefaultFps = 25;
-constexpr uint32_t kAacFrameSamples = 1024;
-constexpr uint32_t kAdtsHeader = 7;
-constexpr uint32_t kAdtsSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                         22050, 16000, 12000, 11025, 8000,  7350};
+constexpr size_t kProbeBytes = 4096;
 
-struct Options {
-    const char *output = nullptr;
-    const char *video = nullptr;
-    const char *audio = nullptr;
-    bool od = false;
-    bool scene = false;
-    bool fragmented = false;
-    bool verbose = false;
-    uint32_t fps = 0;
+struct Input {
+    const char *path = nullptr;
+    int32_t trackType = 0;  // 1 --video, 2 --audio, 0 an operand (any format)
+    mux::ByteStream in;
+    const mux::Format *format = nullptr;
+    mux::Reader *reader = nullptr;
+    mux::TrackDescription track;
+    uint32_t trackId = 0;
+    mux::Sample sample;
+    bool pending = false;  // `sample` waits to be written
+    bool done = false;
+    uint64_t written = 0;
 };
 
-// Fills `o`; a bad --fps is a usage error, whose exit status comes back in
-// `status`.
-bool ReadOptions(const Arguments &arguments, Options *o, int *status) {
-    o->output = OptionValue(arguments, "-o");
-    o->video = OptionValue(arguments, "--video");
-    o->audio = OptionValue(arguments, "--audio");
-    o->od = HasOption(arguments, "--od");
-    o->scene = HasOption(arguments, "--scene");
-    o->fragmented = HasOption(arguments, "--fragmented");
-    o->verbose = HasOption(arguments, "--verbose");
-    const char *fps = OptionValue(arguments, "--fps");
-    if (fps != nullptr && (!ParseU32(fps, &o->fps) || o->fps == 0)) {
-        *status = UsageError(kMuxCommand, "--fps takes a whole number above 0, not '%s'", fps);
+// "N" or "N/D", both above 0.
+bool ParseFps(const char *text, mux::Options *options) {
+    std::string whole(text);
+    const size_t slash = whole.find('/');
+    uint32_t numerator = 0, denominator = 1;
+    if (!ParseU32(whole.substr(0, slash).c_str(), &numerator) ||
+        (slash != std::string::npos && !ParseU32(whole.substr(slash + 1).c_str(), &denominator)))
         return false;
-    }
-    return true;
+    options->fpsNumerator = numerator;
+    options->fpsDenominator = denominator;
+    return numerator != 0 && denominator != 0;
 }
 
-// Time scale and step of the video frames.
-void ChooseVideoClock(const VideoTiming &timing, uint32_t fps, uint32_t *timescale,
-                      uint32_t *step) {
-    if (fps == 0 && timing.fixedIncrement != 0) {
-        *timescale = timing.resolution;
-        *step = timing.fixedIncrement;
-        return;
+// The first format of the input's type whose probe takes its first bytes.
+const mux::Format *ProbeFormat(Input *input) {
+    mux::Hold(&input->in, kProbeBytes);
+    const mux::Bytes &head = input->in.bytes;
+    for (size_t i = 0; i < mux::kFormatCount; ++i) {
+        const mux::Format &format = mux::kFormats[i];
+        if (input->trackType != 0 && format.trackType != input->trackType) continue;
+        if (format.probe(head.data(), head.size() < kProbeBytes ? head.size() : kProbeBytes)) return &format;
     }
-    if (fps == 0) {
-        fps = kDefaultFps;
-        std::fprintf(stderr, "mp4core mux: the stream has no fixed rate; %u frames per second\n",
-                     fps);
-    }
-    *timescale = timing.resolution % fps == 0 ? timing.resolution : fps;
-    *step = *timescale / fps;
+    return nullptr;
 }
 
-int Fail(const char *what) {
-    std::fprintf(stderr, "mp4core %s: %s\n", kMuxCommand.name, what);
+int Fail(const Input &input, const char *format, const char *why) {
+    std::fprintf(stderr, "mp4core mux: %s: ", input.path);
+    std::fprintf(stderr, format, why);
+    std::fprintf(stderr, "\n");
     return 1;
 }
 
-// A failed call of the write run, reported with what it was about.
-bool Refused(Progress *progress, const char *call, int32_t result, const char *what,
-             size_t index = SIZE_MAX) {
-    EndProgress(progress);
-    char context[64];
-    if (index == SIZE_MAX)
-        std::snprintf(context, sizeof context, "%s", what);
-    else
-        std::snprintf(context, sizeof context, "%s %zu", what, index);
-    ReportFailure(kMuxCommand.name, call, result, context);
-    return false;
-}
-
-// Names of the temp files beside the output. The library keeps the
-// pointers until the flush has ended, so these live as long as the run.
-// A fragmented file needs none.
-struct TempNames {
-    std::string video;
-    std::string audio;
-    const char *Video(bool fragmented) const { return fragmented ? nullptr : video.c_str(); }
-    const char *Audio(bool fragmented) const { return fragmented ? nullptr : audio.c_str(); }
-};
-
-// Frame n of an input lies at n * step ticks of timescale.
-struct Clock {
-    uint32_t timescale;
-    uint32_t step;
-};
-
-uint32_t AdtsSampleRate(const uint8_t adts[kAdtsHeader]) {
-    const uint32_t frequency = (adts[2] >> 2) & 0x0F;
-    return frequency < 13 ? kAdtsSampleRates[frequency] : 0;
-}
-
-// Every track before the first frame, as a fragmented file needs.
-bool CreateTracks(MP4_local_file *file, const Options &o, const TempNames &temp,
-                  const VideoStream &video, const AudioStream &audio, Clock *videoClock,
-                  Clock *audioClock, Progress *progress) {
-    int32_t result = 1;
-    if (o.video != nullptr) {
-        ChooseVideoClock(video.timing, o.fps, &videoClock->timescale, &videoClock->step);
-        result = CreateTrack(file, MP4_TRACK_VIDEO, video.width, video.height,
-                             uint16_t(video.timing.resolution), videoClock->timescale, video.profile,
-                             0, 0, 0, uint32_t(video.config.size()),
-                             video.config.empty() ? nullptr : video.config.data(),
-                             temp.Video(o.fragmented), 0);
-        if (result != 1) return Refused(progress, "CreateTrack", result, "video track");
-    }
-    if (o.audio != nullptr) {
-        const uint8_t *adts = audio.header;
-        *audioClock = {AdtsSampleRate(adts), kAacFrameSamples};
-        if (adts[2] != 0) {
-            // The header itself carries object type, rate and channels.
-            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, audioClock->timescale, 0, 0, 0, 0,
-                                 kAdtsHeader, adts, temp.Audio(o.fragmented), 0);
-        } else {
-            const uint32_t frequency = (adts[2] >> 2) & 0x0F;
-            const uint32_t channels = ((adts[2] & 1u) << 2) | (adts[3] >> 6);
-            const uint8_t config[2] = {uint8_t((1 << 3) | (frequency >> 1)),
-                                       uint8_t(((frequency & 1) << 7) | (channels << 3))};
-            result = CreateTrack(file, MP4_TRACK_AUDIO, 0, 0, 0, audioClock->timescale, 0, 0, 0, 0,
-                                 2, config, temp.Audio(o.fragmented), 0);
+// Opens every input as far as its track's description; false after a report.
+bool OpenInputs(std::vector<Input> &inputs, const mux::Options &options) {
+    for (Input &input : inputs) {
+        if (!mux::OpenByteStream(input.path, &input.in)) return Fail(input, "%s", "can't be opened"), false;
+        input.format = ProbeFormat(&input);
+        if (input.format == nullptr) {
+            const char *kind = input.trackType == 1 ? "video " : input.trackType == 2 ? "audio " : "";
+            std::string why = std::string("no ") + kind + "stream format begins its first bytes (mux takes:";
+            for (size_t i = 0; i < mux::kFormatCount; ++i) why += std::string(i ? ", " : " ") + mux::kFormats[i].name;
+            return Fail(input, "%s)", why.c_str()), false;
         }
-        if (result != 1) return Refused(progress, "CreateTrack", result, "audio track");
-    }
-    if (o.od) {
-        result = CreateTrack(file, MP4_TRACK_OD, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-        if (result != 1) return Refused(progress, "CreateTrack", result, "object descriptor track");
-    }
-    if (o.scene) {
-        result = CreateTrack(file, MP4_TRACK_SCENE, 0, 0, 0, 1000, 0, 0, 0, 0, 0, nullptr, nullptr, 0);
-        if (result != 1) return Refused(progress, "CreateTrack", result, "scene description track");
+        mux::Failure failure;
+        input.reader = input.format->open(&input.in, options, &input.track, &failure);
+        if (input.reader == nullptr) {
+            std::fprintf(stderr, "mp4core mux: %s: byte %llu: %s\n", input.path,
+                         static_cast<unsigned long long>(failure.offset), failure.why.c_str());
+            return false;
+        }
+        if (!input.track.notice.empty()) std::fprintf(stderr, "mp4core mux: %s\n", input.track.notice.c_str());
     }
     return true;
 }
 
-// The frames of both inputs, in decoding-time order (video first at equal
-// times), each handed on when it is whole. Counts the frames handed on;
-// false once a call was refused or an input broke off.
-struct Feed {
-    uint64_t video = 0;
-    uint64_t audio = 0;
-};
-
-bool FeedFrames(MP4_local_file *file, const Options &o, VideoStream *video, AudioStream *audio,
-                const Clock &videoClock, const Clock &audioClock, Progress *progress, Feed *fed) {
-    bool videoLeft = o.video != nullptr, audioLeft = o.audio != nullptr;
-    while (videoLeft || audioLeft) {
-        // The share done: the bytes of the inputs up to the frames handed on.
-        UpdateProgressShare(progress, fed->video + fed->audio,
-                            video->in.consumed + video->frameStart + audio->in.consumed + audio->next);
-        using Wide = unsigned __int128;
-        const bool takeVideo =
-            videoLeft && (!audioLeft || Wide(fed->video) * videoClock.step * audioClock.timescale <=
-                                            Wide(fed->audio) * audioClock.step * videoClock.timescale);
-        RawFrame frame{};
-        const uint64_t n = takeVideo ? fed->video : fed->audio;
-        const uint32_t time = uint32_t(n * (takeVideo ? videoClock.step : audioClock.step));
-        int32_t result = 1;
-        if (takeVideo) {
-            videoLeft = NextVideoFrame(video, &frame);
-            if (!videoLeft) continue;
-            result = AddVideoFrame(file, uint32_t(frame.size), frame.data, 0, time, frame.key ? 1 : 0, 0);
-        } else {
-            audioLeft = NextAudioFrame(audio, &frame);
-            if (!audioLeft) continue;
-            result = AddAudioFrame(file, uint32_t(frame.size), frame.data, time);
-        }
-        const char *kind = takeVideo ? "video" : "audio";
-        if (result != 1)
-            return Refused(progress, takeVideo ? "AddVideoFrame" : "AddAudioFrame", result,
-                           takeVideo ? "video frame" : "audio frame", size_t(n));
-        ++(takeVideo ? fed->video : fed->audio);
-        if (o.verbose)
-            std::fprintf(stderr, "mp4core mux: %s frame %llu at %u, %zu bytes%s\n", kind,
-                         static_cast<unsigned long long>(n), time, frame.size,
-                         frame.key ? ", key" : "");
+bool AddTracks(MP4_local_file *file, std::vector<Input> &inputs) {
+    for (Input &input : inputs) {
+        MP4TrackSpec spec = input.track.spec;
+        spec.Config = input.track.config.empty() ? nullptr : input.track.config.data();
+        spec.ConfigSize = uint32_t(input.track.config.size());
+        const int32_t result = MP4AddTrack(file, &spec, &input.trackId);
+        if (result != 1) return ReportFailure("mux", "MP4AddTrack", result, input.path) == 0;
     }
-    const char *broken = video->in.failed   ? "can't read the video stream to its end"
-                         : audio->in.failed ? "can't read the audio stream to its end"
-                         : audio->broken    ? "the audio stream breaks off in bytes that are no whole ADTS frame"
-                                            : nullptr;
-    if (broken == nullptr) return true;
-    EndProgress(progress);
-    char why[160];
-    std::snprintf(why, sizeof why, "%s; the file holds the %llu video and %llu audio frames before",
-                  broken, static_cast<unsigned long long>(fed->video),
-                  static_cast<unsigned long long>(fed->audio));
-    Fail(why);
-    return false;
+    return true;
 }
 
 // Bytes of the inputs, for the progress line; 0 (unknown) when one is
 // standard input or not a file.
-uint64_t InputBytes(const ByteStream &video, const ByteStream &audio) {
+uint64_t InputBytes(const std::vector<Input> &inputs) {
     uint64_t total = 0;
-    for (const ByteStream *in : {&video, &audio}) {
+    for (const Input &input : inputs) {
         struct stat status;
-        if (in->fd < 0) continue;
-        if (!in->owned || fstat(in->fd, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+        if (!input.in.seekable || fstat(input.in.fd, &status) != 0) return 0;
         total += uint64_t(status.st_size);
     }
     return total;
 }
 
-// Size of a file, or -1 if it can't be opened.
-long FileSize(const char *path) {
-    FILE *in = std::fopen(path, "rb");
-    if (in == nullptr) return -1;
-    long size = -1;
-    if (std::fseek(in, 0, SEEK_END) == 0) size = std::ftell(in);
-    std::fclose(in);
-    return size;
+// Why the run stopped early, if it did.
+struct Stop {
+    const Input *input = nullptr;  // the input that broke off
+    mux::Failure failure;
+    bool writeFailed = false;
+};
+
+// Hands every sample on, the earliest decode time (in seconds) first, the
+// inputs in their order at equal times. Counts the samples written.
+void WriteSamples(MP4_local_file *file, std::vector<Input> &inputs, bool verbose, Progress *progress,
+                  uint64_t *written, Stop *stop) {
+    for (;;) {
+        Input *next = nullptr;
+        uint64_t read = 0;
+        for (Input &input : inputs) {
+            read += input.in.consumed;
+            if (input.done) continue;
+            if (!input.pending) {
+                const mux::Step step = input.format->next(input.reader, &input.sample, &stop->failure);
+                if (step == mux::Step::kFailed) {
+                    stop->input = &input;
+                    return;
+                }
+                input.pending = step == mux::Step::kSample;
+                input.done = step == mux::Step::kEnd;
+                if (input.done) continue;
+            }
+            using Wide = unsigned __int128;
+            if (next == nullptr || Wide(input.sample.decodeTime) * next->track.spec.Timescale <
+                                       Wide(next->sample.decodeTime) * input.track.spec.Timescale)
+                next = &input;
+        }
+        UpdateProgressShare(progress, *written, read);
+        if (next == nullptr) return;
+        const mux::Sample &s = next->sample;
+        MP4WriteInfo info{};
+        info.DecodeTime = s.decodeTime;
+        info.CompositionOffset = s.compositionOffset;
+        info.Duration = s.duration;
+        info.Size = uint32_t(s.size);
+        info.Flags = s.key ? MP4_SAMPLE_KEY : 0;
+        const int32_t result = MP4WriteSample(file, next->trackId, &info, s.data);
+        if (result != 1) {
+            EndProgress(progress);
+            char context[300];
+            std::snprintf(context, sizeof context, "%s sample %llu", next->path,
+                          static_cast<unsigned long long>(next->written));
+            ReportFailure("mux", "MP4WriteSample", result, context);
+            stop->writeFailed = true;
+            return;
+        }
+        if (verbose)
+            std::fprintf(stderr, "mp4core mux: %s frame %llu at %llu, %zu bytes%s\n",
+                         next->track.spec.TrackType == MP4_TRACK_VIDEO ? "video" : "audio",
+                         static_cast<unsigned long long>(next->written),
+                         static_cast<unsigned long long>(s.decodeTime), s.size, s.key ? ", key" : "");
+        ++next->written;
+        ++*written;
+        next->pending = false;
+    }
 }
 
 int RunMux(const Arguments &arguments) {
-    Options o;
-    int status = 0;
-    if (!ReadOptions(arguments, &o, &status)) return status;
+    const char *output = OptionValue(arguments, "-o");
+    const bool fragmented = HasOption(arguments, "--fragmented");
+    mux::Options options;
+    const char *fps = OptionValue(arguments, "--fps");
+    if (fps != nullptr && !ParseFps(fps, &options))
+        return UsageError(kMuxCommand, "--fps takes a whole number above 0 or a fraction such as 30000/1001, not '%s'", fps);
+    if (HasOption(arguments, "--od") || HasOption(arguments, "--scene")) {
+        if (!arguments.operands.empty() || HasOption(arguments, "--faststart") || options.fpsDenominator > 1)
+            return UsageError(kMuxCommand, "--od and --scene take --video, --audio, a whole --fps and --fragmented only");
+        return RunClassicMux(arguments, options.fpsNumerator);
+    }
+    if (fragmented && HasOption(arguments, "--faststart"))
+        return UsageError(kMuxCommand, "--faststart and --fragmented exclude each other");
+    std::vector<const char *> paths;
+    std::vector<int32_t> types;
+    for (const char *option : {"--video", "--audio"}) {
+        if (const char *path = OptionValue(arguments, option)) {
+            paths.push_back(path);
+            types.push_back(option[2] == 'v' ? MP4_TRACK_VIDEO : MP4_TRACK_AUDIO);
+        }
+    }
+    for (const char *operand : arguments.operands) paths.push_back(operand), types.push_back(0);
+    if (paths.empty()) return UsageError(kMuxCommand, "no input given");
+    std::vector<Input> inputs(paths.size());
+    for (size_t i = 0; i < paths.size(); ++i) inputs[i].path = paths[i], inputs[i].trackType = types[i];
+    struct Closer {
+        std::vector<Input> &inputs;
+        ~Closer() {
+            for (Input &input : inputs) {
+                if (input.reader != nullptr) input.format->close(input.reader);
+                mux::CloseByteStream(&input.in);
+            }
+        }
+    } closer{inputs};
+    if (!OpenInputs(inputs, options)) return 1;
     // A file-size limit then makes a write fail, which the library reports,
     // instead of ending the process.
     signal(SIGXFSZ, SIG_IGN);
 
-    VideoStream video;
-    AudioStream audio;
-    if (o.video != nullptr && !OpenByteStream(o.video, &video.in)) return Fail("can't read the video stream");
-    if (o.audio != nullptr && !OpenByteStream(o.audio, &audio.in)) return Fail("can't read the audio stream");
-    struct Closer {
-        VideoStream &video;
-        AudioStream &audio;
-        ~Closer() {
-            CloseByteStream(&video.in);
-            CloseByteStream(&audio.in);
-        }
-    } closer{video, audio};
-    if (o.video != nullptr && !ReadVideoHeader(&video))
-        return Fail(video.in.failed ? "can't read the video stream"
-                                    : "no MPEG-4 video object layer and plane in the video stream");
-    if (o.audio != nullptr && !ReadAudioHeader(&audio))
-        return Fail(audio.in.failed ? "can't read the audio stream" : "the audio stream is no ADTS stream");
-    if (video.config.size() > kMaxConfigBytes) {
-        char why[160];
-        std::snprintf(why, sizeof why,
-                      "the video headers in front of the first plane take %zu bytes without user "
-                      "data, and CreateTrack takes at most %zu",
-                      video.config.size(), kMaxConfigBytes);
-        return Fail(why);
-    }
-    if (o.audio != nullptr && AdtsSampleRate(audio.header) == 0)
-        return Fail("the ADTS header names no sampling rate (frequency index above 12)");
-
+    const uint32_t flags = fragmented ? MP4_NEW_FRAGMENTED
+                                      : MP4_NEW_PROGRESSIVE | (HasOption(arguments, "--faststart") ? MP4_NEW_FASTSTART : 0);
     MP4_local_file *file = nullptr;
-    const char *newCall = o.fragmented ? "MP4FileNewEx" : "MP4FileNew";
-    const int32_t created = o.fragmented ? MP4FileNewEx(&file, o.output, MP4_NEW_FRAGMENTED)
-                                         : MP4FileNew(&file, o.output);
-    if (created != 1) return ReportFailure(kMuxCommand.name, newCall, created);
-
-    Progress progress = StartProgress(kMuxCommand.name, "frames", InputBytes(video.in, audio.in));
-    const TempNames temp{std::string(o.output) + ".video.tmp", std::string(o.output) + ".audio.tmp"};
-    Clock videoClock{}, audioClock{};
-    Feed fed;
-    const bool ok = CreateTracks(file, o, temp, video, audio, &videoClock, &audioClock, &progress) &&
-                    FeedFrames(file, o, &video, &audio, videoClock, audioClock, &progress, &fed);
-    if (ok)
-        NoteProgress(&progress, fed.video + fed.audio, BytesRead(video.in) + BytesRead(audio.in),
-                     "writing the file");
-    // The flush is also what releases the handle, so it runs after a
-    // refusal too. A classic file is then thrown away; a fragmented one
-    // keeps the fragments written before.
+    const int32_t created = MP4FileNewEx(&file, output, flags);
+    if (created != 1) return ReportFailure("mux", "MP4FileNewEx", created, output);
+    Progress progress = StartProgress("mux", "frames", InputBytes(inputs));
+    uint64_t written = 0;
+    Stop stop;
+    const bool added = AddTracks(file, inputs);
+    if (added) WriteSamples(file, inputs, HasOption(arguments, "--verbose"), &progress, &written, &stop);
+    const bool ok = added && stop.input == nullptr && !stop.writeFailed;
+    if (ok) NoteProgress(&progress, written, InputBytes(inputs), "writing the file");
     const int32_t flushed = MP4FileFlush(file);
     EndProgress(&progress);
-    const bool keep = o.fragmented && fed.video + fed.audio > 0;
-    if (!ok) {
-        if (!keep) std::remove(o.output);
-        return 1;
-    }
-    if (flushed != 1) return ReportFailure(kMuxCommand.name, "MP4FileFlush", flushed);
-    // The flush gives 1 even when it wrote nothing; its reason is then on
-    // standard output.
-    if (FileSize(o.output) <= 0) {
-        std::remove(o.output);
-        return Fail("MP4FileFlush wrote no file");
-    }
-    return 0;
+    // A fragmented file keeps the fragments written before a failure; an
+    // unfinished progressive file is removed, a finished one whose index
+    // could not be moved in front (-98) is kept.
+    const bool keep = (fragmented && written > 0) || (ok && flushed == -98);
+    if (stop.input != nullptr)
+        std::fprintf(stderr, "mp4core mux: %s: byte %llu: %s; %s\n", stop.input->path,
+                     static_cast<unsigned long long>(stop.failure.offset), stop.failure.why.c_str(),
+                     keep ? "the file holds the samples before" : "no file is left");
+    if (ok && flushed != 1) ReportFailure("mux", "MP4FileFlush", flushed);
+    if (ok && flushed == 1) return 0;
+    if (!keep) std::remove(output);
+    return 1;
 }
+
+constexpr OperandRow kOperands[] = {
+    {"INPUT", "a stream file, or - for standard input; its format is found from its first bytes"},
+};
 
 constexpr OptionRow kOptions[] = {
     {"-o", "OUT.mp4", true, false, "the MP4 file to write"},
-    {"--video", "IN.m4v", false, false, "a raw MPEG-4 Part 2 video stream; - reads standard input"},
-    {"--audio", "IN.aac", false, false, "an ADTS AAC stream; - reads standard input"},
-    {"--od", nullptr, false, false, "add an object descriptor track"},
-    {"--scene", nullptr, false, false, "add a scene description track"},
-    {"--fps", "N", false, false, "frames per second of the video (default: the stream's own rate, else 25)"},
-    {"--fragmented", nullptr, false, false, "write the file in fragments while the frames come (MP4FileNewEx)"},
-    {"--verbose", nullptr, false, false, "one line per frame handed to the library, on standard error"},
+    {"--video", "IN", false, false, "a video stream, as an INPUT taken first"},
+    {"--audio", "IN", false, false, "an audio stream, as an INPUT taken behind --video"},
+    {"--fps", "RATE", false, false, "frames per second of a video stream without its own rate: N or N/D (30000/1001)"},
+    {"--fragmented", nullptr, false, false, "write the file in fragments while the samples come"},
+    {"--faststart", nullptr, false, false, "put the index (moov) in front of the media"},
+    {"--od", nullptr, false, false, "add an object descriptor track (the classic writer; --video/--audio only)"},
+    {"--scene", nullptr, false, false, "add a scene description track (the classic writer; --video/--audio only)"},
+    {"--verbose", nullptr, false, false, "one line per sample handed to the library, on standard error"},
 };
 
 }  // namespace
 
 extern const CommandRow kMuxCommand = {
     "mux",
-    "raw MPEG-4 video and ADTS AAC streams into an MP4 file",
-    nullptr, 0, kOptions, CountOf(kOptions),
-    "\nWrites the streams through the library's write calls alone (MP4FileNew,\n"
-    "CreateTrack, AddVideoFrame, AddAudioFrame, MP4FileFlush). The streams are\n"
-    "read as their bytes come, and each frame goes to the library as soon as it\n"
-    "is whole, the frames of the two streams in decoding-time order. Temp files\n"
-    "OUT.mp4.video.tmp and OUT.mp4.audio.tmp are made beside the output and\n"
-    "removed by the flush. With --fragmented (MP4FileNewEx) there are none: the\n"
-    "file is written in fragments of one to two seconds while the frames come,\n"
-    "so that a process that is killed leaves every whole fragment readable; a\n"
-    "failed write (a full disk, a file-size limit) keeps the fragments before it.\n"
-    "An input that breaks off leaves the frames before it in the file (exit 1).\n"
-    "On a terminal, standard error shows the progress.\n",
+    "elementary streams (video, AAC, MP3, AC-3, Opus, FLAC, WAV, AMR) into an MP4 file",
+    kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
+    "\nEach input becomes one track, in the order given (--video, --audio, then\n"
+    "the INPUTs). Its format is found from its first bytes: MPEG-4 video, ADTS\n"
+    "AAC, MPEG audio (MP3), AC-3 and E-AC-3, Ogg Opus, FLAC, WAV (PCM), AMR and\n"
+    "AMR-WB. The streams are read as their bytes come, and each sample goes to\n"
+    "the library as soon as it is whole, the samples of all inputs in\n"
+    "decoding-time order, through MP4FileNewEx, MP4AddTrack, MP4WriteSample and\n"
+    "MP4FileFlush: a progressive file (\"moov\" behind the media, in front with\n"
+    "--faststart), or with --fragmented one written in fragments of one to two\n"
+    "seconds while the samples come, so that a process that is killed leaves\n"
+    "every whole fragment readable. --od and --scene take the classic writer\n"
+    "(MP4FileNew, CreateTrack, AddVideoFrame, AddAudioFrame), the one that makes\n"
+    "those tracks, with --video (MPEG-4) and --audio (ADTS) only.\n"
+    "A failed write or an input that breaks off or can't be parsed ends the run\n"
+    "with exit status 1 and a message that names the input, the byte and why;\n"
+    "a fragmented file then keeps the samples before, a progressive one is\n"
+    "removed. On a terminal, standard error shows the progress.\n",
     RunMux,
+    true,
 };

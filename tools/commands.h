@@ -41,11 +41,12 @@ struct CommandRow {
     const char *name;
     const char *summary;  // one line of `mp4core --help`
     const OperandRow *operands;
-    size_t operandCount;  // the command takes exactly these
+    size_t operandCount;  // the command takes exactly these (see anyOperands)
     const OptionRow *options;
     size_t optionCount;
     const char *details;  // what the command prints and how; lines ending in \n
     int (*run)(const Arguments &arguments);
+    bool anyOperands = false;  // the one operand may be given any number of times, or not at all
 };
 
 template <size_t N>

@@ -189,7 +189,9 @@ constexpr ResultText kResultTexts[] = {
     {"MP4WriteSample", -99, "a write to the file failed (a full disk, a file-size limit)"},
     {"MP4WriteSample", -98, "the handle is not a progressive or fragmented write handle"},
     {"MP4WriteSample", -97, "no track with this ID"},
-    {"MP4WriteSample", -96, "a reserved word, an unknown flag or a description index above 1"},
+    {"MP4WriteSample", -96,
+     "a reserved word, an unknown flag, a description index past the track's entries, or a new "
+     "fragment asked for on a track that does not lead"},
     {"MP4WriteSample", -95, "the decode time does not rise"},
     {"MP4WriteSample", -94, "a PCM sample that is not a whole number of frames"},
     {"MP4WriteSample", -93, "no memory"},
@@ -205,6 +207,8 @@ constexpr ResultText kResultTexts[] = {
      "the frame was refused: no audio track, a time stamp below the last one, a temp file past "
      "4 GiB, no memory, or a failed write to the temp file (fragmented: to the file, which ends "
      "at its last whole fragment)"},
+    {"MP4FileFlush", -98,
+     "the file is complete with its index at the end, but moving the index in front failed"},
     {"MP4FileFlush", -99,
      "no file handle, or (fragmented) the last fragment or the index could not be written"},
 };

@@ -129,7 +129,6 @@ bool WalkEsds(const uint8_t *bytes, size_t size, uint8_t *objectType, size_t *in
 
 namespace {
 
-constexpr uint32_t kAc3Channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
 // Channels of the loudspeaker layouts 0 to 20 that an MPEG-H configuration
 // names as its reference layout (0: none stated).
 constexpr uint32_t kLayoutChannels[21] = {0, 1, 2, 3, 4, 5, 6, 8, 2, 3, 4,
@@ -213,7 +212,6 @@ void ReadAudioSpecificConfig(const uint8_t *config, uint32_t size, uint32_t *rat
     }
     if (sbr && !noStereo && *channels == 1) *channels = 2;
 }
-constexpr uint32_t kAc3Rates[3] = {48000, 44100, 32000};
 
 // Rate and channels of an MPEG audio frame header; false when the four
 // bytes are no such header.
@@ -222,8 +220,7 @@ bool MpegAudioHeader(const uint8_t h[4], uint32_t *rate, uint32_t *channels) {
     const uint32_t version = (h[1] >> 3) & 3;  // 3: MPEG-1, 2: MPEG-2, 0: MPEG-2.5
     const uint32_t index = (h[2] >> 2) & 3;
     if (version == 1 || index == 3) return false;
-    constexpr uint32_t kRates[3] = {44100, 48000, 32000};
-    *rate = kRates[index] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+    *rate = kMpegAudioRates[index] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
     *channels = (h[3] >> 6) == 3 ? 1 : 2;
     return true;
 }
@@ -333,12 +330,12 @@ void ReadAudioParameters(Root_atom *root, const AtomNode *entry, uint64_t firstS
         *channels = config[1];
     } else if (AtomNameEquals(atom->AtomName, "dac3") && size >= 2) {
         const uint32_t fscod = config[0] >> 6;
-        if (fscod < 3) *rate = kAc3Rates[fscod];
-        *channels = kAc3Channels[(config[1] >> 3) & 7] + ((config[1] >> 2) & 1);
+        if (fscod < 3) *rate = kAc3SampleRates[fscod];
+        *channels = kAc3ModeChannels[(config[1] >> 3) & 7] + ((config[1] >> 2) & 1);
     } else if (AtomNameEquals(atom->AtomName, "dec3") && size >= 5) {
         const uint32_t fscod = config[2] >> 6;
-        if (fscod < 3) *rate = kAc3Rates[fscod];
-        *channels = kAc3Channels[(config[3] >> 1) & 7] + (config[3] & 1);
+        if (fscod < 3) *rate = kAc3SampleRates[fscod];
+        *channels = kAc3ModeChannels[(config[3] >> 1) & 7] + (config[3] & 1);
     } else if (AtomNameEquals(atom->AtomName, "dfLa") && size >= 4 + 18) {
         // Behind the 4-byte block head, STREAMINFO: rate in 20 bits at byte
         // 10, channels less one in the next 3.

@@ -99,6 +99,14 @@ size_t AtomRecordBytes(const AtomNode *atom);
 // 1, or -1 when the atom has none inside it.
 int32_t FindDecoderSpecificInfo(const uint8_t *esds, size_t length, size_t *offset, size_t *size);
 
+// Sampling rates by AC-3's fscod (0 to 2), channels by its acmod (without
+// the LFE), and MPEG-1 audio's rates by its sampling frequency index
+// (halved for MPEG-2, quartered for MPEG-2.5): what "dac3", "dec3" and the
+// frame headers say, for the readers and for mux.
+constexpr uint32_t kAc3SampleRates[3] = {48000, 44100, 32000};
+constexpr uint32_t kAc3ModeChannels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
+constexpr uint32_t kMpegAudioRates[3] = {44100, 48000, 32000};
+
 // Releases what RetMp4MediaInfo gave: the data blocks, then the record.
 // Null is allowed.
 void FreeMediaInfo(Mp4MediaInfo *info);

@@ -11,6 +11,31 @@
 
 namespace {
 
+// Ogg's CRC-32: polynomial 0x04C11DB7, most significant bit first, no
+// reflection, initial value and final XOR 0.
+struct CrcTable {
+    uint32_t Entries[256];
+};
+constexpr CrcTable MakeCrcTable() {
+    CrcTable table{};
+    for (uint32_t i = 0; i < 256; ++i) {
+        uint32_t value = i << 24;
+        for (int bit = 0; bit < 8; ++bit) value = (value << 1) ^ ((value & 0x80000000u) ? 0x04C11DB7u : 0);
+        table.Entries[i] = value;
+    }
+    return table;
+}
+constexpr CrcTable kCrcTable = MakeCrcTable();
+
+}  // namespace
+
+uint32_t OggCrc(uint32_t crc, const uint8_t *bytes, size_t size) {
+    for (size_t i = 0; i < size; ++i) crc = (crc << 8) ^ kCrcTable.Entries[((crc >> 24) ^ bytes[i]) & 0xFF];
+    return crc;
+}
+
+namespace {
+
 // "dOps": version, output channels, pre-skip, input rate, output gain,
 // mapping family; for a family other than 0 the stream count, the coupled
 // count and one mapping byte per channel.
@@ -29,27 +54,6 @@ constexpr size_t kLargestBody = 255 * 255;
 constexpr uint64_t kNoGranule = ~uint64_t(0);
 constexpr uint64_t kOpusRate = 48000;
 const char kVendor[] = "mp4core";
-
-// Ogg's CRC-32: polynomial 0x04C11DB7, most significant bit first, no
-// reflection, initial value and final XOR 0.
-struct CrcTable {
-    uint32_t Entries[256];
-};
-constexpr CrcTable MakeCrcTable() {
-    CrcTable table{};
-    for (uint32_t i = 0; i < 256; ++i) {
-        uint32_t value = i << 24;
-        for (int bit = 0; bit < 8; ++bit) value = (value << 1) ^ ((value & 0x80000000u) ? 0x04C11DB7u : 0);
-        table.Entries[i] = value;
-    }
-    return table;
-}
-constexpr CrcTable kCrcTable = MakeCrcTable();
-
-uint32_t OggCrc(uint32_t crc, const uint8_t *bytes, size_t size) {
-    for (size_t i = 0; i < size; ++i) crc = (crc << 8) ^ kCrcTable.Entries[((crc >> 24) ^ bytes[i]) & 0xFF];
-    return crc;
-}
 
 // Writes the page being filled (with `flags` added) and starts an empty one.
 bool WritePage(StreamState *state, uint8_t flags, StreamBuffer *out) {

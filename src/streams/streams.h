@@ -173,7 +173,9 @@ int32_t AnnexBSample(StreamState *state, const StreamSample &sample, StreamBuffe
 int32_t StartAdts(StreamState *state, StreamBuffer *out);
 int32_t AdtsSample(StreamState *state, const StreamSample &sample, StreamBuffer *out);
 
-// ogg_opus.cpp
+// ogg_opus.cpp; OggCrc is Ogg's page CRC-32 (polynomial 0x04C11DB7, no
+// reflection, initial value and final XOR 0) of `size` bytes after `crc`.
+uint32_t OggCrc(uint32_t crc, const uint8_t *bytes, size_t size);
 int32_t StartOggOpus(StreamState *state, StreamBuffer *out);
 int32_t OggOpusSample(StreamState *state, const StreamSample &sample, StreamBuffer *out);
 int32_t FinishOggOpus(StreamState *state, StreamBuffer *out);

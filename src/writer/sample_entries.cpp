@@ -40,6 +40,9 @@ bool Eac3Header(const uint8_t *, uint32_t size, const MP4TrackSpec &) { return s
 bool FlacBlocks(const uint8_t *c, uint32_t size, const MP4TrackSpec &) {
     return size >= 38 && (c[0] & 0x7F) == 0 && c[1] == 0 && c[2] == 0 && c[3] == 34;
 }
+// "damr": vendor, decoder version, mode set, mode change period, frames
+// per sample.
+bool AmrHeader(const uint8_t *, uint32_t size, const MP4TrackSpec &) { return size == 9; }
 // The "alac" atom's payload behind its version and flags: the 24-byte cookie.
 bool AlacCookie(const uint8_t *, uint32_t size, const MP4TrackSpec &) { return size >= 24; }
 // AAC needs its AudioSpecificConfig; MP3 and the other object types may
@@ -77,6 +80,10 @@ constexpr FormatRow kFormats[] = {
     {"twos", EntryKind::Sound, "", ConfigForm::None, NoConfig, {8, 16}},
     {"in24", EntryKind::Sound, "", ConfigForm::None, NoConfig, {24, 24}},
     {"fl32", EntryKind::Sound, "", ConfigForm::None, NoConfig, {32, 32}},
+    {"in32", EntryKind::Sound, "", ConfigForm::None, NoConfig, {32, 32}},
+    {"fl64", EntryKind::Sound, "", ConfigForm::None, NoConfig, {64, 64}},
+    {"samr", EntryKind::Sound, "damr", ConfigForm::Plain, AmrHeader, {0, 0}},
+    {"sawb", EntryKind::Sound, "damr", ConfigForm::Plain, AmrHeader, {0, 0}},
 };
 
 // "esds" object types and stream types.

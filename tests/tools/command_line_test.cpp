@@ -13,9 +13,11 @@ namespace {
 // The transcripts under tests/data: each command with what it printed and
 // returned. command_line.txt: help, usage errors and failed calls;
 // extract.txt: mp4core extract over a fixture of every stream form, the
-// refusals and a file cut short, with the CRC of each stream.
+// refusals and a file cut short, with the CRC of each stream; mux.txt:
+// extract, mux and extract again of every audio form, and mux's failures.
 TEST(ToolCommandLine, TranscriptOfHelpUsageErrorsAndFailedCalls) { ExpectTranscript("tools/command_line.txt"); }
 TEST(ToolExtract, TranscriptOfEveryStreamForm) { ExpectTranscript("tools/extract.txt"); }
+TEST(ToolMux, TranscriptOfRoundTripsAndFailures) { ExpectTranscript("tools/mux.txt"); }
 
 // Slow (FFmpeg runs some 130 times; skipped without FFmpeg):
 // ffmpeg_interop.txt, ffprobe's streams beside GetFileInfo's summary and

@@ -137,7 +137,7 @@ TEST(SlowFragmentedCrash, KilledOrLimitedRecordingsKeepEveryWholeFragment) {
                                            out.path() + "\" <\"" + stream.path() + "\" 2>\"" + log.path() + "\"; echo $?'");
     EXPECT_EQ(limited, "1\n");
     const Bytes said = ReadWholeFile(log.path());
-    EXPECT_NE(std::string(said.begin(), said.end()).find("AddVideoFrame failed (-99)"), std::string::npos);
+    EXPECT_NE(std::string(said.begin(), said.end()).find("MP4WriteSample failed (-99)"), std::string::npos);
     EXPECT_LE(ReadWholeFile(out.path()).size(), 160u * 1024);
     ExpectCutFile(out.path(), Handed(log.path()), all, "a limit of 160 KiB");
     WholePackets(out.path(), &partial);

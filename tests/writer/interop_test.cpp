@@ -117,9 +117,12 @@ TEST(SlowWriterInterop, FramesReadBackByMp4coreAndFfprobe) {
 
 // tests/data/written/fragmented_ffmpeg.txt: the classic and fragmented files
 // of `mp4core mux` against ffprobe and ffmpeg, and the one against the other.
+// mux_ffmpeg.txt: streams FFmpeg encodes in every audio form mux takes,
+// muxed in both layouts and decoded by ffmpeg as the streams themselves.
 TEST(SlowFragmentedInterop, FfmpegReadsTheClassicFilesPacketsAndDecodesThem) {
     if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
     media_support::ExpectTranscript("written/fragmented_ffmpeg.txt");
+    media_support::ExpectTranscript("written/mux_ffmpeg.txt");
 }
 
 }  // namespace
