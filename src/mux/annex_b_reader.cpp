@@ -125,7 +125,8 @@ struct AnnexBReader {
     std::deque<Picture> held;  // decoding order
     std::vector<Picture *> waiting;
     uint64_t decoded = 0, presented = 0;
-    uint32_t reorder = 0;
+    uint32_t reorder = 0;  // pictures that may wait: the most any sequence set so far allows
+    uint32_t shift = 0;    // frames the composition offsets are shifted by
     uint32_t step = 1;
     Picture out;  // the sample handed out last
 };
@@ -298,6 +299,7 @@ bool TakeParameterSet(AnnexBReader *r, const uint8_t *nal, size_t size, const Na
 void StartPicture(AnnexBReader *r, const NalKind &kind, const SliceFacts &slice, Picture *picture) {
     const SequenceSet &sps = r->sequences[r->pictures[slice.pictureSet].sequenceId];
     if (!r->firstSequence.valid) r->firstSequence = sps;
+    r->reorder = std::max(r->reorder, sps.reorderFrames);
     // IDR and BLA pictures open a coded video sequence, a CRA picture when
     // it opens the stream or follows an end of sequence.
     const bool opens = kind.key && (r->codec == Codec::kAvc || kind.type <= 20 || r->poc.afterEnd);
@@ -400,14 +402,16 @@ void Hold(AnnexBReader *r, Picture &&picture) {
 
 // ---- The file scan ---------------------------------------------------------
 
-// The ID of a parameter set unit; false when it can't be read.
-bool SetId(Codec codec, const uint8_t *nal, size_t size, uint32_t type, uint32_t *id) {
+// The ID of a parameter set unit, and of a sequence set the deepest
+// reordering so far; false when it can't be read.
+bool SetId(Codec codec, const uint8_t *nal, size_t size, uint32_t type, uint32_t *id, uint32_t *reorder) {
     SequenceSet sps;
     PictureSet pps;
     const bool avc = codec == Codec::kAvc;
     if (avc ? type == 7 : type == 33) {
         if (!(avc ? ParseAvcSequenceSet(nal, size, &sps) : ParseHevcSequenceSet(nal, size, &sps))) return false;
         *id = sps.id;
+        *reorder = std::max(*reorder, sps.reorderFrames);
         return true;
     }
     if (avc ? type == 8 : type == 34) return avc ? ParseAvcPictureSet(nal, size, &pps, id) : ParseHevcPictureSet(nal, size, &pps, id);
@@ -417,9 +421,11 @@ bool SetId(Codec codec, const uint8_t *nal, size_t size, uint32_t type, uint32_t
 
 // Whether every parameter set of a file keeps the bytes it first had, read
 // with pread in blocks (the descriptor's offset stays at the start). The
-// distinct sets go to `units` in the order met.
-bool SetsNeverChange(Codec codec, int fd, std::vector<ParameterUnit> *units) {
+// distinct sets go to `units` in the order met; `reorder` gets the deepest
+// reordering any sequence set allows.
+bool SetsNeverChange(Codec codec, int fd, std::vector<ParameterUnit> *units, uint32_t *reorder) {
     std::vector<uint32_t> ids;  // of each unit
+    bool same = true;
     Bytes block;
     uint64_t offset = 0;
     bool ended = false;
@@ -453,14 +459,15 @@ bool SetsNeverChange(Codec codec, int fd, std::vector<ParameterUnit> *units) {
             const NalKind kind = Classify(codec, nal, std::max<size_t>(size, 1));
             if (size > 0 && kind.parameterSet) {
                 uint32_t id = 0;
-                if (!SetId(codec, nal, size, kind.type, &id)) return false;
+                if (!SetId(codec, nal, size, kind.type, &id, reorder)) return false;
                 size_t known = 0;
                 while (known < units->size() && ((*units)[known].type != kind.type || ids[known] != id)) ++known;
                 if (known < units->size()) {
                     const Bytes &first = (*units)[known].bytes;
-                    if (first.size() != size || !std::equal(nal, nal + size, first.begin())) return false;
+                    same = same && first.size() == size && std::equal(nal, nal + size, first.begin());
+                } else if (units->size() >= kMaxDistinctSets) {
+                    same = false;
                 } else {
-                    if (units->size() >= kMaxDistinctSets) return false;
                     units->push_back({kind.type, Bytes(nal, nal + size)});
                     ids.push_back(id);
                 }
@@ -469,7 +476,7 @@ bool SetsNeverChange(Codec codec, int fd, std::vector<ParameterUnit> *units) {
         }
         block.erase(block.begin(), block.begin() + long(ended ? block.size() : keepFrom));
     }
-    return true;
+    return same;
 }
 
 // ---- Opening -----------------------------------------------------------------
@@ -479,7 +486,8 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     r->codec = codec;
     r->in = in;
     std::vector<ParameterUnit> scanned;
-    r->outOfBand = in->seekable && SetsNeverChange(codec, in->fd, &scanned) && !scanned.empty();
+    uint32_t deepest = 0;
+    r->outOfBand = in->seekable && SetsNeverChange(codec, in->fd, &scanned, &deepest) && !scanned.empty();
     Picture first;
     const Step step = NextAccessUnit(r.get(), &first, failure);
     if (step == Step::kFailed) return nullptr;
@@ -510,7 +518,10 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
         r->step = 1;
         track->notice = "the stream states no frame rate; 25 frames per second";
     }
-    r->reorder = sps.reorderFrames;
+    // Offsets are shifted by the deepest reordering the stream allows: of
+    // the first sequence set, or of any a file's scan met.
+    r->shift = std::max(sps.reorderFrames, deepest);
+    r->reorder = std::max(r->reorder, r->shift);
     Hold(r.get(), std::move(first));
     return AsReader(r.release());
 }
@@ -565,7 +576,7 @@ Step NextAnnexB(Reader *reader, Sample *sample, Failure *failure) {
     r->out = std::move(r->held.front());
     r->held.pop_front();
     const Picture &p = r->out;
-    const int64_t offset = (p.presentIndex - int64_t(p.decodeIndex) + int64_t(r->reorder)) * int64_t(r->step);
+    const int64_t offset = (p.presentIndex - int64_t(p.decodeIndex) + int64_t(r->shift)) * int64_t(r->step);
     if (offset > INT32_MAX || offset < INT32_MIN)
         return Fail(failure, p.offset, "a picture presents too far from where it is decoded");
     sample->data = p.data.data();

@@ -37,7 +37,7 @@ constexpr size_t kMaxHeaderBytes = size_t(1) << 20;
 
 struct Frame {
     Bytes data;
-    int64_t present = 0;  // track ticks
+    int64_t present = 0;  // ticks of the time increment resolution
     bool reference = true;
     bool key = false;
     uint64_t offset = 0;
@@ -48,9 +48,11 @@ struct Mpeg4Reader {
     uint32_t resolution = 0;     // ticks of a second in the planes' times
     uint32_t fixedIncrement = 0;  // 0: no fixed rate
     uint32_t incrementBits = 1;
-    // --fps: planes' times turned into frames of fpsDenominator ticks
+    // A frame's length in ticks of the resolution: the fixed increment,
+    // else the shortest distance between the first planes.
+    int64_t frameLength = 1;
+    // --fps: each frame lasts fpsDenominator track ticks
     uint32_t fpsNumerator = 0, fpsDenominator = 0;
-    uint32_t frameUnit = 0;  // plane ticks of one frame under --fps
     // The frame search, as positions in in->bytes.
     size_t frameStart = 0, plane = kNone, scan = 0;
     bool framesEnded = false;
@@ -126,12 +128,7 @@ bool ReadPlaneTime(Mpeg4Reader *r, const uint8_t *plane, size_t size, Frame *fra
     } else {
         base = r->lastTimeBase + seconds;
     }
-    const int64_t ticks = base * r->resolution + increment;
-    if (r->fpsNumerator == 0) {
-        frame->present = ticks;
-    } else {  // the nearest frame
-        frame->present = (ticks + r->frameUnit / 2) / r->frameUnit * r->fpsDenominator;
-    }
+    frame->present = base * r->resolution + increment;
     return true;
 }
 
@@ -186,6 +183,13 @@ bool ReadFrame(Mpeg4Reader *r, Failure *failure) {
     r->frameStart = end;
     r->plane = end < in.bytes.size() && in.bytes[end + 3] == kVopCode ? end : kNone;
     return true;
+}
+
+// A plane's time in track ticks: as it is, or with --fps its frame (the
+// nearest) times a frame's ticks.
+int64_t TrackTicks(const Mpeg4Reader &r, int64_t ticks) {
+    if (r.fpsNumerator == 0) return ticks;
+    return (ticks + r.frameLength / 2) / r.frameLength * r.fpsDenominator;
 }
 
 }  // namespace
@@ -244,10 +248,6 @@ Reader *OpenMpeg4Video(ByteStream *in, const Options &options, TrackDescription 
     if (options.fpsNumerator != 0) {
         r->fpsNumerator = options.fpsNumerator;
         r->fpsDenominator = options.fpsDenominator;
-        r->frameUnit = r->fixedIncrement != 0
-                           ? r->fixedIncrement
-                           : uint32_t(std::max<uint64_t>(1, uint64_t(r->resolution) * options.fpsDenominator /
-                                                                options.fpsNumerator));
         spec.Timescale = options.fpsNumerator;
     }
     r->frameStart = headerEnd;
@@ -262,6 +262,12 @@ Reader *OpenMpeg4Video(ByteStream *in, const Options &options, TrackDescription 
     while (r->fixedIncrement == 0 && r->ahead.size() < kFramesForLength && ReadFrame(r.get(), failure)) {
     }
     if (!failure->why.empty()) return nullptr;
+    r->frameLength = r->fixedIncrement;
+    for (const Frame &later : r->ahead) {
+        const int64_t distance = std::abs(later.present - r->ahead.front().present);
+        if (r->frameLength == 0 || (distance > 0 && distance < r->frameLength)) r->frameLength = distance;
+    }
+    r->frameLength = std::max<int64_t>(r->frameLength, 1);
     return AsReader(r.release());
 }
 
@@ -271,24 +277,18 @@ Step NextMpeg4Video(Reader *reader, Sample *sample, Failure *failure) {
     r->out = std::move(r->ahead.front());
     r->ahead.pop_front();
     Frame &f = r->out;
-    int64_t decode = f.reference ? r->previousReference : f.present;
-    if (!r->firstDone) {
-        // A frame in front of the first: the fixed rate's, else the
-        // shortest distance to the planes behind, else one tick.
-        int64_t frame = r->fpsNumerator != 0 ? r->fpsDenominator : r->fixedIncrement;
-        for (const Frame &later : r->ahead) {
-            const int64_t distance = std::abs(later.present - f.present);
-            if (frame == 0 || (distance > 0 && distance < frame)) frame = distance;
-        }
-        decode = f.present - std::max<int64_t>(frame, 1);
+    const int64_t present = TrackTicks(*r, f.present);
+    int64_t decode = f.reference ? r->previousReference : present;
+    if (!r->firstDone) {  // decoded a frame before it presents
+        decode = present - (r->fpsNumerator != 0 ? r->fpsDenominator : r->frameLength);
         r->firstDecode = decode;
         r->lastDecode = decode - 1;
         r->firstDone = true;
     }
     decode = std::max(decode, r->lastDecode + 1);  // decoding times only rise
     r->lastDecode = decode;
-    if (f.reference) r->previousReference = f.present;
-    const int64_t offset = f.present - decode;
+    if (f.reference) r->previousReference = present;
+    const int64_t offset = present - decode;
     if (offset > INT32_MAX || offset < INT32_MIN) {
         failure->offset = f.offset;
         failure->why = "a frame presents too far from where it is decoded";
