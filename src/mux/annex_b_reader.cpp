@@ -62,7 +62,9 @@ NalKind Classify(Codec codec, const uint8_t *nal, size_t size) {
     if (codec == Codec::kAvc) {
         k.type = nal[0] & 0x1F;
         k.reference = (nal[0] & 0x60) != 0;
-        k.vcl = k.type >= 1 && k.type <= 5;
+        // Partitions B and C of a data-partitioned slice carry no slice
+        // header: they go with the picture of their partition A.
+        k.vcl = k.type == 1 || k.type == 2 || k.type == 5;
         k.parameterSet = k.type == 7 || k.type == 8 || k.type == 13;
         k.beginsUnit = (k.type >= 6 && k.type <= 9) || (k.type >= 14 && k.type <= 18);
         k.key = k.type == 5;
@@ -72,8 +74,10 @@ NalKind Classify(Codec codec, const uint8_t *nal, size_t size) {
     k.type = (nal[0] >> 1) & 0x3F;
     const uint32_t layer = ((nal[0] & 1u) << 5) | (size > 1 ? nal[1] >> 3 : 0);
     k.temporalId = size > 1 && (nal[1] & 7) != 0 ? (nal[1] & 7) - 1 : 0;
-    k.vcl = k.type < 32;
-    k.parameterSet = k.type >= 32 && k.type <= 34;
+    // Units of layers above 0 go with the picture of layer 0, their
+    // parameter sets kept in the samples.
+    k.vcl = layer == 0 && k.type < 32;
+    k.parameterSet = layer == 0 && k.type >= 32 && k.type <= 34;
     k.beginsUnit = layer == 0 && ((k.type >= 32 && k.type <= 35) || k.type == 39 || (k.type >= 41 && k.type <= 44) ||
                                   (k.type >= 48 && k.type <= 55));
     k.key = k.type >= 16 && k.type <= 23;
@@ -117,6 +121,7 @@ struct AnnexBReader {
     Picture building;
     bool buildingHasSlice = false;
     size_t cut = kNone;  // where the units that begin the next access unit start
+    uint64_t cutOffset = 0;  // and where the first of them lies in the input
     bool unitsEnded = false;
     // Units in front of the first picture, for an in-band configuration.
     std::vector<ParameterUnit> leading;
@@ -348,13 +353,14 @@ Step NextAccessUnit(AnnexBReader *r, Picture *unit, Failure *failure) {
             complete = slice.firstInPicture && r->buildingHasSlice;
         } else if (kind.beginsUnit && r->buildingHasSlice && r->cut == kNone) {
             r->cut = r->building.data.size();
+            r->cutOffset = offset;
         }
         Picture next;
         if (complete) {
             const size_t cut = r->cut == kNone ? r->building.data.size() : r->cut;
             next.data.assign(r->building.data.begin() + long(cut), r->building.data.end());
             r->building.data.resize(cut);
-            next.offset = offset;  // close enough: the units in front belong to it too
+            next.offset = r->cut == kNone ? offset : r->cutOffset;
             *unit = std::move(r->building);
             r->building = std::move(next);
             r->buildingHasSlice = false;
@@ -365,7 +371,7 @@ Step NextAccessUnit(AnnexBReader *r, Picture *unit, Failure *failure) {
             StartPicture(r, kind, slice, &r->building);
             r->buildingHasSlice = true;
         }
-        if (kind.parameterSet && !r->outOfBand && r->decoded == 0 && !r->buildingHasSlice && !complete)
+        if (kind.parameterSet && !r->outOfBand && r->decoded == 0 && !r->buildingHasSlice)
             r->leading.push_back({kind.type, Bytes(nal, nal + size)});
         if (!(kind.parameterSet && r->outOfBand)) AppendUnit(&r->building.data, nal, size);
         if (r->building.data.size() > kMaxAccessUnit)
