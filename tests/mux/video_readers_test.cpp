@@ -3,6 +3,7 @@
 // broken streams; one row of tests/data/mux/video.rows per case.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -69,13 +70,13 @@ std::string Extracted(const std::string &name, const TempPath &out) {
 }
 
 // Opens `path` with the first format whose probe takes it.
-struct Run {
+struct ReaderRun {
     mux::ByteStream in;
     const mux::Format *format = nullptr;
     mux::Reader *reader = nullptr;
     mux::TrackDescription track;
     mux::Failure failure;
-    Run(const std::string &path, bool pipe, const mux::Options &options) {
+    ReaderRun(const std::string &path, bool pipe, const mux::Options &options) {
         mux::OpenByteStream(path.c_str(), &in);
         in.seekable = in.seekable && !pipe;
         mux::Hold(&in, 4096);
@@ -83,7 +84,7 @@ struct Run {
             if (mux::kFormats[i].probe(in.bytes.data(), std::min<size_t>(in.bytes.size(), 4096))) format = &mux::kFormats[i];
         if (format != nullptr) reader = format->open(&in, options, &track, &failure);
     }
-    ~Run() {
+    ~ReaderRun() {
         if (reader != nullptr) format->close(reader);
         mux::CloseByteStream(&in);
     }
@@ -109,7 +110,7 @@ void CheckSamples(const std::vector<std::string> &row) {
     mux::Options options;
     if (row[3] != "-" && std::sscanf(row[3].c_str(), "%u/%u", &options.fpsNumerator, &options.fpsDenominator) == 1)
         options.fpsDenominator = 1;
-    Run run(file.path(), row[2] == "pipe", options);
+    ReaderRun run(file.path(), row[2] == "pipe", options);
     ASSERT_NE(run.reader, nullptr) << run.failure.why;
     const MP4TrackSpec &spec = run.track.spec;
     EXPECT_EQ(std::string(spec.Format, 4), row[4]);
@@ -152,7 +153,7 @@ void CheckFailure(const std::vector<std::string> &row) {
         input = Hex(row[2]);
     }
     TempFile file(input, ".stream");
-    Run run(file.path(), false, {});
+    ReaderRun run(file.path(), false, {});
     ASSERT_NE(run.format, nullptr);
     mux::Sample sample;
     while (run.reader != nullptr && run.format->next(run.reader, &sample, &run.failure) == mux::Step::kSample) {
@@ -170,3 +171,45 @@ TEST(MuxVideoReaders, EachRowGivesTheSourcesSamplesOrItsFailure) {
 }
 
 }  // namespace
+
+// The presentation times of a file's decoded frames (ffprobe), in
+// microseconds from the first.
+std::vector<long> Presented(const std::string &path) {
+    std::istringstream text(RunCommand("ffprobe -v error -select_streams v -show_entries frame=pts_time -of csv=p=0 " + path));
+    std::vector<long> times;
+    for (std::string line; std::getline(text, line);)
+        if (!line.empty()) times.push_back(std::lround(std::stod(line) * 1e6) - (times.empty() ? 0 : times[0]));
+    if (!times.empty()) times[0] = 0;
+    return times;
+}
+
+// What FFmpeg makes of the samples written through the public calls, plain
+// and fragmented: no warning in a decode, and the frames present at the
+// times of the source's own, up to a constant.
+TEST(SlowMuxVideoReaders, FfmpegDecodesTheWrittenTrackAsItsSource) {
+    if (!HaveFfmpeg()) GTEST_SKIP() << "no ffmpeg";
+    for (const auto &row : ReadRows("mux/video.rows")) {
+        if (row[0] != "samples" || row[1].find('+') != std::string::npos || row[3] != "-") continue;
+        for (const uint32_t mode : {MP4_NEW_PROGRESSIVE, MP4_NEW_FRAGMENTED}) {
+            SCOPED_TRACE(row[1] + (mode == MP4_NEW_FRAGMENTED ? " fragmented" : ""));
+            TempPath stream, out(".mp4");
+            const std::string bytes = Extracted(row[1], stream);
+            WriteWholeFile(stream.path(), Bytes(bytes.begin(), bytes.end()));
+            ReaderRun run(stream.path(), row[2] == "pipe", {});
+            MP4_local_file *file = nullptr;
+            uint32_t id = 0;
+            ASSERT_EQ(MP4FileNewEx(&file, out.c_str(), mode), 1);
+            ASSERT_EQ(MP4AddTrack(file, &run.track.spec, &id), 1);
+            mux::Sample s;
+            while (run.format->next(run.reader, &s, &run.failure) == mux::Step::kSample) {
+                MP4WriteInfo info{};
+                info.DecodeTime = s.decodeTime, info.CompositionOffset = s.compositionOffset;
+                info.Duration = s.duration, info.Size = uint32_t(s.size), info.Flags = s.key ? MP4_SAMPLE_KEY : 0;
+                ASSERT_EQ(MP4WriteSample(file, id, &info, s.data), 1);
+            }
+            ASSERT_EQ(MP4FileFlush(file), 1);
+            EXPECT_EQ(RunCommand("ffmpeg -v warning -nostdin -i " + out.path() + " -f null - 2>&1"), "");
+            EXPECT_EQ(Presented(out.path()), Presented(FixturePath(row[1])));
+        }
+    }
+}
