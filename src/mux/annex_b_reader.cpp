@@ -315,6 +315,14 @@ void StartPicture(AnnexBReader *r, const NalKind &kind, const SliceFacts &slice,
     r->poc.afterEnd = false;
 }
 
+// A parameter set in front of the first picture, for an in-band
+// configuration: each distinct one once, as many as a configuration takes.
+void KeepLeading(AnnexBReader *r, const NalKind &kind, const uint8_t *nal, size_t size) {
+    for (const ParameterUnit &unit : r->leading)
+        if (unit.type == kind.type && unit.bytes.size() == size && std::equal(nal, nal + size, unit.bytes.begin())) return;
+    if (r->leading.size() < kMaxDistinctSets) r->leading.push_back({kind.type, Bytes(nal, nal + size)});
+}
+
 void AppendUnit(Bytes *data, const uint8_t *nal, size_t size) {
     const uint8_t length[4] = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size)};
     data->insert(data->end(), length, length + 4);
@@ -372,7 +380,7 @@ Step NextAccessUnit(AnnexBReader *r, Picture *unit, Failure *failure) {
             r->buildingHasSlice = true;
         }
         if (kind.parameterSet && !r->outOfBand && r->decoded == 0 && !r->buildingHasSlice)
-            r->leading.push_back({kind.type, Bytes(nal, nal + size)});
+            KeepLeading(r, kind, nal, size);
         if (!(kind.parameterSet && r->outOfBand)) AppendUnit(&r->building.data, nal, size);
         if (r->building.data.size() > kMaxAccessUnit)
             return Fail(failure, offset, "an access unit of more than 256 MiB");
@@ -515,7 +523,7 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     spec.ConfigSize = uint32_t(track->config.size());
     if (options.fpsNumerator != 0) {
         spec.Timescale = options.fpsNumerator;
-        r->step = options.fpsDenominator;
+        r->step = std::max(options.fpsDenominator, 1u);
     } else if (sps.timeScale != 0) {
         spec.Timescale = sps.timeScale;
         r->step = sps.frameTicks;

@@ -247,7 +247,7 @@ Reader *OpenMpeg4Video(ByteStream *in, const Options &options, TrackDescription 
     spec.Timescale = r->resolution;
     if (options.fpsNumerator != 0) {
         r->fpsNumerator = options.fpsNumerator;
-        r->fpsDenominator = options.fpsDenominator;
+        r->fpsDenominator = std::max(options.fpsDenominator, 1u);
         spec.Timescale = options.fpsNumerator;
     }
     r->frameStart = headerEnd;

@@ -67,7 +67,7 @@ void SkipAvcScalingList(BitReader *r, uint32_t size) {
 void SkipAvcHrd(BitReader *r) {
     const uint32_t count = ReadUe(r) + 1;
     if (count > 32) {
-        ReadBits(r, 32 * 8 * 32);  // out of range: exhaust the reader
+        ReadBits(r, UINT32_MAX);  // out of range: exhaust the reader
         return;
     }
     ReadBits(r, 8);
@@ -312,6 +312,37 @@ bool SkipShortTermSets(BitReader *r, uint32_t count) {
     return !r->Exhausted;
 }
 
+// hrd_parameters with its common information: only its length matters.
+void SkipHevcHrd(BitReader *r, uint32_t subLayers) {
+    const bool nal = ReadBits(r, 1), vcl = ReadBits(r, 1);
+    bool subPictures = false;
+    if (nal || vcl) {
+        subPictures = ReadBits(r, 1);
+        if (subPictures) ReadBits(r, 19);
+        ReadBits(r, subPictures ? 12 : 8);  // bit rate and buffer size scales
+        ReadBits(r, 15);                    // delay lengths
+    }
+    for (uint32_t i = 0; i <= subLayers && !r->Exhausted; ++i) {
+        const bool fixedGeneral = ReadBits(r, 1);
+        const bool fixedInSequence = fixedGeneral || ReadBits(r, 1);
+        bool lowDelay = false;
+        if (fixedInSequence)
+            ReadUe(r);
+        else
+            lowDelay = ReadBits(r, 1);
+        const uint32_t buffers = lowDelay ? 1 : ReadUe(r) + 1;
+        if (buffers > 32) {
+            ReadBits(r, UINT32_MAX);  // out of range: exhaust the reader
+            return;
+        }
+        for (int kind = 0; kind < int(nal) + int(vcl); ++kind)
+            for (uint32_t b = 0; b < buffers; ++b) {
+                for (int v = 0; v < (subPictures ? 4 : 2); ++v) ReadUe(r);
+                ReadBits(r, 1);
+            }
+    }
+}
+
 }  // namespace
 
 bool ParseHevcSequenceSet(const uint8_t *nal, size_t size, SequenceSet *sps) {
@@ -376,6 +407,13 @@ bool ParseHevcSequenceSet(const uint8_t *nal, size_t size, SequenceSet *sps) {
                 s.frameTicks = unitsInTick;
                 s.fixedRate = true;
             }
+            if (ReadBits(r, 1)) ReadUe(r);  // order count proportional to timing
+            if (ReadBits(r, 1)) SkipHevcHrd(r, subLayers);
+        }
+        if (ReadBits(r, 1)) {  // bitstream restriction
+            ReadBits(r, 3);
+            const uint32_t segmentation = ReadUe(r);
+            if (!r->Exhausted && segmentation < 4096) s.minSpatialSegmentation = segmentation;
         }
     }
     s.valid = true;
@@ -393,6 +431,17 @@ bool ParseHevcPictureSet(const uint8_t *nal, size_t size, PictureSet *pps, uint3
     p.outputFlagPresent = ReadBits(r, 1);
     p.extraSliceHeaderBits = ReadBits(r, 3);
     if (r->Exhausted || *id >= 64 || p.sequenceId >= 16) return false;
+    ReadBits(r, 2);  // sign data hiding, CABAC init
+    ReadUe(r);
+    ReadUe(r);
+    ReadSe(r);       // initial QP
+    ReadBits(r, 2);  // constrained intra prediction, transform skip
+    if (ReadBits(r, 1)) ReadUe(r);
+    ReadSe(r);
+    ReadSe(r);
+    ReadBits(r, 4);  // chroma QP offsets, weighted prediction, transquant bypass
+    p.tiles = ReadBits(r, 1);
+    p.wavefronts = ReadBits(r, 1);
     p.valid = true;
     *pps = p;
     return true;
@@ -463,9 +512,24 @@ Bytes BuildAvcConfig(const SequenceSet &sps, const ParameterUnit *units, size_t 
 Bytes BuildHevcConfig(const SequenceSet &sps, const ParameterUnit *units, size_t count, bool complete) {
     Bytes out = {1};
     out.insert(out.end(), sps.general, sps.general + 12);
-    // No minimum spatial segmentation and no parallelism stated (both
-    // "unknown"), chroma format, bit depths, no average frame rate.
-    const uint8_t fields[] = {0xF0, 0x00, 0xFC, uint8_t(0xFC | sps.chromaFormat),
+    // The parallelism the picture sets allow (1 slices, 2 tiles, 3
+    // wavefronts; 0 both or unknown), stated only where the sequence set
+    // bounds its segments; chroma format, bit depths, no average frame rate.
+    uint32_t parallelism = 0;
+    if (sps.minSpatialSegmentation != 0) {
+        bool tiles = false, wavefronts = false;
+        for (size_t i = 0; i < count; ++i) {
+            PictureSet pps;
+            uint32_t id = 0;
+            if (units[i].type != 34 || !ParseHevcPictureSet(units[i].bytes.data(), units[i].bytes.size(), &pps, &id))
+                continue;
+            tiles = tiles || pps.tiles;
+            wavefronts = wavefronts || pps.wavefronts;
+        }
+        parallelism = tiles && wavefronts ? 0 : tiles ? 2 : wavefronts ? 3 : 1;
+    }
+    const uint8_t fields[] = {uint8_t(0xF0 | (sps.minSpatialSegmentation >> 8)), uint8_t(sps.minSpatialSegmentation),
+                              uint8_t(0xFC | parallelism), uint8_t(0xFC | sps.chromaFormat),
                               uint8_t(0xF8 | (sps.bitDepthLuma - 8)), uint8_t(0xF8 | (sps.bitDepthChroma - 8)),
                               0, 0,
                               uint8_t((sps.temporalLayers << 3) | (sps.temporalIdNested ? 4 : 0) | 3)};

@@ -47,6 +47,7 @@ struct SequenceSet {
     uint8_t general[12] = {};
     uint32_t temporalLayers = 1;
     bool temporalIdNested = false;
+    uint32_t minSpatialSegmentation = 0;  // 0: not bounded
 };
 
 struct PictureSet {
@@ -58,6 +59,7 @@ struct PictureSet {
     bool dependentSlices = false;
     bool outputFlagPresent = false;
     uint32_t extraSliceHeaderBits = 0;
+    bool tiles = false, wavefronts = false;
 };
 
 // The fields of a picture's first slice that ordering needs.
