@@ -33,6 +33,7 @@ constexpr size_t kNone = SIZE_MAX;
 // An access unit is one sample held in memory: a unit or an access unit
 // longer than this is no stream we take.
 constexpr size_t kMaxAccessUnit = size_t(256) << 20;
+constexpr size_t kMaxLeadingBytes = size_t(1) << 20;  // in front of the first start code
 // Pictures held back at most, whatever the reorder depth: a stream whose
 // first picture in line never leaves can't hold more than this.
 constexpr size_t kMaxHeldPictures = 64;
@@ -191,9 +192,9 @@ NalStep NextNal(AnnexBReader *r, const uint8_t **nal, size_t *size, Failure *fai
             if (*size == 0) continue;  // start codes back to back
             return NalStep::kUnit;
         }
-        const size_t from = r->nalStart == kNone ? 0 : r->nalStart;
-        if (end - from > kMaxAccessUnit) {
-            Fail(failure, in->consumed + from, "a NAL unit of more than 256 MiB");
+        if (r->nalStart == kNone ? end > kMaxLeadingBytes : end - r->nalStart > kMaxAccessUnit) {
+            Fail(failure, in->consumed + (r->nalStart == kNone ? 0 : r->nalStart),
+                 r->nalStart == kNone ? "no start code in the first MiB" : "a NAL unit of more than 256 MiB");
             return NalStep::kFailed;
         }
         r->scan = std::max(r->scan, end >= 2 ? end - 2 : 0);
