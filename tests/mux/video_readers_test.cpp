@@ -162,11 +162,28 @@ void CheckFailure(const std::vector<std::string> &row) {
               row[3] + " " + row[4]);
 }
 
+// The frames each sample presents at, from the first's.
+void CheckOrder(const std::vector<std::string> &row) {
+    TempFile file(Hex(row[2]), ".stream");
+    ReaderRun run(file.path(), false, {});
+    ASSERT_NE(run.reader, nullptr) << run.failure.why;
+    std::string order;
+    mux::Sample s;
+    int64_t first = -1;
+    while (run.format->next(run.reader, &s, &run.failure) == mux::Step::kSample) {
+        const int64_t present = int64_t(s.decodeTime) + s.compositionOffset;
+        if (first < 0) first = present;
+        order += (order.empty() ? "" : " ") + std::to_string((present - first) / s.duration);
+    }
+    EXPECT_EQ(order, row[3]);
+}
+
 TEST(MuxVideoReaders, EachRowGivesTheSourcesSamplesOrItsFailure) {
     for (const auto &row : ReadRows("mux/video.rows")) {
         SCOPED_TRACE(row[1]);
         if (row[0] == "samples") CheckSamples(row);
         if (row[0] == "fails") CheckFailure(row);
+        if (row[0] == "order") CheckOrder(row);
     }
 }
 
