@@ -127,6 +127,7 @@ struct AnnexBReader {
     // Units in front of the first picture, for an in-band configuration.
     std::vector<ParameterUnit> leading;
     SequenceSet firstSequence;  // of the first picture: it describes the track
+    uint32_t videoTimeScale = 0, videoFrameTicks = 0;  // HEVC: the first video set's timing
     PocState poc;
     std::deque<Picture> held;  // decoding order
     std::vector<Picture *> waiting;
@@ -297,6 +298,8 @@ bool TakeParameterSet(AnnexBReader *r, const uint8_t *nal, size_t size, const Na
         if (!(avc ? ParseAvcPictureSet(nal, size, &pps, &id) : ParseHevcPictureSet(nal, size, &pps, &id)))
             return false;
         r->pictures[id] = pps;
+    } else if (!avc && kind.type == 32 && r->videoTimeScale == 0) {
+        ParseHevcVideoTiming(nal, size, &r->videoTimeScale, &r->videoFrameTicks);
     }
     return true;
 }
@@ -528,6 +531,9 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     } else if (sps.timeScale != 0) {
         spec.Timescale = sps.timeScale;
         r->step = sps.frameTicks;
+    } else if (r->videoTimeScale != 0) {
+        spec.Timescale = r->videoTimeScale;
+        r->step = r->videoFrameTicks;
     } else {
         spec.Timescale = kDefaultFps;
         r->step = 1;

@@ -421,6 +421,29 @@ bool ParseHevcSequenceSet(const uint8_t *nal, size_t size, SequenceSet *sps) {
     return true;
 }
 
+bool ParseHevcVideoTiming(const uint8_t *nal, size_t size, uint32_t *timeScale, uint32_t *frameTicks) {
+    Rbsp rbsp(nal, size, kSetBytes, 2);
+    BitReader *r = &rbsp.reader;
+    ReadBits(r, 12);  // ID, base layer flags, layers
+    const uint32_t subLayers = ReadBits(r, 3);
+    ReadBits(r, 17);  // nesting, reserved
+    if (subLayers >= kMaxHevcSubLayers) return false;
+    uint8_t general[12];
+    ReadHevcProfile(r, subLayers, general);
+    for (uint32_t i = ReadBits(r, 1) ? 0 : subLayers; i <= subLayers; ++i)
+        for (int j = 0; j < 3; ++j) ReadUe(r);
+    const uint32_t maxLayerId = ReadBits(r, 6);
+    const uint32_t layerSets = ReadUe(r);
+    if (layerSets > 1023) return false;
+    ReadBits(r, layerSets * (maxLayerId + 1));
+    if (!ReadBits(r, 1)) return false;
+    const uint32_t unitsInTick = ReadBits(r, 32), scale = ReadBits(r, 32);
+    if (r->Exhausted || unitsInTick == 0 || scale == 0) return false;
+    *timeScale = scale;
+    *frameTicks = unitsInTick;
+    return true;
+}
+
 bool ParseHevcPictureSet(const uint8_t *nal, size_t size, PictureSet *pps, uint32_t *id) {
     Rbsp rbsp(nal, size, kSliceBytes, 2);
     BitReader *r = &rbsp.reader;

@@ -88,6 +88,8 @@ bool ParseAvcPictureSet(const uint8_t *nal, size_t size, PictureSet *pps, uint32
 bool ParseAvcSlice(const uint8_t *nal, size_t size, const SequenceSet *sets, const PictureSet *pictures,
                    SliceFacts *slice);
 bool ParseHevcSequenceSet(const uint8_t *nal, size_t size, SequenceSet *sps);
+// The timing a video parameter set states; false without.
+bool ParseHevcVideoTiming(const uint8_t *nal, size_t size, uint32_t *timeScale, uint32_t *frameTicks);
 bool ParseHevcPictureSet(const uint8_t *nal, size_t size, PictureSet *pps, uint32_t *id);
 bool ParseHevcSlice(const uint8_t *nal, size_t size, const SequenceSet *sets, const PictureSet *pictures,
                     SliceFacts *slice);
