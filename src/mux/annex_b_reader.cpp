@@ -10,9 +10,10 @@
 // Presentation order comes from picture order counts: pictures wait as in
 // a decoder's buffer, and the one with the lowest count leaves when more
 // than the stream's reorder depth wait (or a new coded video sequence
-// begins). The n-th picture to leave presents at n frames; decode times
-// are frames in stream order, composition offsets are shifted by the
-// reorder depth so that none is negative.
+// begins). Each picture lasts a frame (a field picture half of one): it
+// presents when those that left before it are over, and decodes when
+// those in front of it in the stream are; composition offsets are shifted
+// by the reorder depth so that none is negative.
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,11 +91,13 @@ NalKind Classify(Codec codec, const uint8_t *nal, size_t size) {
 struct Picture {
     Bytes data;           // the access unit, 4-byte lengths
     uint64_t offset = 0;  // in the input
-    uint64_t decodeIndex = 0;
+    uint64_t decodeTime = 0;  // track ticks
+    uint32_t duration = 0;
+    bool field = false;       // a field picture: half a frame
     int64_t order = 0;  // picture order count
     bool key = false;
     bool newSequence = false;  // begins a coded video sequence: the ones before leave first
-    int64_t presentIndex = -1;
+    int64_t presentTime = -1;  // track ticks; -1 while it waits
 };
 
 // What picture order counts carry from one picture to the next.
@@ -131,7 +134,7 @@ struct AnnexBReader {
     PocState poc;
     std::deque<Picture> held;  // decoding order
     std::vector<Picture *> waiting;
-    uint64_t decoded = 0, presented = 0;
+    uint64_t decoded = 0, presented = 0;  // ticks of the pictures held and presented so far
     uint32_t reorder = 0;  // pictures that may wait: the most any sequence set so far allows
     uint32_t shift = 0;    // frames the composition offsets are shifted by
     uint32_t step = 1;
@@ -313,6 +316,7 @@ void StartPicture(AnnexBReader *r, const NalKind &kind, const SliceFacts &slice,
     // it opens the stream or follows an end of sequence.
     const bool opens = kind.key && (r->codec == Codec::kAvc || kind.type <= 20 || r->poc.afterEnd);
     picture->key = kind.key;
+    picture->field = slice.field;
     picture->newSequence = opens;
     picture->order = r->codec == Codec::kAvc ? AvcOrder(&r->poc, sps, slice, kind)
                                              : HevcOrder(&r->poc, sps, slice, kind, opens);
@@ -395,7 +399,8 @@ Step NextAccessUnit(AnnexBReader *r, Picture *unit, Failure *failure) {
 // ---- Presentation order ----------------------------------------------------
 
 void Present(AnnexBReader *r, Picture *picture) {
-    picture->presentIndex = int64_t(r->presented++);
+    picture->presentTime = int64_t(r->presented);
+    r->presented += picture->duration;
     r->waiting.erase(std::find(r->waiting.begin(), r->waiting.end(), picture));
 }
 
@@ -411,11 +416,13 @@ void PresentAll(AnnexBReader *r) {
 
 void Hold(AnnexBReader *r, Picture &&picture) {
     if (picture.newSequence) PresentAll(r);
-    picture.decodeIndex = r->decoded++;
+    picture.duration = picture.field && r->step >= 2 ? r->step / 2 : r->step;
+    picture.decodeTime = r->decoded;
+    r->decoded += picture.duration;
     r->held.push_back(std::move(picture));
     r->waiting.push_back(&r->held.back());
     while (r->waiting.size() > r->reorder) PresentLowest(r);
-    while (r->held.size() > kMaxHeldPictures && r->held.front().presentIndex < 0) PresentLowest(r);
+    while (r->held.size() > kMaxHeldPictures && r->held.front().presentTime < 0) PresentLowest(r);
 }
 
 // ---- The file scan ---------------------------------------------------------
@@ -542,6 +549,11 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     // Offsets are shifted by the deepest reordering the stream allows: of
     // the first sequence set, or of any a file's scan met.
     r->shift = std::max(sps.reorderFrames, deepest);
+    // A stream that may hold field pictures (H.264 PAFF) needs half a frame.
+    if (!sps.frameMbsOnly && r->step % 2 == 1 && spec.Timescale <= UINT32_MAX / 2 && r->step <= UINT32_MAX / 2) {
+        spec.Timescale *= 2;
+        r->step *= 2;
+    }
     r->reorder = std::max(r->reorder, r->shift);
     Hold(r.get(), std::move(first));
     return AsReader(r.release());
@@ -583,7 +595,7 @@ Reader *OpenHevc(ByteStream *in, const Options &options, TrackDescription *track
 
 Step NextAnnexB(Reader *reader, Sample *sample, Failure *failure) {
     AnnexBReader *r = FromReader(reader);
-    while (r->held.empty() || r->held.front().presentIndex < 0) {
+    while (r->held.empty() || r->held.front().presentTime < 0) {
         Picture picture;
         const Step step = NextAccessUnit(r, &picture, failure);
         if (step == Step::kFailed) return step;
@@ -597,14 +609,14 @@ Step NextAnnexB(Reader *reader, Sample *sample, Failure *failure) {
     r->out = std::move(r->held.front());
     r->held.pop_front();
     const Picture &p = r->out;
-    const int64_t offset = (p.presentIndex - int64_t(p.decodeIndex) + int64_t(r->shift)) * int64_t(r->step);
+    const int64_t offset = p.presentTime - int64_t(p.decodeTime) + int64_t(r->shift) * r->step;
     if (offset > INT32_MAX || offset < INT32_MIN)
         return Fail(failure, p.offset, "a picture presents too far from where it is decoded");
     sample->data = p.data.data();
     sample->size = p.data.size();
-    sample->decodeTime = p.decodeIndex * r->step;
+    sample->decodeTime = p.decodeTime;
     sample->compositionOffset = int32_t(offset);
-    sample->duration = r->step;
+    sample->duration = p.duration;
     sample->key = p.key;
     return Step::kSample;
 }
