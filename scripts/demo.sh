@@ -24,8 +24,8 @@ echo "== info out/demo.mp4"
 $tool info out/demo.mp4
 echo "== extract the audio track of out/demo.mp4 -> out/demo.aac"
 $tool extract out/demo.mp4 --track 2 -o out/demo.aac
-echo "== mux $data/mux/demo.m4v + $data/mux/demo.aac (streams made by FFmpeg, formats found from their first bytes) -> out/demo_streams.mp4"
-$tool mux -o out/demo_streams.mp4 $data/mux/demo.m4v $data/mux/demo.aac
+echo "== mux $data/mux/demo.h264 + $data/mux/demo.aac (streams made by FFmpeg, formats found from their first bytes) -> out/demo_streams.mp4"
+$tool mux -o out/demo_streams.mp4 $data/mux/demo.h264 $data/mux/demo.aac
 $tool info out/demo_streams.mp4
 echo "== dump $data/mpeg4_aac.mp4 (made by FFmpeg)"
 $tool dump $data/mpeg4_aac.mp4

@@ -31,3 +31,21 @@ uint32_t ReadBits(BitReader *reader, uint32_t count) {
 uint32_t BitsLeftInByte(const BitReader *reader) {
     return 8 - uint32_t(reader->Position % 8);
 }
+
+uint32_t ReadUe(BitReader *reader) {
+    uint32_t zeros = 0;
+    while (!reader->Exhausted && ReadBits(reader, 1) == 0) {
+        if (++zeros > 31) {
+            reader->Position = reader->Length * 8;
+            reader->Exhausted = true;
+        }
+    }
+    if (reader->Exhausted) return 0;
+    return uint32_t((uint64_t(1) << zeros) - 1 + ReadBits(reader, zeros));
+}
+
+int32_t ReadSe(BitReader *reader) {
+    const uint32_t code = ReadUe(reader);
+    // 1, 2, 3, 4 ... give 1, -1, 2, -2 ...
+    return (code & 1) ? int32_t((code >> 1) + 1) : -int32_t(code >> 1);
+}

@@ -27,3 +27,9 @@ uint32_t BitsLeftInByte(const BitReader *reader);
 
 // Bytes whose last bit has been read.
 inline size_t BytesPassed(const BitReader *reader) { return reader->Position / 8; }
+
+// Exp-Golomb codes as H.264 and HEVC headers use them: unsigned (ue) and
+// signed (se). More than 31 leading zeros fit no 32-bit value: the reader
+// is then exhausted and 0 comes back.
+uint32_t ReadUe(BitReader *reader);
+int32_t ReadSe(BitReader *reader);

@@ -1,7 +1,7 @@
-// The bytes of a file or of standard input as they come, for the stream
-// readers of `mp4core mux`: read in blocks behind the bytes held, and let
-// go in large runs so that the bytes held move rarely and memory stays flat
-// however long the stream.
+// The bytes of an input as they come: a file (which a reader may also scan
+// ahead with pread, its descriptor's offset left alone) or standard input.
+// Bytes are read in blocks of 64 KiB behind those held and let go from the
+// front in runs of at least 256 KiB, so that the held bytes move rarely.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,11 +12,9 @@
 #include "mux/mux.h"
 
 namespace mux {
-
 namespace {
 
 constexpr size_t kReadBytes = size_t(64) << 10;
-// Bytes are let go only in runs of at least this many.
 constexpr size_t kLetGoBytes = size_t(256) << 10;
 
 }  // namespace
@@ -37,6 +35,7 @@ bool OpenByteStream(const char *path, ByteStream *stream) {
 void CloseByteStream(ByteStream *stream) {
     if (stream->owned) close(stream->fd);
     stream->owned = false;
+    stream->fd = -1;
 }
 
 bool ReadMore(ByteStream *stream) {

@@ -1,16 +1,23 @@
-// The table of stream formats that `mp4core mux` takes, in the order their
-// probes are tried, and what the readers share.
+// Every stream format mux takes, one row each, in the order the probes are
+// tried (a format whose first bytes say more before one that says less),
+// and what the readers share.
 #include <cstdio>
 #include <iterator>
 
 #include "mux/readers.h"
+#include "mux/video.h"
 
 namespace mux {
 
 #define MUX_ROW(name, label, type) {label, type, name##Probe, name##Open, name##Next, name##Close}
 
 const Format kFormats[] = {
-    MUX_ROW(Mpeg4Video, "MPEG-4 video", 1),
+    {"IVF AV1", MP4_TRACK_VIDEO, ProbeAv1Ivf, OpenIvf, NextIvf, CloseIvf},
+    {"IVF VP9", MP4_TRACK_VIDEO, ProbeVp9Ivf, OpenIvf, NextIvf, CloseIvf},
+    {"MPEG-4 video", MP4_TRACK_VIDEO, ProbeMpeg4Video, OpenMpeg4Video, NextMpeg4Video,
+     CloseMpeg4Video},
+    {"HEVC Annex B", MP4_TRACK_VIDEO, ProbeHevc, OpenHevc, NextAnnexB, CloseAnnexB},
+    {"H.264 Annex B", MP4_TRACK_VIDEO, ProbeH264, OpenH264, NextAnnexB, CloseAnnexB},
     MUX_ROW(Adts, "AAC ADTS", 2),
     MUX_ROW(MpegAudio, "MPEG audio", 2),
     MUX_ROW(Ac3, "AC-3", 2),

@@ -46,7 +46,6 @@ void DescribeSound(TrackDescription *track, const char *format, uint32_t rate, u
     Step name##Next(Reader *reader, Sample *sample, Failure *failure);                                \
     void name##Close(Reader *reader);
 
-MUX_READER(Mpeg4Video)  // mpeg4_video.cpp (fixed timing, until its own reader comes)
 MUX_READER(Adts)        // adts.cpp
 MUX_READER(MpegAudio)   // mpeg_audio.cpp
 MUX_READER(Ac3)         // ac3.cpp, AC-3 and E-AC-3

@@ -55,6 +55,20 @@ ff $(video 160x120 25 1) "${x265[@]}" -x265-params "$x265p" -tag:v hvc1 "${exact
    hevc_hvc1.mp4
 finish hevc_hvc1.mp4
 
+# Streams for mux: H.264 with 3 B-frames in a pyramid (x264 orders them by
+# picture order count type 0); H.264 without B-frames (type 2), 66x50 (the
+# picture cropped on both axes), with access unit delimiters, and buffering
+# and timing SEI in every picture (HRD parameters in the sequence set); and
+# MPEG-4 video with 2 B-frames between references (QCIF, 1 s).
+ff $(video 64x48 25 1) -c:v libx264 -pix_fmt yuv420p -preset medium -crf 30 -g 12 -bf 3 \
+   -b-pyramid normal -x264-params b-adapt=0 "${exact[@]}" h264_pyramid.mp4
+finish h264_pyramid.mp4
+ff $(video 66x50 25 1) -c:v libx264 -pix_fmt yuv420p -preset medium -b:v 60k -maxrate 60k \
+   -bufsize 60k -g 12 -bf 0 -x264-params aud=1:nal-hrd=vbr "${exact[@]}" h264_no_bframes.mp4
+finish h264_no_bframes.mp4
+ff $(video 176x144 25 1) -c:v mpeg4 -q:v 10 -g 12 -bf 2 "${exact[@]}" mpeg4_bframes_qcif.mp4
+finish mpeg4_bframes_qcif.mp4
+
 # AV1 (libaom) and VP9 (libvpx), single-threaded.
 ff $(video 160x120 25 1) -c:v libaom-av1 -cpu-used 8 -crf 45 -b:v 0 -row-mt 0 -g 12 \
    "${exact[@]}" av1.mp4

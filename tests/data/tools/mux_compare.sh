@@ -7,12 +7,13 @@
 # modern/ (FILE.samples, from ffprobe), "N packets as the source" when every
 # packet of the muxed track has the decode time (from the first), size, key
 # flag, composition offset and CRC-32 of the source's (times in microseconds,
-# so that the timescales may differ), else both lists.
+# so that the timescales may differ), else both lists. MUX OPTIONS "-" feeds
+# the stream through a pipe on standard input.
 trip() {
   local file=$1 id=$2 ext=$3
   shift 3
   "$tool" extract "$file" --track "$id" -o "a.$ext" >/dev/null || return
-  "$tool" mux -o m.mp4 "$@" "a.$ext" || return
+  if [ "$1" = - ]; then cat "a.$ext" | "$tool" mux -o m.mp4 -; else "$tool" mux -o m.mp4 "$@" "a.$ext"; fi || return
   "$tool" extract m.mp4 --track 1 -o "b.$ext" >/dev/null || return
   cmp -s "a.$ext" "b.$ext" && printf "same stream" || { echo "streams differ"; return; }
   case $file in */modern/*) ;; *) echo; return ;; esac
