@@ -97,10 +97,10 @@ bool OpenInputs(std::vector<Input> &inputs, const mux::Options &options) {
 
 bool AddTracks(MP4_local_file *file, std::vector<Input> &inputs) {
     for (Input &input : inputs) {
-        MP4TrackSpec spec = input.track.spec;
-        spec.Config = input.track.config.empty() ? nullptr : input.track.config.data();
-        spec.ConfigSize = uint32_t(input.track.config.size());
-        const int32_t result = MP4AddTrack(file, &spec, &input.trackId);
+        MP4TrackSpec entry = input.track.entry;
+        entry.Config = input.track.config.empty() ? nullptr : input.track.config.data();
+        entry.ConfigSize = uint32_t(input.track.config.size());
+        const int32_t result = MP4AddTrack(file, &entry, &input.trackId);
         if (result != 1) return ReportFailure("mux", "MP4AddTrack", result, input.path) == 0;
     }
     return true;
@@ -146,8 +146,8 @@ void WriteSamples(MP4_local_file *file, std::vector<Input> &inputs, bool verbose
                 if (input.done) continue;
             }
             using Wide = unsigned __int128;
-            if (next == nullptr || Wide(input.sample.decodeTime) * next->track.spec.Timescale <
-                                       Wide(next->sample.decodeTime) * input.track.spec.Timescale)
+            if (next == nullptr || Wide(input.sample.decodeTime) * next->track.entry.Timescale <
+                                       Wide(next->sample.decodeTime) * input.track.entry.Timescale)
                 next = &input;
         }
         UpdateProgressShare(progress, *written, read);
@@ -171,7 +171,7 @@ void WriteSamples(MP4_local_file *file, std::vector<Input> &inputs, bool verbose
         }
         if (verbose)
             std::fprintf(stderr, "mp4core mux: %s frame %llu at %llu, %zu bytes%s\n",
-                         next->track.spec.TrackType == MP4_TRACK_VIDEO ? "video" : "audio",
+                         next->track.entry.TrackType == MP4_TRACK_VIDEO ? "video" : "audio",
                          static_cast<unsigned long long>(next->written),
                          static_cast<unsigned long long>(s.decodeTime), s.size, s.key ? ", key" : "");
         ++next->written;

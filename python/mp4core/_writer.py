@@ -75,19 +75,19 @@ class Writer:
         ``config`` is the decoder configuration as :attr:`Track.config`
         gives it; ``bits`` the bits of a PCM sample; ``media_start`` the
         ticks decoded but not presented at the start (an encoder delay)."""
-        spec = _capi.TrackSpec()
-        spec.TrackType = 0 if handler else 1 if width or height else 2
-        spec.Handler = (handler or "").encode("latin-1")
-        spec.Format = codec.encode("latin-1")
-        spec.Timescale, spec.Width, spec.Height = timescale, width, height
-        spec.SampleRate, spec.Channels, spec.BitsPerSample = rate, channels, bits
-        spec.ObjectType, spec.Rotation, spec.MediaStart = object_type, rotation, media_start
-        spec.PixelAspectH, spec.PixelAspectV = pixel_aspect
-        spec.Language = language.encode("latin-1")
-        spec.Config = ctypes.cast(ctypes.c_char_p(config), ctypes.c_void_p) if config else None
-        spec.ConfigSize = len(config or b"")
+        entry = _capi.TrackSpec()
+        entry.TrackType = 0 if handler else 1 if width or height else 2
+        entry.Handler = (handler or "").encode("latin-1")
+        entry.Format = codec.encode("latin-1")
+        entry.Timescale, entry.Width, entry.Height = timescale, width, height
+        entry.SampleRate, entry.Channels, entry.BitsPerSample = rate, channels, bits
+        entry.ObjectType, entry.Rotation, entry.MediaStart = object_type, rotation, media_start
+        entry.PixelAspectH, entry.PixelAspectV = pixel_aspect
+        entry.Language = language.encode("latin-1")
+        entry.Config = ctypes.cast(ctypes.c_char_p(config), ctypes.c_void_p) if config else None
+        entry.ConfigSize = len(config or b"")
         track_id = c_uint32()
-        check("MP4AddTrack", lib.MP4AddTrack(self._handle, byref(spec), byref(track_id)), codec)
+        check("MP4AddTrack", lib.MP4AddTrack(self._handle, byref(entry), byref(track_id)), codec)
         return track_id.value
 
     def add_track_from(self, track: Track) -> int:

@@ -525,24 +525,24 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     track->config = codec == Codec::kAvc ? BuildAvcConfig(sps, units.data(), units.size())
                                          : BuildHevcConfig(sps, units.data(), units.size(), r->outOfBand);
     const char *format = codec == Codec::kAvc ? (r->outOfBand ? "avc1" : "avc3") : (r->outOfBand ? "hvc1" : "hev1");
-    MP4TrackSpec &spec = track->spec;
-    spec.TrackType = MP4_TRACK_VIDEO;
-    std::memcpy(spec.Format, format, 4);
-    spec.Width = sps.width;
-    spec.Height = sps.height;
-    spec.Config = track->config.data();
-    spec.ConfigSize = uint32_t(track->config.size());
+    MP4TrackSpec &entry = track->entry;
+    entry.TrackType = MP4_TRACK_VIDEO;
+    std::memcpy(entry.Format, format, 4);
+    entry.Width = sps.width;
+    entry.Height = sps.height;
+    entry.Config = track->config.data();
+    entry.ConfigSize = uint32_t(track->config.size());
     if (options.fpsNumerator != 0) {
-        spec.Timescale = options.fpsNumerator;
+        entry.Timescale = options.fpsNumerator;
         r->step = std::max(options.fpsDenominator, 1u);
     } else if (sps.timeScale != 0) {
-        spec.Timescale = sps.timeScale;
+        entry.Timescale = sps.timeScale;
         r->step = sps.frameTicks;
     } else if (r->videoTimeScale != 0) {
-        spec.Timescale = r->videoTimeScale;
+        entry.Timescale = r->videoTimeScale;
         r->step = r->videoFrameTicks;
     } else {
-        spec.Timescale = kDefaultFps;
+        entry.Timescale = kDefaultFps;
         r->step = 1;
         track->notice = "the stream states no frame rate; 25 frames per second";
     }
@@ -550,8 +550,8 @@ Reader *Open(Codec codec, ByteStream *in, const Options &options, TrackDescripti
     // the first sequence set, or of any a file's scan met.
     r->shift = std::max(sps.reorderFrames, deepest);
     // A stream that may hold field pictures (H.264 PAFF) needs half a frame.
-    if (!sps.frameMbsOnly && r->step % 2 == 1 && spec.Timescale <= UINT32_MAX / 2 && r->step <= UINT32_MAX / 2) {
-        spec.Timescale *= 2;
+    if (!sps.frameMbsOnly && r->step % 2 == 1 && entry.Timescale <= UINT32_MAX / 2 && r->step <= UINT32_MAX / 2) {
+        entry.Timescale *= 2;
         r->step *= 2;
     }
     r->reorder = std::max(r->reorder, r->shift);

@@ -112,7 +112,7 @@ Reader *FlacOpen(ByteStream *in, const Options &, TrackDescription *track, Failu
         const uint32_t channels = ((info[12] >> 1) & 7) + 1u;
         if (rate == 0) why = "the STREAMINFO block gives a sample rate of 0";
         DescribeSound(track, "fLaC", rate, channels);
-        track->spec.BitsPerSample = (((info[12] & 1u) << 4) | (info[13] >> 4)) + 1u;
+        track->entry.BitsPerSample = (((info[12] & 1u) << 4) | (info[13] >> 4)) + 1u;
     }
     // The metadata blocks up to the last one.
     for (size_t at = 4; why == nullptr;) {

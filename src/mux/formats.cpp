@@ -48,14 +48,14 @@ Step EndOfFrames(const Cursor &cursor, Failure *failure, const char *what) {
 }
 
 void DescribeSound(TrackDescription *track, const char *format, uint32_t rate, uint32_t channels) {
-    MP4TrackSpec &spec = track->spec;
-    spec.TrackType = MP4_TRACK_AUDIO;
-    for (int i = 0; i < 4; ++i) spec.Format[i] = format[i];
-    spec.Timescale = rate;
-    spec.SampleRate = rate;
-    spec.Channels = channels;
-    spec.Config = track->config.empty() ? nullptr : track->config.data();
-    spec.ConfigSize = uint32_t(track->config.size());
+    MP4TrackSpec &entry = track->entry;
+    entry.TrackType = MP4_TRACK_AUDIO;
+    for (int i = 0; i < 4; ++i) entry.Format[i] = format[i];
+    entry.Timescale = rate;
+    entry.SampleRate = rate;
+    entry.Channels = channels;
+    entry.Config = track->config.empty() ? nullptr : track->config.data();
+    entry.ConfigSize = uint32_t(track->config.size());
 }
 
 }  // namespace mux

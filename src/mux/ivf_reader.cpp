@@ -314,9 +314,9 @@ Reader *OpenIvf(ByteStream *in, const Options &, TrackDescription *track, Failur
         return nullptr;
     }
     const uint8_t *frame = &in->bytes[at + kFrameHead];
-    MP4TrackSpec &spec = track->spec;
-    spec.TrackType = MP4_TRACK_VIDEO;
-    spec.Timescale = rate;
+    MP4TrackSpec &entry = track->entry;
+    entry.TrackType = MP4_TRACK_VIDEO;
+    entry.Timescale = rate;
     if (r->av1) {
         Obu obu;
         Av1Sequence sequence;
@@ -339,7 +339,7 @@ Reader *OpenIvf(ByteStream *in, const Options &, TrackDescription *track, Failur
         }
         r->reducedStillPicture = sequence.reducedStillPicture;
         if (width == 0 || height == 0) width = sequence.width, height = sequence.height;
-        std::memcpy(spec.Format, "av01", 4);
+        std::memcpy(entry.Format, "av01", 4);
     } else {
         // The second frame's time, when it comes, gives the frame rate.
         double frameRate = 0;
@@ -354,12 +354,12 @@ Reader *OpenIvf(ByteStream *in, const Options &, TrackDescription *track, Failur
             failure->why = "the first frame is no VP9 key frame whose header can be read";
             return nullptr;
         }
-        std::memcpy(spec.Format, "vp09", 4);
+        std::memcpy(entry.Format, "vp09", 4);
     }
-    spec.Width = width;
-    spec.Height = height;
-    spec.Config = track->config.data();
-    spec.ConfigSize = uint32_t(track->config.size());
+    entry.Width = width;
+    entry.Height = height;
+    entry.Config = track->config.data();
+    entry.ConfigSize = uint32_t(track->config.size());
     return AsReader(r.release());
 }
 

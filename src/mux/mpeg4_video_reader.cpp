@@ -236,19 +236,19 @@ Reader *OpenMpeg4Video(ByteStream *in, const Options &options, TrackDescription 
     track->config.assign(s.begin(), s.begin() + long(headerEnd));
     uint32_t width = 0, height = 0;
     if (MeasureM4vHeader(s.data(), s.size(), &width, &height) == 0xFFFFFFFFu) width = height = 0;
-    MP4TrackSpec &spec = track->spec;
-    spec.TrackType = MP4_TRACK_VIDEO;
-    std::memcpy(spec.Format, "mp4v", 4);
-    spec.ObjectType = 0x20;
-    spec.Width = width;
-    spec.Height = height;
-    spec.Config = track->config.data();
-    spec.ConfigSize = uint32_t(track->config.size());
-    spec.Timescale = r->resolution;
+    MP4TrackSpec &entry = track->entry;
+    entry.TrackType = MP4_TRACK_VIDEO;
+    std::memcpy(entry.Format, "mp4v", 4);
+    entry.ObjectType = 0x20;
+    entry.Width = width;
+    entry.Height = height;
+    entry.Config = track->config.data();
+    entry.ConfigSize = uint32_t(track->config.size());
+    entry.Timescale = r->resolution;
     if (options.fpsNumerator != 0) {
         r->fpsNumerator = options.fpsNumerator;
         r->fpsDenominator = std::max(options.fpsDenominator, 1u);
-        spec.Timescale = options.fpsNumerator;
+        entry.Timescale = options.fpsNumerator;
     }
     r->frameStart = headerEnd;
     r->plane = firstPlane;

@@ -136,10 +136,10 @@ Reader *MpegAudioOpen(ByteStream *in, const Options &, TrackDescription *track, 
     uint32_t delay = 0, padding = 0;
     if (c.Hold(h.length) && IsInfoFrame(c.Here(), h, &delay, &padding)) {
         c.at += h.length;
-        track->spec.MediaStart = delay != 0 || padding != 0 ? delay + kDecoderDelay : 0;
+        track->entry.MediaStart = delay != 0 || padding != 0 ? delay + kDecoderDelay : 0;
         reader->endTrim = padding > kDecoderDelay ? padding - kDecoderDelay : 0;
     }
-    track->spec.ObjectType = h.version == 3 ? kMpeg1ObjectType : kMpeg2ObjectType;
+    track->entry.ObjectType = h.version == 3 ? kMpeg1ObjectType : kMpeg2ObjectType;
     DescribeSound(track, "mp4a", h.rate, h.channels);
     return reader;
 }

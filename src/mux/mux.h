@@ -47,9 +47,9 @@ struct Options {
     uint32_t fpsDenominator = 0;
 };
 
-// A track as its reader describes it. spec.Config points into config.
+// A track as its reader describes it. entry.Config points into config.
 struct TrackDescription {
-    MP4TrackSpec spec{};
+    MP4TrackSpec entry{};
     Bytes config;
     std::string notice;  // printed by the tool when not empty, e.g. that
                          // the stream has no timing and 25 fps was taken

@@ -184,7 +184,7 @@ Reader *OggOpusOpen(ByteStream *in, const Options &, TrackDescription *track, Fa
     // family and table, big-endian.
     track->config = {0, head[9], head[11], head[10], head[15], head[14], head[13], head[12], head[17], head[16], head[18]};
     track->config.insert(track->config.end(), head + kHeadFixed, head + kHeadFixed + mapping);
-    track->spec.MediaStart = uint32_t(GetLE(head + 10, 2));
+    track->entry.MediaStart = uint32_t(GetLE(head + 10, 2));
     DescribeSound(track, "Opus", kOpusRate, head[9]);
     // The comment header (OpusTags) follows; it may fill pages of its own.
     if (QueuePackets(reader, failure) == Step::kFailed) {

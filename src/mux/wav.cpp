@@ -108,7 +108,7 @@ Reader *WavOpen(ByteStream *in, const Options &, TrackDescription *track, Failur
     c.at = at;
     reader->frameBytes = blockAlign;
     DescribeSound(track, reader->entry->entry, rate, channels);
-    track->spec.BitsPerSample = bits;
+    track->entry.BitsPerSample = bits;
     return reader;
 }
 

@@ -112,9 +112,9 @@ void CheckSamples(const std::vector<std::string> &row) {
         options.fpsDenominator = 1;
     ReaderRun run(file.path(), row[2] == "pipe", options);
     ASSERT_NE(run.reader, nullptr) << run.failure.why;
-    const MP4TrackSpec &spec = run.track.spec;
-    EXPECT_EQ(std::string(spec.Format, 4), row[4]);
-    EXPECT_EQ(spec.Timescale, std::stoul(row[5]));
+    const MP4TrackSpec &entry = run.track.entry;
+    EXPECT_EQ(std::string(entry.Format, 4), row[4]);
+    EXPECT_EQ(entry.Timescale, std::stoul(row[5]));
     std::ifstream facts(FixturePath(names[0]) + ".streams");
     std::string line;
     while (std::getline(facts, line) && line.rfind("stream ", 0) != 0) {
@@ -216,7 +216,7 @@ TEST(SlowMuxVideoReaders, FfmpegDecodesTheWrittenTrackAsItsSource) {
             MP4_local_file *file = nullptr;
             uint32_t id = 0;
             ASSERT_EQ(MP4FileNewEx(&file, out.c_str(), mode), 1);
-            ASSERT_EQ(MP4AddTrack(file, &run.track.spec, &id), 1);
+            ASSERT_EQ(MP4AddTrack(file, &run.track.entry, &id), 1);
             mux::Sample s;
             while (run.format->next(run.reader, &s, &run.failure) == mux::Step::kSample) {
                 MP4WriteInfo info{};
