@@ -118,7 +118,8 @@ TEST(SlowWriterInterop, FramesReadBackByMp4coreAndFfprobe) {
 // tests/data/written/fragmented_ffmpeg.txt: the classic and fragmented files
 // of `mp4core mux` against ffprobe and ffmpeg, and the one against the other.
 // mux_ffmpeg.txt: streams FFmpeg encodes in every audio form mux takes,
-// muxed in both layouts and decoded by ffmpeg as the streams themselves.
+// muxed in both layouts and decoded by ffmpeg as the streams themselves, and
+// its B-frame video presenting at FFmpeg's own times.
 TEST(SlowFragmentedInterop, FfmpegReadsTheClassicFilesPacketsAndDecodesThem) {
     if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg or ffprobe missing";
     media_support::ExpectTranscript("written/fragmented_ffmpeg.txt");

@@ -50,3 +50,29 @@ decodes() {
     ffprobe -v warning m.mp4
   done
 }
+
+# presents FORMAT BSF ENCODER OPTIONS...: FFmpeg encodes two seconds of a
+# test picture with B-frames straight into an MP4 (r.mp4, its own timing),
+# the stream is taken out of it (FORMAT: h264, hevc, m4v; BSF the bitstream
+# filter that makes it the raw stream) and muxed plain and --fragmented; prints
+# per layout whether ffprobe's presentation times equal those of FFmpeg's
+# file up to a constant, and what ffmpeg warns of while decoding it.
+presents() {
+  local format=$1 bsf=$2 layout a b
+  shift 2
+  ffmpeg -v error -y -f lavfi -i testsrc=size=352x288:rate=30 -t 2 "$@" r.mp4 || return
+  ffmpeg -v error -y -i r.mp4 -c copy -bsf:v "$bsf" -f "$format" s.raw || return
+  a=$(ptimes r.mp4)
+  for layout in --faststart --fragmented; do
+    "$tool" mux -o m.mp4 $layout s.raw || return
+    b=$(ptimes m.mp4)
+    printf "%s %s: %s\n" "$format" $layout "$([ "$a" = "$b" ] && echo "$(echo "$a" | wc -l) frames present as in FFmpeg's MP4" || echo "other times than FFmpeg's MP4")"
+    ffmpeg -v warning -nostdin -i m.mp4 -f null - 2>&1
+  done
+}
+
+# The presentation times of a file's video packets, in order, from the first.
+ptimes() {
+  ffprobe -v error -select_streams v -show_entries packet=pts_time -of csv=p=0 "$1" | sort -g |
+    awk 'NR == 1 {first = $1} {printf "%.4f\n", $1 - first}'
+}
