@@ -28,29 +28,53 @@ std::string Indexed(const std::string &path, uint32_t index) {
     return index == 1 ? path : path + "[" + std::to_string(index) + "]";
 }
 
+// The payloads of the children of `parent` named `name`, each with its
+// path. A modern handle's tree holds every child; the classic reader ends
+// a container's scan at the first name it does not know ("meta" in
+// "moov", say), so on a classic handle the parent's payload is read whole
+// (up to MP4GetAtom's 16 MiB) and its children found in it.
+struct ChildPayload {
+    std::vector<uint8_t> Bytes;
+    std::string Path;
+    ByteSpan Span() const { return {Bytes.data(), Bytes.size()}; }
+};
+
+std::vector<ChildPayload> ChildrenNamed(MP4_local_file *file, const std::string &parent, const char *name) {
+    std::vector<ChildPayload> children;
+    const std::string path = parent + "/" + name;
+    if (file->read.Modern) {
+        std::vector<uint8_t> payload;
+        for (uint32_t i = 1; i <= kMaxSiblings && ReadAtomPayload(file, Indexed(path, i), &payload); ++i)
+            children.push_back({std::move(payload), Indexed(path, i)});
+        return children;
+    }
+    std::vector<uint8_t> whole;
+    if (!ReadAtomPayload(file, parent, &whole)) return children;
+    SpanAtoms atoms({whole.data(), whole.size()});
+    for (SpanAtom atom; children.size() < kMaxSiblings && atoms.Next(&atom);)
+        if (std::memcmp(atom.Name, name, 4) == 0)
+            children.push_back({std::vector<uint8_t>(atom.Payload.Data, atom.Payload.Data + atom.Payload.Size),
+                                Indexed(path, uint32_t(children.size() + 1))});
+    return children;
+}
+
 // The "meta" atoms inside the "udta" atoms of a "moov" or "trak", then
-// (for the file) those of "moov" itself, then the "udta" strings: the
-// order of precedence of their tags.
+// those of the "moov" or "trak" itself, then the "udta" strings: the order
+// of precedence of their tags.
 void CollectContainer(MP4_local_file *file, const std::string &parent, uint32_t trackId,
                       std::vector<TagDraft> *tags) {
-    std::vector<std::vector<uint8_t>> udtas;
-    std::vector<uint8_t> payload;
-    for (uint32_t i = 1; i <= kMaxSiblings && ReadAtomPayload(file, Indexed(parent + "/udta", i), &payload); ++i)
-        udtas.push_back(std::move(payload));
-    for (size_t i = 0; i < udtas.size(); ++i) {
-        SpanAtoms children({udtas[i].data(), udtas[i].size()});
+    const std::vector<ChildPayload> udtas = ChildrenNamed(file, parent, "udta");
+    for (const ChildPayload &udta : udtas) {
+        SpanAtoms children(udta.Span());
         uint32_t metas = 0;
         for (SpanAtom child; children.Next(&child);) {
             if (std::memcmp(child.Name, "meta", 4) != 0 || ++metas > kMaxSiblings) continue;
-            CollectItemList(child.Payload, Indexed(Indexed(parent + "/udta", uint32_t(i + 1)) + "/meta", metas),
-                            trackId, tags);
+            CollectItemList(child.Payload, Indexed(udta.Path + "/meta", metas), trackId, tags);
         }
     }
-    for (uint32_t i = 1; i <= kMaxSiblings && ReadAtomPayload(file, Indexed(parent + "/meta", i), &payload); ++i)
-        CollectItemList({payload.data(), payload.size()}, Indexed(parent + "/meta", i), trackId, tags);
-    for (size_t i = 0; i < udtas.size(); ++i)
-        CollectUserData({udtas[i].data(), udtas[i].size()}, Indexed(parent + "/udta", uint32_t(i + 1)),
-                        trackId, tags);
+    for (const ChildPayload &meta : ChildrenNamed(file, parent, "meta"))
+        CollectItemList(meta.Span(), meta.Path, trackId, tags);
+    for (const ChildPayload &udta : udtas) CollectUserData(udta.Span(), udta.Path, trackId, tags);
 }
 
 // The strings of a list and the list itself as one block: the records
@@ -168,9 +192,8 @@ uint64_t MovieDuration(MP4_local_file *file, uint32_t timescale) {
 // title (8-bit length). An entry that does not fit ends the list; each
 // ends where the next one starts, the last at the end of the movie.
 void ChaptersFromChpl(MP4_local_file *file, std::vector<ChapterDraft> *chapters) {
-    std::vector<uint8_t> udta;
-    for (uint32_t i = 1; i <= kMaxSiblings && ReadAtomPayload(file, Indexed("moov/udta", i), &udta); ++i) {
-        SpanAtoms children({udta.data(), udta.size()});
+    for (const ChildPayload &udta : ChildrenNamed(file, "moov", "udta")) {
+        SpanAtoms children(udta.Span());
         SpanAtom chpl;
         bool found = false;
         while (!found && children.Next(&chpl)) found = std::memcmp(chpl.Name, "chpl", 4) == 0;

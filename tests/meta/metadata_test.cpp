@@ -61,9 +61,11 @@ TEST(MetadataFixtures, TagsAndChaptersAreWhatExiftoolFfprobeAndMutagenRead) {
         std::sort(expected.begin(), expected.end());
         const std::string path = entry.path().string();
         const Bytes bytes = ReadWholeFile(path.substr(0, path.size() - 5));
-        OpenedModern modern(bytes);
-        ASSERT_EQ(modern.result, 1) << path;
-        EXPECT_EQ(Lines(modern.handle, keys), expected) << path;
+        for (const int64_t flags : {int64_t(-1), int64_t(MP4_OPEN_MODERN)}) {
+            OpenedFile file(bytes, MP4_TABLE_MARKS, flags);
+            ASSERT_EQ(file.result, 1) << path;
+            EXPECT_EQ(Lines(file.handle, keys), expected) << path << (flags < 0 ? " (classic)" : " (modern)");
+        }
     }
 }
 
