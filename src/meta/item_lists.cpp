@@ -126,7 +126,7 @@ bool ReadValue(ByteSpan data, ItemForm form, bool isCover, TagDraft *tag) {
         if (number >= 1 && number <= sizeof kGenres / sizeof kGenres[0])
             tag->Value = kGenres[number - 1];
         else
-            tag->Value = std::to_string(number);
+            tag->Value = Decimal(number);
         return true;
     }
     if (isCover || type == kJpeg || type == kPng) {
@@ -188,15 +188,15 @@ std::string FreeformPart(ByteSpan payload) {
 // The names a "keys" payload lists (version and flags, count, then each
 // key's size, namespace and name), in order; a key that does not fit ends
 // the list.
-std::vector<std::string> ReadKeys(ByteSpan keys) {
-    std::vector<std::string> names;
+std::vector<ByteSpan> ReadKeys(ByteSpan keys) {
+    std::vector<ByteSpan> names;
     if (keys.Size < 8) return names;
     const uint32_t count = GetBE32(keys.Data, 4);
     size_t at = 8;
     for (uint32_t i = 0; i < count && keys.Holds(at, 8); ++i) {
         const uint32_t size = GetBE32(keys.Data, at);
         if (size < 8 || !keys.Holds(at, size)) break;
-        names.emplace_back(reinterpret_cast<const char *>(keys.Data + at + 8), size - 8);
+        names.push_back({keys.Data + at + 8, size - 8});
         at += size;
     }
     return names;
@@ -209,7 +209,7 @@ void CollectItemList(ByteSpan meta, const std::string &metaPath, uint32_t trackI
     // A "meta" of ISO form is a full atom; QuickTime's has "hdlr" at once.
     const bool plain = meta.Holds(4, 4) && std::memcmp(meta.Data + 4, "hdlr", 4) == 0;
     ByteSpan ilst;
-    std::vector<std::string> keys;
+    std::vector<ByteSpan> keys;
     bool haveKeys = false;
     SpanAtoms children(meta.From(plain ? 0 : 4));
     for (SpanAtom child; children.Next(&child);) {
@@ -233,8 +233,8 @@ void CollectItemList(ByteSpan meta, const std::string &metaPath, uint32_t trackI
             // as the index is no printable name.
             const uint32_t index = GetBE32(reinterpret_cast<const uint8_t *>(item.Name), 0);
             if (index == 0 || index > keys.size()) continue;
-            base.OwnKey = keys[index - 1];
-            base.Source = ilstPath + "*[" + std::to_string(position) + "]";
+            base.OwnKey.assign(reinterpret_cast<const char *>(keys[index - 1].Data), keys[index - 1].Size);
+            base.Source = ilstPath + "*[" + Decimal(position) + "]";
             const char *common = CommonKeyOf(base.OwnKey);
             base.Key = common != nullptr ? common : base.OwnKey;
             const size_t first = tags->size();

@@ -25,7 +25,7 @@ constexpr uint32_t kMaxTitleSample = 1u << 20;
 constexpr uint32_t kChplTimescale = 10000000;
 
 std::string Indexed(const std::string &path, uint32_t index) {
-    return index == 1 ? path : path + "[" + std::to_string(index) + "]";
+    return index == 1 ? path : path + "[" + Decimal(index) + "]";
 }
 
 // The payloads of the children of `parent` named `name`, each with its
@@ -148,7 +148,7 @@ bool ChaptersFromTrack(MP4_local_file *file, std::vector<ChapterDraft> *chapters
     uint32_t chapterTrack = 0;
     std::vector<uint8_t> tref;
     for (uint32_t i = 0; i < trackCount && chapterTrack == 0; ++i) {
-        if (!ReadAtomPayload(file, "moov/trak[" + std::to_string(i + 1) + "]/tref", &tref)) continue;
+        if (!ReadAtomPayload(file, "moov/trak[" + Decimal(i + 1) + "]/tref", &tref)) continue;
         SpanAtoms references({tref.data(), tref.size()});
         for (SpanAtom reference; chapterTrack == 0 && references.Next(&reference);)
             if (std::memcmp(reference.Name, "chap", 4) == 0 && reference.Payload.Size >= 4)
@@ -222,10 +222,19 @@ void ChaptersFromChpl(MP4_local_file *file, std::vector<ChapterDraft> *chapters)
     }
 }
 
+// A common key given, for the file (0) or a track.
+struct TakenKey {
+    uint32_t TrackId;
+    std::string Key;
+    bool operator<(const TakenKey &other) const {
+        return TrackId != other.TrackId ? TrackId < other.TrackId : Key < other.Key;
+    }
+};
+
 }  // namespace
 
 void SettleKeys(std::vector<TagDraft> *tags) {
-    std::set<std::pair<uint32_t, std::string>> taken;
+    std::set<TakenKey> taken;
     for (TagDraft &tag : *tags) {
         if (tag.OwnKey.empty() || tag.Key == tag.OwnKey) continue;
         if (!taken.insert({tag.TrackId, tag.Key}).second) tag.Key = tag.OwnKey;
@@ -244,7 +253,7 @@ int32_t MP4GetMetadata(MP4_local_file *file, MP4Tag **tags, uint32_t *count) {
         for (uint32_t i = 0; i < trackCount; ++i) {
             MP4TrackInfo track{};
             if (MP4GetTrackInfo(file, i, &track) != 1 || track.TrackId == 0) continue;
-            const std::string trak = "moov/trak[" + std::to_string(i + 1) + "]";
+            const std::string trak = "moov/trak[" + Decimal(i + 1) + "]";
             CollectContainer(file, trak, track.TrackId, &drafts);
             CollectHeaderTimes(file, trak + "/tkhd", track.TrackId, &drafts);
             CollectHeaderTimes(file, trak + "/mdia/mdhd", track.TrackId, &drafts);

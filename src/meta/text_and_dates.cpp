@@ -38,6 +38,12 @@ bool ReadAtomPayload(MP4_local_file *file, const std::string &path, std::vector<
     return true;
 }
 
+std::string Decimal(uint64_t number) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%llu", static_cast<unsigned long long>(number));
+    return text;
+}
+
 std::string NameStep(const char name[4]) {
     std::string step;
     for (int i = 0; i < 4; ++i) {

@@ -61,7 +61,7 @@ bool ReadString(ByteSpan payload, StringForm form, std::string *text) {
         return true;
     case StringForm::k3gppYear:
         if (payload.Size < 6) return false;
-        *text = std::to_string(GetBE16(payload.Data, 4));
+        *text = Decimal(GetBE16(payload.Data, 4));
         return true;
     case StringForm::k3gppLocation: {
         if (payload.Size < 6) return false;
