@@ -933,8 +933,9 @@ typedef struct MP4Tag {
 /* One chapter. 40 bytes. */
 typedef struct MP4Chapter {
     uint64_t Start;        /* in ticks of Timescale */
-    uint64_t End;          /* the next chapter's start; the last chapter's
-                              the end of the movie */
+    uint64_t End;          /* a chapter track: the end of the sample;
+                              "chpl": the next chapter's start, the last
+                              chapter's the end of the movie */
     uint32_t Timescale;    /* "chpl": 10,000,000; a chapter track: its
                               "mdhd" timescale */
     uint32_t Pad;          /* zero */
@@ -947,7 +948,9 @@ typedef struct MP4Chapter {
  * metadata by key ("meta" with "keys"), the "udta" strings (3GPP and
  * "\xC2\xA9xyz"), the "mvhd" times, and per track its "tkhd"/"mdhd" times
  * and "udta" "name". An item the library can't read whole (a size, count,
- * index or length beyond its atom, nesting too deep) is left out.
+ * index or length beyond its atom, nesting too deep) is left out. Each
+ * container is read whole, up to 16 MiB (a classic handle reads "moov"
+ * and each "trak" so, as its tree ends at names it does not know).
  *   tags   receives one block from malloc that holds the array and every
  *          key, value and source string, released with MP4FreeMetadata; null
  *          when the file has no tags.
@@ -964,7 +967,8 @@ MP4CORE_API void MP4FreeMetadata(MP4Tag *tags);
 /* MP4GetChapters lists the chapters of a read handle in time order: those
  * of a QuickTime chapter track (a "text" track that a "tref" "chap" of
  * another track names: each sample a 16-bit length and the title) when
- * there is one, else those of "moov/udta/chpl". A chapter whose title
+ * there is one, else those of "moov/udta/chpl" (always on a classic
+ * handle, which has no tables for text tracks). A chapter whose title
  * can't be read whole is left out.
  *   chapters  receives one block from malloc that holds the array and the
  *             titles, released with MP4FreeChapters; null when the file
