@@ -1012,6 +1012,121 @@ MP4CORE_API int32_t MP4GetDecoderConfig(MP4_local_file *file, uint32_t trackId, 
 MP4CORE_API int32_t MP4GetAtom(MP4_local_file *file, const char *path, uint8_t **data,
                                uint64_t *size);
 
+/* ---- Metadata and chapters -------------------------------------------- */
+
+/* Types of MP4Tag.Type. */
+enum { MP4_TAG_TEXT = 1, MP4_TAG_INTEGER = 2, MP4_TAG_BINARY = 3, MP4_TAG_IMAGE = 4 };
+
+/* One tag of a file or of a track. 80 bytes. The keys of the common
+ * vocabulary are lower-case: "title", "artist", "album_artist", "album",
+ * "date", "genre", "comment", "composer", "copyright", "description",
+ * "encoder", "track", "disc", "compilation", "cover", "location" (ISO 6709
+ * text, e.g. "+48.8577+002.2950+035.000/"), "make", "model", "software",
+ * "creation_time" and "modification_time" (ISO 8601 UTC,
+ * "2024-05-01T08:00:00Z"); anything else keeps the file's own key, e.g.
+ * "com.apple.iTunes:iTunNORM" or "com.apple.quicktime.make". Where two
+ * places give one key, docs/behaviour.md states which one wins; the other
+ * stays listed under its own key. */
+typedef struct MP4Tag {
+    const char *Key;       /* UTF-8, NUL-terminated */
+    uint32_t Type;         /* MP4_TAG_* */
+    uint32_t TrackId;      /* 0: the file's; else the track it belongs to */
+    const uint8_t *Value;  /* text: UTF-8 followed by a NUL not counted in
+                              Size; binary and image: the bytes; integer:
+                              null (the number is in Integer) */
+    uint32_t Size;         /* bytes of Value */
+    uint32_t Pad;          /* zero */
+    int64_t Integer;       /* integer tags; track and disc: the number */
+    int64_t Total;         /* track and disc: the count, 0 when none */
+    const char *Mime;      /* images: "image/jpeg" or "image/png"; else
+                              null */
+    const char *Source;    /* where it came from, as an MP4GetAtom path, e.g.
+                              "moov/udta/meta/ilst/\xC2\xA9nam" (UTF-8) */
+    uint32_t Reserved[4];  /* zero */
+} MP4Tag;
+
+/* One chapter. 40 bytes. */
+typedef struct MP4Chapter {
+    uint64_t Start;        /* in ticks of Timescale */
+    uint64_t End;          /* a chapter track: the end of the sample;
+                              "chpl": the next chapter's start, the last
+                              chapter's the end of the movie */
+    uint32_t Timescale;    /* "chpl": 10,000,000; a chapter track: its
+                              "mdhd" timescale */
+    uint32_t Pad;          /* zero */
+    const char *Title;     /* UTF-8, NUL-terminated */
+    uint32_t Reserved[2];  /* zero */
+} MP4Chapter;
+
+/* MP4GetMetadata lists the tags of a read handle (classic or modern):
+ * iTunes items ("moov/udta/meta/ilst", "moov/meta/ilst"), QuickTime
+ * metadata by key ("meta" with "keys"), the "udta" strings (3GPP and
+ * "\xC2\xA9xyz"), the "mvhd" times, and per track its "tkhd"/"mdhd" times
+ * and "udta" "name". An item the library can't read whole (a size, count,
+ * index or length beyond its atom, nesting too deep) is left out. Each
+ * container is read whole, up to 16 MiB (a classic handle reads "moov"
+ * and each "trak" so, as its tree ends at names it does not know).
+ *   tags   receives one block from malloc that holds the array and every
+ *          key, value and source string, released with MP4FreeMetadata; null
+ *          when the file has no tags.
+ *   count  receives the number of tags.
+ * Results: 1 done; -99 file, tags or count null; -98 file is not a read
+ * handle; -95 no memory.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetMetadata(MP4_local_file *file, MP4Tag **tags, uint32_t *count);
+
+/* MP4FreeMetadata releases the block of MP4GetMetadata. Null does nothing.
+ * Threads: any; it touches only the block. */
+MP4CORE_API void MP4FreeMetadata(MP4Tag *tags);
+
+/* MP4GetChapters lists the chapters of a read handle in time order: those
+ * of a QuickTime chapter track (a "text" track that a "tref" "chap" of
+ * another track names: each sample a 16-bit length and the title) when
+ * there is one, else those of "moov/udta/chpl" (always on a classic
+ * handle, which has no tables for text tracks). A chapter whose title
+ * can't be read whole is left out.
+ *   chapters  receives one block from malloc that holds the array and the
+ *             titles, released with MP4FreeChapters; null when the file
+ *             has no chapters.
+ *   count     receives the number of chapters.
+ * Results: 1 done; -99 file, chapters or count null; -98 file is not a
+ * read handle; -95 no memory.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4GetChapters(MP4_local_file *file, MP4Chapter **chapters, uint32_t *count);
+
+/* MP4FreeChapters releases the block of MP4GetChapters. Null does nothing.
+ * Threads: any; it touches only the block. */
+MP4CORE_API void MP4FreeChapters(MP4Chapter *chapters);
+
+/* MP4SetMetadata gives a progressive or fragmented write handle (MP4FileNewEx)
+ * the tags it writes: before its flush, on a fragmented handle before its
+ * first sample ("moov" is written then). Each call replaces what the one
+ * before set; the library copies what it needs. Tags of the common
+ * vocabulary go to iTunes items in "moov/udta/meta" ("hdlr" "mdir"),
+ * "location" also to "\xC2\xA9xyz", "make", "model" and "software" to
+ * QuickTime metadata by key.
+ *   tags   count records; null only with count 0 (which clears them).
+ * Results: 1 done; -99 file null, or tags null with a count; -98 the handle
+ * is not a progressive or fragmented write handle; -97 too late: a
+ * fragmented handle has written its "moov", or a write failed; -96 a tag
+ * does not fit: Key null or empty, a Type not MP4_TAG_*, Value null with a
+ * Size, Pad or a Reserved word not zero, an image without "image/jpeg" or
+ * "image/png"; -93 no memory. Nothing changes on a failure.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4SetMetadata(MP4_local_file *file, const MP4Tag *tags, uint32_t count);
+
+/* MP4SetChapters gives a progressive or fragmented write handle its
+ * chapters, as MP4SetMetadata does its tags: written as "chpl" and as a
+ * chapter text track.
+ *   chapters  count records; null only with count 0 (which clears them).
+ * Results: 1 done; -99 file null, or chapters null with a count; -98 and
+ * -97 as for MP4SetMetadata; -96 a chapter does not fit: Title null,
+ * Timescale 0, End before Start, a start before the chapter before, Pad or
+ * Reserved not zero; -93 no memory. Nothing changes on a failure.
+ * Threads: the handle's thread. */
+MP4CORE_API int32_t MP4SetChapters(MP4_local_file *file, const MP4Chapter *chapters,
+                                   uint32_t count);
+
 /* ---- Description ------------------------------------------------------ */
 
 /* RetMp4MediaInfo describes one video or audio track of a read handle for

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libbenchmark-dev
           pkg-config ffmpeg libavformat-dev libavcodec-dev libavutil-dev binutils valgrind python3
           gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
-          mediainfo
+          mediainfo libimage-exiftool-perl python3-mutagen
           python3-numpy python3-pytest python3-av python3-distributed python3-setuptools python3-wheel python3-venv)
 missing=()
 for p in "${packages[@]}"; do

@@ -207,6 +207,10 @@ constexpr ResultText kResultTexts[] = {
      "the frame was refused: no audio track, a time stamp below the last one, a temp file past "
      "4 GiB, no memory, or a failed write to the temp file (fragmented: to the file, which ends "
      "at its last whole fragment)"},
+    // Also the results of MP4GetChapters.
+    {"MP4GetMetadata", -99, "no file handle, or no place for the list"},
+    {"MP4GetMetadata", -98, "not a read handle"},
+    {"MP4GetMetadata", -95, "no memory for the list"},
     {"MP4FileFlush", -98,
      "the file is complete with its index at the end, but moving the index in front failed"},
     {"MP4FileFlush", -99,
@@ -227,6 +231,7 @@ constexpr SharedTable kSharedTables[] = {
     {"MP4FileOpenEx", "MP4FileOpen"},
     {"MP4FileNewEx", "MP4FileNew"},
     {"MP4ReadSample", "MP4GetSampleInfo"},
+    {"MP4GetChapters", "MP4GetMetadata"},
     {"MP4ReadSampleInto", "MP4GetSampleInfo"},
     {"MP4GetSampleInfos", "MP4GetSampleInfo"},
     {"MP4ReadSamples", "MP4GetSampleInfo"},
