@@ -315,8 +315,11 @@ void PutQuickTimeMetadata(BoxBuffer *out, const WriterMetadata &meta) {
     }
     CloseBox(out, keysBox);
     const size_t ilst = OpenBox(out, "ilst");
+    bool written[kMaxTags] = {};
     for (uint32_t i = 0; i < meta.TagCount; ++i) {
-        if (indexes[i] == 0) continue;
+        // One item a key: the first tag that names it.
+        if (indexes[i] == 0 || written[indexes[i] - 1]) continue;
+        written[indexes[i] - 1] = true;
         // Named by the key's index, filled in behind the head.
         const size_t item = OpenBox(out, "\0\0\0\0");
         PutData(out, meta.Tags[i], Form::Text);
