@@ -149,6 +149,12 @@ constexpr ResultText kResultTexts[] = {
     {"MP4WriteSample", -94, "a PCM sample that is not a whole number of frames"},
     {"MP4WriteSample", -93, "no memory"},
     {"MP4WriteSample", -92, "the file was given up after a failed write"},
+    // Also the results of MP4SetChapters.
+    {"MP4SetMetadata", -99, "no file handle, or no records with a count"},
+    {"MP4SetMetadata", -98, "not a progressive or fragmented write handle of the modern calls"},
+    {"MP4SetMetadata", -97, "too late: the fragmented file's moov is written, or a write failed"},
+    {"MP4SetMetadata", -96, "a record does not fit (its key has no place, a wrong type, a bad value)"},
+    {"MP4SetMetadata", -93, "no memory"},
     {"CreateTrack", -99,
      "the track was refused: a bad argument, a second track of its type, no memory, or a temp "
      "file that can't be created"},
@@ -178,6 +184,7 @@ constexpr SharedTable kSharedTables[] = {
     {"MP4FileOpenEx", "MP4FileOpen"},
     {"MP4FileNewEx", "MP4FileNew"},
     {"MP4ReadSample", "MP4GetSampleInfo"},
+    {"MP4SetChapters", "MP4SetMetadata"},
 };
 
 const char *TableOf(const char *call) {
