@@ -420,7 +420,9 @@ int32_t ReplaceChapters(WriterMetadata *meta, const MP4Chapter *chapters, uint32
     uint64_t bytes = uint64_t(count) * sizeof(MP4Chapter);
     for (uint32_t i = 0; i < count; ++i) {
         const MP4Chapter &c = chapters[i];
-        if (c.Title == nullptr || c.Timescale == 0 || c.End < c.Start || c.Pad != 0 || !ZeroWords(c.Reserved, 2))
+        // The chapter track counts milliseconds in 32 bits.
+        if (c.Title == nullptr || c.Timescale == 0 || c.End < c.Start || c.Pad != 0 || !ZeroWords(c.Reserved, 2) ||
+            (unsigned __int128)c.End * kChapterTimescale / c.Timescale > UINT32_MAX)
             return kSetMetaBadRecord;
         // Starts in order, compared as instants.
         if (i > 0 && (unsigned __int128)c.Start * chapters[i - 1].Timescale <

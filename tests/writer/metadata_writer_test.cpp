@@ -177,6 +177,7 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
         {"out of order in other ticks", {kChapters[1], {2999999, 3000000, 10000000, 0, "b", {}}}, -96},
         {"pad", {{0, 1, 1000, 1, "a", {}}, kChapters[1]}, -96},
         {"reserved", {{0, 1, 1000, 0, "a", {0, 1}}, kChapters[1]}, -96},
+        {"past 2^32 ms", {kChapters[0], {300, 4294967296, 1000, 0, "b", {}}}, -96},
         {"in order across timescales", {kChapters[1], kChapters[2]}, 1},
     };
     for (const ChapterCase &c : chapters) EXPECT_EQ(MP4SetChapters(file, c.chapters, 2), c.result) << c.what;
