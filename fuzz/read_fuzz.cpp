@@ -2,7 +2,7 @@
 // table mode and two bad ones, read every sample of every video and audio
 // track by cursor and a few by time, then every track by number with its
 // sample descriptions, decoder configuration and a search past 32-bit
-// times; close.
+// times; its tags and chapters; close.
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -53,6 +53,28 @@ void ReadByNumber(MP4_local_file *file) {
     }
 }
 
+// Tags and chapters: the block of each list stays under the ceiling of the
+// open, and every text ends with its NUL.
+void ReadMetadata(MP4_local_file *file, size_t inputSize) {
+    const size_t heap = HeapInUse();
+    MP4Tag *tags = nullptr;
+    uint32_t count = 0;
+    if (MP4GetMetadata(file, &tags, &count) == 1) {
+        CheckHeapCeiling(heap, inputSize);
+        for (uint32_t i = 0; i < count; ++i)
+            if (tags[i].Key[0] == 0 || (tags[i].Type == MP4_TAG_TEXT && tags[i].Value[tags[i].Size] != 0))
+                __builtin_trap();
+        MP4FreeMetadata(tags);
+    }
+    MP4Chapter *chapters = nullptr;
+    if (MP4GetChapters(file, &chapters, &count) == 1) {
+        CheckHeapCeiling(heap, inputSize);
+        for (uint32_t i = 0; i < count; ++i)
+            if (chapters[i].Timescale == 0 || chapters[i].End < chapters[i].Start) __builtin_trap();
+        MP4FreeChapters(chapters);
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -74,6 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             for (AudioTrackNode *a = file->read.AudioFirst; a != nullptr; a = a->NextTrack)
                 ReadByCursor(file, a->TrackId, MP4_TRACK_AUDIO, a->SampleCount);
             ReadByNumber(file);
+            ReadMetadata(file, size);
             // Atom paths: fixed ones, the input's first bytes, and names at its first offsets.
             const std::string raw(reinterpret_cast<const char *>(data), size < 300 ? size : 300);
             const std::string names = raw.size() < 24 ? raw : raw.substr(4, 4) + "/" + raw.substr(12, 4) + "[2]/*/" + raw.substr(20, 4);

@@ -195,5 +195,6 @@ int PrintModernInfo(MP4_local_file *file) {
         ReportFailure(kInfoCommand.name, "MP4GetTrackInfo", result, context);
         ok = false;
     }
+    ok &= PrintTagsAndChapters(file);
     return ok ? 0 : 1;
 }

@@ -126,6 +126,10 @@ constexpr ResultText kResultTexts[] = {
     {"MP4GetAtom", -96, "the file holds fewer bytes than the atom claims"},
     {"MP4GetAtom", -95, "no memory for the payload"},
     {"MP4GetAtom", -94, "the payload is above 16 MiB"},
+    // Also the results of MP4GetChapters.
+    {"MP4GetMetadata", -99, "no file handle, or no place for the list"},
+    {"MP4GetMetadata", -98, "not a read handle"},
+    {"MP4GetMetadata", -95, "no memory for the list"},
 
     // The authoring calls have one failure result; the library's debug
     // output on standard error has said which check refused.
@@ -185,6 +189,7 @@ constexpr SharedTable kSharedTables[] = {
     {"MP4FileNewEx", "MP4FileNew"},
     {"MP4ReadSample", "MP4GetSampleInfo"},
     {"MP4SetChapters", "MP4SetMetadata"},
+    {"MP4GetChapters", "MP4GetMetadata"},
 };
 
 const char *TableOf(const char *call) {

@@ -86,3 +86,6 @@ void PrintModernSampleLine(MP4_local_file *file, uint32_t trackId, int32_t type,
 // info_modern.cpp: every track of a modern handle; 0, or 1 when a call
 // failed.
 int PrintModernInfo(MP4_local_file *file);
+// info_tags.cpp: the tags and chapters of a read handle; false when a call
+// failed.
+bool PrintTagsAndChapters(MP4_local_file *file);
