@@ -129,8 +129,13 @@ bool CopyMetadata(MP4_local_file *in, MP4_local_file *out) {
     uint32_t tagCount = 0, chapterCount = 0, kept = 0;
     std::vector<MP4Tag> fileTags;
     if (MP4GetMetadata(in, &tags, &tagCount) == 1)
-        for (uint32_t i = 0; i < tagCount; ++i)
-            if (tags[i].TrackId == 0) fileTags.push_back(tags[i]);
+        for (uint32_t i = 0; i < tagCount; ++i) {
+            if (CarriedTag(tags[i])) {
+                fileTags.push_back(tags[i]);
+            } else if (tags[i].TrackId == 0) {
+                std::fprintf(stderr, "mp4core remux: tag %s (from %s) is not copied\n", tags[i].Key, tags[i].Source);
+            }
+        }
     int32_t result = SetWritableTags(out, fileTags, "remux", &kept);
     const char *call = "MP4SetMetadata";
     if (result == 1 && MP4GetChapters(in, &chapters, &chapterCount) == 1 && chapterCount > 0) {
@@ -201,8 +206,10 @@ extern const CommandRow kRemuxCommand = {
     "and written again (MP4SetMetadata, MP4SetChapters) in the writer's places:\n"
     "iTunes items, \"\xC2\xA9" "xyz\", QuickTime keys, \"mvhd\" times, \"chpl\" and a\n"
     "chapter track of its own (a source's chapter track is not copied as a\n"
-    "track); a tag without a place there is named on standard error. Other\n"
-    "\"udta\" atoms and the tracks' own tags are not copied. A failed run\n"
+    "track). A tag under its own key from another place (a 3GPP \"titl\" that an\n"
+    "iTunes title outranks, \"mvhd.creation_time\") or without a place in the\n"
+    "writer is named on standard error and left out; other \"udta\" atoms and\n"
+    "the tracks' own tags are not copied. A failed run\n"
     "removes the output and exits 1.\n",
     RunRemux,
 };

@@ -7,6 +7,7 @@
 // as it was.
 #include <algorithm>
 #include <csignal>
+#include <initializer_list>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -205,6 +206,27 @@ bool BuildScratch(const char *path, const std::vector<MP4Tag> &tags, const std::
     return result == 1 || ReportFailure("tag", call, result) == 0;
 }
 
+// Keys the writer puts in QuickTime metadata by key ("moov/meta").
+bool KeyedKey(const char *key) {
+    for (const char *k : {"location", "make", "model", "software", "creation_time"})
+        if (std::strcmp(key, k) == 0) return true;
+    return std::strchr(key, '.') != nullptr && std::strchr(key, ':') == nullptr;
+}
+
+// The atoms of `atoms` whose type is one of `types`.
+std::vector<uint8_t> Children(const std::vector<uint8_t> &atoms, std::initializer_list<std::string> types) {
+    std::vector<uint8_t> kept;
+    for (size_t at = 0; at + 8 <= atoms.size();) {
+        const size_t size = size_t(atoms[at]) << 24 | size_t(atoms[at + 1]) << 16 | size_t(atoms[at + 2]) << 8 | atoms[at + 3];
+        if (size < 8 || size > atoms.size() - at) break;
+        const std::string type(reinterpret_cast<const char *>(&atoms[at + 4]), 4);
+        if (std::find(types.begin(), types.end(), type) != types.end())
+            kept.insert(kept.end(), atoms.begin() + long(at), atoms.begin() + long(at + size));
+        at += size;
+    }
+    return kept;
+}
+
 bool Named(const std::vector<std::string> &keys, const char *key) {
     for (const std::string &k : keys)
         if (key != nullptr && k == key) return true;
@@ -259,26 +281,45 @@ int RunTag(const Arguments &arguments) {
         return ReportFailure("tag", "MP4GetMetadata", result, path);
     }
     MovieEdit edit;
-    // The "meta" atoms of the writer's kinds are written anew; one of
-    // another kind stays, with its tags.
+    // A list is written anew only when an edit touches it; "meta" atoms of
+    // other kinds are never replaced.
+    bool itunes = false, keyed = false;
+    for (const std::string &key : touched) {
+        const bool k = KeyedKey(key.c_str());
+        keyed = keyed || k;
+        itunes = itunes || (!k && key != "location" && key != "modification_time");
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        if (tags[i].TrackId != 0 || !Named(touched, tags[i].Key)) continue;
+        itunes = itunes || StartsWith(tags[i].Source, "moov/udta/meta/");
+        keyed = keyed || StartsWith(tags[i].Source, "moov/meta/");
+    }
     const std::string userMeta = HandlerOf(in, "moov/udta/meta"), movieMeta = HandlerOf(in, "moov/meta");
-    edit.DropUserMeta = userMeta == "mdir" || userMeta == "mdta";
-    edit.DropMovieMeta = movieMeta == "mdir" || movieMeta == "mdta";
-    edit.DropUserData.emplace_back("\xA9xyz");
+    const bool ours[2] = {userMeta.empty() || userMeta == "mdir" || userMeta == "mdta",
+                          movieMeta.empty() || movieMeta == "mdir" || movieMeta == "mdta"};
+    if ((itunes && !ours[0]) || (keyed && !ours[1])) {
+        MP4FreeMetadata(tags);
+        MP4FileClose(&in);
+        std::fprintf(stderr, "mp4core tag: %s: its \"meta\" of handler \"%s\" is not one this command writes; the file is unchanged\n",
+                     path, (itunes && !ours[0] ? userMeta : movieMeta).c_str());
+        return 1;
+    }
+    edit.DropUserMeta = itunes;
+    edit.DropMovieMeta = keyed;
+    const bool place = Named(touched, "location");
+    if (place) edit.DropUserData.emplace_back("\xA9xyz");
     std::vector<MP4Tag> next;
     for (uint32_t i = 0; i < count; ++i) {
         const MP4Tag &tag = tags[i];
         if (tag.TrackId != 0) continue;
-        const bool keep = (StartsWith(tag.Source, "moov/udta/meta/") && edit.DropUserMeta) ||
-                          (StartsWith(tag.Source, "moov/meta/") && edit.DropMovieMeta) ||
-                          StartsWith(tag.Source, "moov/udta/\xC2\xA9xyz");
         if (Named(touched, tag.Key)) {
             // A "udta" string of another kind is dropped whole.
             if (StartsWith(tag.Source, "moov/udta/") && std::strlen(tag.Source) == 14 && !Rewritten(tag))
                 edit.DropUserData.emplace_back(tag.Source + 10, 4);
             continue;
         }
-        if (keep) next.push_back(tag);
+        if ((StartsWith(tag.Source, "moov/udta/meta/") && itunes) || (StartsWith(tag.Source, "moov/meta/") && keyed))
+            next.push_back(tag);
     }
     next.insert(next.end(), added.begin(), added.end());
     edit.SetCreated = Named(touched, "creation_time");
@@ -294,6 +335,9 @@ int RunTag(const Arguments &arguments) {
         edit.DropTracks = ChapterTrackIds(in);
     }
     ok = ok && BuildScratch(path, next, chapterPath != nullptr ? &chapters : nullptr, &edit);
+    // Of the scratch file's atoms, those that replace the ones dropped.
+    edit.UserData = Children(edit.UserData, {itunes ? "meta" : "", place ? "\xA9xyz" : "", chapterPath != nullptr ? "chpl" : ""});
+    if (!keyed) edit.MovieMeta.clear();
     const size_t tagCount = next.size();
     MP4FreeMetadata(tags);
     MP4FileClose(&in);
@@ -322,9 +366,10 @@ extern const CommandRow kTagCommand = {
     "set or remove the tags, cover and chapters of an MP4 file",
     kOperands, CountOf(kOperands), kOptions, CountOf(kOptions),
     "\nReads the file's tags (MP4GetMetadata), applies the edits, and has the\n"
-    "library write the iTunes items (moov/udta/meta), QuickTime keys (moov/meta),\n"
-    "the location (\xC2\xA9xyz) and the chapters (chpl) anew; a chapter track of the\n"
-    "file is removed when --chapters is given. creation_time and\n"
+    "library write anew what they touch: the iTunes items (moov/udta/meta), the\n"
+    "QuickTime keys (moov/meta; location, make, model, software, creation_time\n"
+    "and dotted keys), the location (\xC2\xA9xyz), the chapters (chpl; a chapter\n"
+    "track of the file is removed). creation_time and\n"
     "modification_time also set the \"mvhd\" times. Every other atom is kept\n"
     "byte for byte. The new \"moov\" goes into free space behind the old one\n"
     "when there is room (or the file ends with it) and is made live by one\n"

@@ -4,6 +4,27 @@
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// The common keys of MP4Tag.
+constexpr const char *kCommonKeys[] = {
+    "title", "artist", "album_artist", "album", "date", "genre", "comment", "composer", "copyright", "description",
+    "encoder", "track", "disc", "compilation", "cover", "location", "make", "model", "software", "creation_time",
+    "modification_time"};
+
+bool StartsWith(const char *text, const char *prefix) {
+    return text != nullptr && std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+}  // namespace
+
+bool CarriedTag(const MP4Tag &tag) {
+    if (tag.TrackId != 0 || tag.Key == nullptr) return false;
+    for (const char *key : kCommonKeys)
+        if (std::strcmp(tag.Key, key) == 0) return true;
+    return StartsWith(tag.Source, "moov/udta/meta/") || StartsWith(tag.Source, "moov/meta/");
+}
+
 std::vector<uint32_t> ChapterTrackIds(MP4_local_file *in) {
     std::vector<uint32_t> ids;
     uint32_t count = 0;

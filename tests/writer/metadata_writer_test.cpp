@@ -97,6 +97,20 @@ std::string ListMetadataAtoms(const std::string &path) {
         text += "\n";
         MP4freeData(reinterpret_cast<void **>(&data));
     }
+    // What the reader makes of them.
+    MP4Tag *tags = nullptr;
+    MP4Chapter *chapters = nullptr;
+    uint32_t count = 0;
+    MP4GetMetadata(file, &tags, &count);
+    for (uint32_t i = 0; i < count; ++i)
+        text += Format("tag %s %u ", tags[i].Key, tags[i].Type) + OneLine(std::string(reinterpret_cast<const char *>(tags[i].Value), tags[i].Size)) +
+                Format(" %lld/%lld %s %s\n", (long long)tags[i].Integer, (long long)tags[i].Total, tags[i].Mime ? tags[i].Mime : "-", tags[i].Source);
+    MP4FreeMetadata(tags);
+    MP4GetChapters(file, &chapters, &count);
+    for (uint32_t i = 0; i < count; ++i)
+        text += Format("chapter %llu-%llu/%u %s\n", (unsigned long long)chapters[i].Start, (unsigned long long)chapters[i].End,
+                       chapters[i].Timescale, chapters[i].Title);
+    MP4FreeChapters(chapters);
     for (uint32_t n = 0;; ++n) {
         MP4Sample *sample = nullptr;
         if (MP4ReadSample(file, 3, 0, n, &sample) != 1) break;
