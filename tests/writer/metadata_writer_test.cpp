@@ -199,8 +199,8 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
 }
 
 // The atoms of every form, the "mvhd" time in UTC, the chapter track and
-// its reference, as written (golden); faststart and fragmented layouts
-// write the same metadata atoms.
+// its reference, as written (golden) and read back; faststart and
+// fragmented layouts write the same metadata atoms, and remux keeps them.
 TEST(MetadataWriter, AtomsAsWritten) {
     TempPath plain(".mp4"), faststart(".mp4"), fragmented(".mp4");
     ASSERT_EQ(WriteTagged(FixturePath("mpeg4_aac.mp4"), plain.path(), MP4_NEW_PROGRESSIVE), "");
@@ -209,6 +209,12 @@ TEST(MetadataWriter, AtomsAsWritten) {
     const std::string listing = ListMetadataAtoms(plain.path());
     ExpectGolden("metadata/written.atoms", listing);
     EXPECT_EQ(ListMetadataAtoms(faststart.path()), listing);
+    // remux reads them and writes them again: the same tags and chapters
+    // (the keyed creation date's text now in UTC).
+    TempPath remuxed(".mp4");
+    RunCommand(std::string(MP4CORE_TOOL) + " remux '" + plain.path() + "' -o '" + remuxed.path() + "' 2>/dev/null");
+    const std::string again = ListMetadataAtoms(remuxed.path());
+    EXPECT_EQ(again.substr(again.find("\ntag ")), listing.substr(listing.find("\ntag ")));
     const std::string udta = listing.substr(listing.find("moov/udta"), listing.find("moov/trak[1]") - listing.find("moov/udta"));
     EXPECT_NE(ListMetadataAtoms(fragmented.path()).find(udta), std::string::npos);
 }
