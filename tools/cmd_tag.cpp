@@ -27,8 +27,19 @@ namespace {
 // scratch file.
 constexpr const char *kRewrittenSources[] = {"moov/udta/meta/", "moov/meta/", "moov/udta/\xC2\xA9xyz"};
 
-bool StartsWith(const char *text, const char *prefix) {
-    return text != nullptr && std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+// Whether a tag's Source lies under `prefix`, its containers' indexes
+// ("moov/udta[2]/\xC2\xA9xyz") left out.
+bool StartsWith(const char *source, const char *prefix) {
+    if (source == nullptr) return false;
+    std::string place;
+    for (const char *c = source; *c != 0; ++c) {
+        if (*c == '[' && std::strchr(c, ']') != nullptr && std::strchr(c, '/') > std::strchr(c, ']')) {
+            c = std::strchr(c, ']');
+            continue;
+        }
+        place += *c;
+    }
+    return place.compare(0, std::strlen(prefix), prefix) == 0;
 }
 
 bool Rewritten(const MP4Tag &tag) {
@@ -314,8 +325,9 @@ int RunTag(const Arguments &arguments) {
         if (tag.TrackId != 0) continue;
         if (Named(touched, tag.Key)) {
             // A "udta" string of another kind is dropped whole.
-            if (StartsWith(tag.Source, "moov/udta/") && std::strlen(tag.Source) == 14 && !Rewritten(tag))
-                edit.DropUserData.emplace_back(tag.Source + 10, 4);
+            const char *name = std::strrchr(tag.Source, '/');
+            if (StartsWith(tag.Source, "moov/udta/") && name != nullptr && std::strlen(name) == 5 && !Rewritten(tag))
+                edit.DropUserData.emplace_back(name + 1, 4);
             continue;
         }
         if ((StartsWith(tag.Source, "moov/udta/meta/") && itunes) || (StartsWith(tag.Source, "moov/meta/") && keyed))

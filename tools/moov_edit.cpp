@@ -213,7 +213,9 @@ bool Rebuild(const uint8_t *body, uint64_t size, const char *parent, const Movie
             const size_t start = out->size();
             Append(out, whole, c.Size);
             PatchTimes(out->data() + start + c.Head, n, edit);
-        } else if (movie && Is(c.Type, "udta") && !userData) {
+        } else if (movie && Is(c.Type, "udta")) {
+            // Every "udta" is filtered; the first one takes the new atoms.
+            const bool first = !userData;
             userData = true;
             std::vector<Atom> items;
             if (!AtomsIn(p, n, &items)) return false;
@@ -225,7 +227,7 @@ bool Rebuild(const uint8_t *body, uint64_t size, const char *parent, const Movie
                     continue;
                 Append(out, p + item.Offset, item.Size);
             }
-            Append(out, edit.UserData.data(), edit.UserData.size());
+            if (first) Append(out, edit.UserData.data(), edit.UserData.size());
             if (out->size() == start + 8) {
                 out->resize(start);
             } else {
