@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <climits>
 #include <unistd.h>
 #include <vector>
 
@@ -245,7 +246,9 @@ bool Named(const std::vector<std::string> &keys, const char *key) {
 }
 
 int RunTag(const Arguments &arguments) {
-    const char *path = arguments.operands[0];
+    // A link's target is edited (the rewrite renames over the real file).
+    char resolved[PATH_MAX];
+    const char *path = realpath(arguments.operands[0], resolved) != nullptr ? resolved : arguments.operands[0];
     // A write past the file size limit fails with EFBIG rather than
     // ending the process, so that the edit is undone.
     std::signal(SIGXFSZ, SIG_IGN);
@@ -283,13 +286,13 @@ int RunTag(const Arguments &arguments) {
 
     MP4_local_file *in = nullptr;
     int32_t result = MP4FileOpenEx(&in, path, MP4_TABLE_MARKS, MP4_OPEN_MODERN);
-    if (result != 1) return ReportFailure("tag", "MP4FileOpenEx", result, path);
+    if (result != 1) return ReportFailure("tag", "MP4FileOpenEx", result, arguments.operands[0]);
     MP4Tag *tags = nullptr;
     uint32_t count = 0;
     result = MP4GetMetadata(in, &tags, &count);
     if (result != 1) {
         MP4FileClose(&in);
-        return ReportFailure("tag", "MP4GetMetadata", result, path);
+        return ReportFailure("tag", "MP4GetMetadata", result, arguments.operands[0]);
     }
     MovieEdit edit;
     // A list is written anew only when an edit touches it; "meta" atoms of
@@ -312,7 +315,7 @@ int RunTag(const Arguments &arguments) {
         MP4FreeMetadata(tags);
         MP4FileClose(&in);
         std::fprintf(stderr, "mp4core tag: %s: its \"meta\" of handler \"%s\" is not one this command writes; the file is unchanged\n",
-                     path, (itunes && !ours[0] ? userMeta : movieMeta).c_str());
+                     arguments.operands[0], (itunes && !ours[0] ? userMeta : movieMeta).c_str());
         return 1;
     }
     edit.DropUserMeta = itunes;
@@ -354,8 +357,8 @@ int RunTag(const Arguments &arguments) {
     MP4FreeMetadata(tags);
     MP4FileClose(&in);
     EditWay way = EditWay::InPlace;
-    if (!ok || !EditMovieFile(path, edit, &way)) return 1;
-    std::printf("%s: %zu tags written%s, %s\n", path, tagCount,
+    if (!ok || !EditMovieFile(path, arguments.operands[0], edit, &way)) return 1;
+    std::printf("%s: %zu tags written%s, %s\n", arguments.operands[0], tagCount,
                 chapterPath != nullptr ? (" and " + std::to_string(chapters.size()) + " chapters").c_str() : "",
                 way == EditWay::InPlace ? "in place (free space behind \"moov\")"
                                         : "by rewriting the file (atoms copied as they were)");

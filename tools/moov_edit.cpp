@@ -342,7 +342,7 @@ bool Fail(const char *path, const char *what) {
 
 // The in-place edit: true when done; false with *tried unset when it
 // does not apply, set after a failure (the file read as before).
-bool EditInPlace(int fd, const char *path, uint64_t fileSize, const Atom &moov, const Atom *next, const Bytes &fresh,
+bool EditInPlace(int fd, const char *shown, uint64_t fileSize, const Atom &moov, const Atom *next, const Bytes &fresh,
                  bool *tried) {
     uint64_t at = 0;
     if (next == nullptr) {
@@ -365,20 +365,20 @@ bool EditInPlace(int fd, const char *path, uint64_t fileSize, const Atom &moov, 
     ok = ok && fsync(fd) == 0;
     if (!ok) {
         if (next == nullptr && ftruncate(fd, off_t(fileSize)) == 0) fsync(fd);
-        return Fail(path, std::strerror(errno));
+        return Fail(shown, std::strerror(errno));
     }
     Set32(head, uint32_t(cover));
-    if (!WriteAll(fd, head, 8, moov.Offset) || fsync(fd) != 0) return Fail(path, std::strerror(errno));
+    if (!WriteAll(fd, head, 8, moov.Offset) || fsync(fd) != 0) return Fail(shown, std::strerror(errno));
     return true;
 }
 
 // The rewrite into a temporary file beside the original.
-bool Rewrite(int fd, const char *path, const std::vector<Atom> &atoms, const Atom &moov, const Bytes &fresh,
+bool Rewrite(int fd, const char *path, const char *shown, const std::vector<Atom> &atoms, const Atom &moov, const Bytes &fresh,
              Shift *shift) {
     char temp[4096];
-    if (std::snprintf(temp, sizeof temp, "%s.tag-XXXXXX", path) >= int(sizeof temp)) return Fail(path, "path too long");
+    if (std::snprintf(temp, sizeof temp, "%s.tag-XXXXXX", path) >= int(sizeof temp)) return Fail(shown, "path too long");
     const int out = mkstemp(temp);
-    if (out < 0) return Fail(path, std::strerror(errno));
+    if (out < 0) return Fail(shown, std::strerror(errno));
     bool ok = true;
     uint64_t to = 0;
     const char *why = nullptr;
@@ -415,7 +415,7 @@ bool Rewrite(int fd, const char *path, const std::vector<Atom> &atoms, const Ato
     ok = ok && std::rename(temp, path) == 0;
     if (!ok) {
         unlink(temp);
-        return Fail(path, why != nullptr ? why : std::strerror(saved != 0 ? saved : errno));
+        return Fail(shown, why != nullptr ? why : std::strerror(saved != 0 ? saved : errno));
     }
     // The rename itself made durable.
     char folder[4096];
@@ -430,15 +430,15 @@ bool Rewrite(int fd, const char *path, const std::vector<Atom> &atoms, const Ato
 
 }  // namespace
 
-bool EditMovieFile(const char *path, const MovieEdit &edit, EditWay *way) {
+bool EditMovieFile(const char *path, const char *shown, const MovieEdit &edit, EditWay *way) {
     const int fd = open(path, O_RDWR);
-    if (fd < 0) return Fail(path, std::strerror(errno));
+    if (fd < 0) return Fail(shown, std::strerror(errno));
     struct stat st {};
     std::vector<Atom> atoms;
     bool ok = fstat(fd, &st) == 0 && TopAtoms(fd, uint64_t(st.st_size), &atoms);
     if (!ok) {
         close(fd);
-        return Fail(path, "its top-level atoms can't be read whole");
+        return Fail(shown, "its top-level atoms can't be read whole");
     }
     const Atom *moov = nullptr;
     size_t moovCount = 0, moovIndex = 0;
@@ -459,17 +459,17 @@ bool EditMovieFile(const char *path, const MovieEdit &edit, EditWay *way) {
     if (refusal == nullptr && !BuildMovie(old, *moov, edit, &none, &fresh)) refusal = "its \"moov\" is malformed";
     if (refusal != nullptr) {
         close(fd);
-        return Fail(path, refusal);
+        return Fail(shown, refusal);
     }
     const Atom *next = moovIndex + 1 < atoms.size() ? &atoms[moovIndex + 1] : nullptr;
     bool tried = false;
-    ok = EditInPlace(fd, path, uint64_t(st.st_size), *moov, next, fresh, &tried);
+    ok = EditInPlace(fd, shown, uint64_t(st.st_size), *moov, next, fresh, &tried);
     *way = EditWay::InPlace;
     if (!ok && !tried) {
         *way = EditWay::Rewritten;
         Shift shift{moov->Offset + moov->Size, int64_t(fresh.size()) - int64_t(moov->Size), false};
-        ok = BuildMovie(old, *moov, edit, &shift, &fresh) ? Rewrite(fd, path, atoms, *moov, fresh, &shift)
-                                                          : Fail(path, "a chunk offset would pass 4 GiB");
+        ok = BuildMovie(old, *moov, edit, &shift, &fresh) ? Rewrite(fd, path, shown, atoms, *moov, fresh, &shift)
+                                                          : Fail(shown, "a chunk offset would pass 4 GiB");
     }
     close(fd);
     return ok;

@@ -25,5 +25,6 @@ enum class EditWay { InPlace, Rewritten };
 // behind the old one (a "free" atom after it, or the end of the file),
 // made live by one 8-byte write of the old "moov" head; else the file is
 // written anew beside it and renamed over it. True on success; false
-// after a message on standard error, the file as it was.
-bool EditMovieFile(const char *path, const MovieEdit &edit, EditWay *way);
+// after a message on standard error that names the file `shown`, the file
+// as it was.
+bool EditMovieFile(const char *path, const char *shown, const MovieEdit &edit, EditWay *way);
