@@ -287,44 +287,46 @@ void PutChpl(BoxBuffer *out, const WriterMetadata &meta) {
     CloseBox(out, box);
 }
 
+// Whether tag i is the first with its QuickTime key.
+bool FirstOfKey(const WriterMetadata &meta, uint32_t i) {
+    const char *key = QuickTimeKeyOf(meta.Tags[i]);
+    if (key == nullptr) return false;
+    for (uint32_t k = 0; k < i; ++k) {
+        const char *earlier = QuickTimeKeyOf(meta.Tags[k]);
+        if (earlier != nullptr && std::strcmp(earlier, key) == 0) return false;
+    }
+    return true;
+}
+
 // "moov/meta" as phones write it: a plain "meta" (no version), "hdlr"
 // "mdta", "keys" with each key once, and "ilst" items named by the key's
 // index from 1.
 void PutQuickTimeMetadata(BoxBuffer *out, const WriterMetadata &meta) {
-    const char *keys[kMaxTags];
-    uint32_t keyCount = 0, indexes[kMaxTags];
-    for (uint32_t i = 0; i < meta.TagCount; ++i) {
-        indexes[i] = 0;
-        const char *key = QuickTimeKeyOf(meta.Tags[i]);
-        if (key == nullptr) continue;
-        uint32_t k = 0;
-        while (k < keyCount && std::strcmp(keys[k], key) != 0) ++k;
-        if (k == keyCount) keys[keyCount++] = key;
-        indexes[i] = k + 1;
-    }
+    uint32_t keyCount = 0;
+    for (uint32_t i = 0; i < meta.TagCount; ++i) keyCount += FirstOfKey(meta, i) ? 1 : 0;
     if (keyCount == 0) return;
     const size_t box = OpenBox(out, "meta");
     PutHandlerOf(out, "mdta", nullptr);
     const size_t keysBox = OpenFullBox(out, "keys", 0, 0);
     Put32(out, keyCount);
-    for (uint32_t k = 0; k < keyCount; ++k) {
-        const size_t size = std::strlen(keys[k]);
-        Put32(out, uint32_t(size + 8));
+    for (uint32_t i = 0; i < meta.TagCount; ++i) {
+        if (!FirstOfKey(meta, i)) continue;
+        const char *key = QuickTimeKeyOf(meta.Tags[i]);
+        Put32(out, uint32_t(std::strlen(key) + 8));
         PutName(out, "mdta");
-        PutBytes(out, keys[k], size);
+        PutBytes(out, key, std::strlen(key));
     }
     CloseBox(out, keysBox);
+    // One item a key, from the first tag that names it, named by the
+    // key's index from 1 (filled in behind the head).
     const size_t ilst = OpenBox(out, "ilst");
-    bool written[kMaxTags] = {};
+    uint32_t index = 0;
     for (uint32_t i = 0; i < meta.TagCount; ++i) {
-        // One item a key: the first tag that names it.
-        if (indexes[i] == 0 || written[indexes[i] - 1]) continue;
-        written[indexes[i] - 1] = true;
-        // Named by the key's index, filled in behind the head.
+        if (!FirstOfKey(meta, i)) continue;
         const size_t item = OpenBox(out, "\0\0\0\0");
         PutData(out, meta.Tags[i], Form::Text);
         CloseBox(out, item);
-        if (!out->Failed) PutBE32(out->Bytes, item + 4, indexes[i]);
+        if (!out->Failed) PutBE32(out->Bytes, item + 4, ++index);
     }
     CloseBox(out, ilst);
     CloseBox(out, box);
