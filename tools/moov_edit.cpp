@@ -53,10 +53,11 @@ struct Atom {
     uint8_t Type[4];
 };
 
-// The atoms of a block of bytes; false for a head that runs past it.
+// The atoms of a block of bytes; false for a head that runs past it. Up
+// to 7 zero bytes at the end (QuickTime's terminator of a "udta") end it.
 bool AtomsIn(const uint8_t *bytes, uint64_t size, std::vector<Atom> *atoms) {
     for (uint64_t at = 0; at < size;) {
-        if (size - at < 8) return false;
+        if (size - at < 8) return std::all_of(bytes + at, bytes + size, [](uint8_t b) { return b == 0; });
         Atom atom{at, Get32(bytes + at), 8, {}};
         std::memcpy(atom.Type, bytes + at + 4, 4);
         if (atom.Size == 1) {
