@@ -9,7 +9,8 @@
 //    everything up to the new "moov". Until that write the file reads as
 //    before; a failed write before it cuts the file back to its length.
 //  - else rewritten: every top-level atom is copied into a temporary file
-//    in the same folder, the chunk offsets of "stco"/"co64", the base
+//    in the same folder, the chunk offsets of "stco"/"co64" and the
+//    auxiliary information offsets of "saio" in the tables, the base
 //    offsets of "tfhd" and the "moof" offsets of "tfra" that point behind
 //    the old "moov" moved by its change in size, then made durable and
 //    renamed over the original.
@@ -138,6 +139,24 @@ bool ShiftChunkOffsets(Bytes *out, const uint8_t *body, uint64_t size, bool wide
     return true;
 }
 
+// "saio" of a track's tables: file offsets of the samples' auxiliary
+// information (encryption), moved like chunk offsets; false when malformed.
+bool ShiftAuxOffsets(Bytes *out, const uint8_t *body, uint64_t size, Shift *shift) {
+    const uint64_t at = size >= 4 && (Get32(body) & 1) != 0 ? 12 : 4, entry = size >= 1 && body[0] == 1 ? 8 : 4;
+    if (size < at + 4 || Get32(body + at) > (size - at - 4) / entry) return false;
+    const size_t start = out->size();
+    Append(out, body, size);
+    uint8_t *table = out->data() + start + at + 4;
+    for (uint32_t i = 0; i < Get32(body + at); ++i) {
+        if (entry == 8) {
+            Set64(table + i * 8, Moved(shift, Get64(table + i * 8), UINT64_MAX / 2));
+        } else {
+            Set32(table + i * 4, uint32_t(Moved(shift, Get32(table + i * 4), UINT32_MAX)));
+        }
+    }
+    return true;
+}
+
 uint32_t TrackIdOf(const uint8_t *trak, uint64_t size) {
     std::vector<Atom> children;
     if (!AtomsIn(trak, size, &children)) return 0;
@@ -202,6 +221,10 @@ bool Rebuild(const uint8_t *body, uint64_t size, const char *parent, const Movie
         if (Is(c.Type, "stco") || Is(c.Type, "co64")) {
             const size_t start = OpenAtom(out, c.Type);
             if (!ShiftChunkOffsets(out, p, n, Is(c.Type, "co64"), shift)) return false;
+            CloseAtom(out, start);
+        } else if (Is(c.Type, "saio")) {
+            const size_t start = OpenAtom(out, c.Type);
+            if (!ShiftAuxOffsets(out, p, n, shift)) return false;
             CloseAtom(out, start);
         } else if (Is(c.Type, "trak") || Is(c.Type, "mdia") || Is(c.Type, "minf") || Is(c.Type, "stbl")) {
             if (Is(c.Type, "trak") && Dropped(edit, TrackIdOf(p, n))) continue;

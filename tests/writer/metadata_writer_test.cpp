@@ -256,6 +256,14 @@ TEST(TagCommand, EditsInPlaceOrByRewriteKeepingEverySample) {
         MP4freeData(reinterpret_cast<void **>(&data));
         MP4FileClose(&read);
     }
+    // The offsets of a track's "saio" (encryption) move with its chunks.
+    Bytes image = ReadWholeFile(FixturePath("mpeg4_aac.mp4"));
+    image = ReplaceAtom(image, "stco", FullAtom("saio", 0, {U32(1), U32(GetU32(image, FindAtom(image, "stco") + 16))}), true);
+    TempFile file(image);
+    EXPECT_NE(RunCommand(std::string(MP4CORE_TOOL) + " tag '" + file.path() + "' --set title=Moved").find("rewriting"), std::string::npos);
+    const Bytes edited = ReadWholeFile(file.path());
+    EXPECT_EQ(GetU32(edited, FindAtom(edited, "saio") + 16), GetU32(edited, FindAtom(edited, "stco") + 16));
+    EXPECT_NE(GetU32(edited, FindAtom(edited, "saio") + 16), GetU32(image, FindAtom(image, "saio") + 16));
 }
 
 std::string Readback(const std::string &path) {
