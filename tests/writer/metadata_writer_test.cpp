@@ -245,6 +245,13 @@ TEST(TagCommand, EditsInPlaceOrByRewriteKeepingEverySample) {
             EXPECT_NE(RunCommand(tag + edit).find(c.way), std::string::npos) << c.fixture << edit;
             EXPECT_EQ(SamplesWithoutOffsets(file.path()), SamplesWithoutOffsets(FixturePath(c.fixture))) << c.fixture;
         }
+        // A fragment index's first entry still names a "moof".
+        const Bytes edited = ReadWholeFile(file.path());
+        const size_t tfra = FindAtom(edited, "tfra");
+        if (tfra + 4 < edited.size()) {
+            const size_t moof = edited[tfra + 8] == 1 ? size_t(GetU32(edited, tfra + 36)) : GetU32(edited, tfra + 28);
+            EXPECT_EQ(std::string(edited.begin() + long(moof) + 4, edited.begin() + long(moof) + 8), "moof") << c.fixture;
+        }
         MP4_local_file *read = nullptr;
         ASSERT_EQ(MP4FileOpenEx(&read, file.c_str(), 1, MP4_OPEN_MODERN), 1);
         uint8_t *data = nullptr;
