@@ -181,7 +181,15 @@ bool BuildScratch(const char *path, const std::vector<MP4Tag> &tags, const std::
     const char *call = "MP4FileNewEx";
     if (result == 1) {
         call = "MP4SetMetadata";
-        result = SetWritableTags(out, tags, "tag", &kept);
+        // A tag given on the command line (no Source) must fit.
+        for (const MP4Tag &tag : tags)
+            if (result == 1 && tag.Source == nullptr && MP4SetMetadata(out, &tag, 1) != 1) {
+                std::fprintf(stderr, "mp4core tag: %s: the value does not fit the key (a time takes ISO 8601, "
+                             "\"2024-05-01T10:00:00Z\"; the keys: see --help)\n", tag.Key);
+                result = -96;
+                call = nullptr;
+            }
+        if (result == 1) result = SetWritableTags(out, tags, "tag", &kept);
         if (result == 1 && chapters != nullptr) {
             call = "MP4SetChapters";
             result = MP4SetChapters(out, chapters->data(), uint32_t(chapters->size()));
@@ -215,7 +223,7 @@ bool BuildScratch(const char *path, const std::vector<MP4Tag> &tags, const std::
         MP4FileClose(&back);
     }
     std::remove(scratch.c_str());
-    return result == 1 || ReportFailure("tag", call, result) == 0;
+    return result == 1 || (call != nullptr && ReportFailure("tag", call, result) == 0);
 }
 
 // Keys the writer puts in QuickTime metadata by key ("moov/meta").
@@ -390,6 +398,11 @@ extern const CommandRow kTagCommand = {
     "when there is room (or the file ends with it) and is made live by one\n"
     "write of the old one's head; otherwise the file is written anew beside\n"
     "itself (chunk and fragment offsets moved) and renamed over the original.\n"
+    "KEY is a common key (title, artist, album_artist, album, date, genre,\n"
+    "comment, composer, copyright, description, encoder, track, disc,\n"
+    "compilation, location, make, model, software, creation_time,\n"
+    "modification_time), MEAN:NAME (a freeform item), a dotted QuickTime key,\n"
+    "or a four-character item name; times are ISO 8601.\n"
     "A failed or interrupted edit leaves the file as it was. Prints how the\n"
     "file was edited; exits 1 on a failure, 2 on a usage error.\n",
     RunTag,
