@@ -35,6 +35,8 @@ using Bytes = std::vector<uint8_t>;
 constexpr uint64_t kMaxIndexBytes = uint64_t(256) << 20;
 constexpr size_t kSector = 512;
 constexpr int kMaxDepth = 8;
+// The most atoms one level holds (a file of fragments: two a fragment).
+constexpr size_t kMaxAtoms = size_t(1) << 20;
 
 uint32_t Get32(const uint8_t *p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 uint64_t Get64(const uint8_t *p) { return uint64_t(Get32(p)) << 32 | Get32(p + 4); }
@@ -68,7 +70,7 @@ bool AtomsIn(const uint8_t *bytes, uint64_t size, std::vector<Atom> *atoms) {
         } else if (atom.Size == 0) {
             atom.Size = size - at;
         }
-        if (atom.Size < atom.Head || atom.Size > size - at) return false;
+        if (atom.Size < atom.Head || atom.Size > size - at || atoms->size() >= kMaxAtoms) return false;
         atoms->push_back(atom);
         at += atom.Size;
     }
@@ -90,7 +92,7 @@ bool TopAtoms(int fd, uint64_t fileSize, std::vector<Atom> *atoms) {
         } else if (atom.Size == 0) {
             atom.Size = fileSize - at;
         }
-        if (atom.Size < atom.Head || atom.Size > fileSize - at) return false;
+        if (atom.Size < atom.Head || atom.Size > fileSize - at || atoms->size() >= kMaxAtoms) return false;
         atoms->push_back(atom);
         at += atom.Size;
     }
