@@ -185,9 +185,13 @@ std::string FreeformPart(ByteSpan payload) {
     return payload.Size >= 4 ? TextToUtf8(payload.From(4), false) : std::string();
 }
 
+// Keyed items may name one key many times: a longer key is not taken, so
+// that each tag costs a bounded copy.
+constexpr uint32_t kMaxKeyBytes = 128;
+
 // The names a "keys" payload lists (version and flags, count, then each
 // key's size, namespace and name), in order; a key that does not fit ends
-// the list.
+// the list, a key above kMaxKeyBytes stands as an empty name.
 std::vector<ByteSpan> ReadKeys(ByteSpan keys) {
     std::vector<ByteSpan> names;
     if (keys.Size < 8) return names;
@@ -196,7 +200,7 @@ std::vector<ByteSpan> ReadKeys(ByteSpan keys) {
     for (uint32_t i = 0; i < count && keys.Holds(at, 8); ++i) {
         const uint32_t size = GetBE32(keys.Data, at);
         if (size < 8 || !keys.Holds(at, size)) break;
-        names.push_back({keys.Data + at + 8, size - 8});
+        names.push_back(size - 8 <= kMaxKeyBytes ? ByteSpan{keys.Data + at + 8, size - 8} : ByteSpan{});
         at += size;
     }
     return names;
@@ -232,7 +236,7 @@ void CollectItemList(ByteSpan meta, const std::string &metaPath, uint32_t trackI
             // An item named by its index in "keys"; its path by position,
             // as the index is no printable name.
             const uint32_t index = GetBE32(reinterpret_cast<const uint8_t *>(item.Name), 0);
-            if (index == 0 || index > keys.size()) continue;
+            if (index == 0 || index > keys.size() || keys[index - 1].Size == 0) continue;
             base.OwnKey.assign(reinterpret_cast<const char *>(keys[index - 1].Data), keys[index - 1].Size);
             base.Source = ilstPath + "*[" + Decimal(position) + "]";
             const char *common = CommonKeyOf(base.OwnKey);

@@ -57,10 +57,7 @@ struct TagDraft {
 // can't be read, or it is above 16 MiB (the limit of MP4GetAtom).
 bool ReadAtomPayload(MP4_local_file *file, const std::string &path, std::vector<uint8_t> *payload);
 
-// A number in decimal. (The library's objects keep to its own types and
-// std::string, whose code the C++ runtime holds: an instance of a standard
-// template over standard types only, such as std::to_string's digit table,
-// would be exported from the shared object.)
+// A number in decimal.
 std::string Decimal(uint64_t number);
 
 // A path step for a four-character name: the byte 0xA9 as the UTF-8

@@ -155,6 +155,9 @@ bool ChaptersFromTrack(MP4_local_file *file, std::vector<ChapterDraft> *chapters
                 chapterTrack = GetBE32(reference.Payload.Data, 0);
     }
     if (chapterTrack == 0) return false;
+    // Samples may share their bytes: titles that add up past the file's
+    // size end the list.
+    uint64_t titleBytes = 0;
     for (uint32_t i = 0; i < trackCount; ++i) {
         MP4TrackInfo track{};
         if (MP4GetTrackInfo(file, i, &track) != 1 || track.TrackId != chapterTrack) continue;
@@ -165,6 +168,11 @@ bool ChaptersFromTrack(MP4_local_file *file, std::vector<ChapterDraft> *chapters
             MP4Sample *sample = nullptr;
             if (MP4ReadSample(file, track.TrackId, track.TrackType, n, &sample) != 1) continue;
             const uint32_t length = GetBE16(sample->Data, 0);
+            titleBytes += length;
+            if (titleBytes > file->RootAtom->FileSize) {
+                SampleDataFree(&sample);
+                break;
+            }
             if (length <= sample->Size - 2)
                 chapters->push_back({info.DecodeTime, info.DecodeTime + info.Duration, track.Timescale,
                                      TextToUtf8({sample->Data + 2, length}, false)});

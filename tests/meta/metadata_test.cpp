@@ -69,6 +69,13 @@ TEST(MetadataFixtures, TagsAndChaptersAreWhatExiftoolFfprobeAndMutagenRead) {
     }
 }
 
+// The listings stay what the tools read in the committed files.
+TEST(SlowMetadataInterop, ListingsAreWhatExiftoolFfprobeAndMutagenReadNow) {
+    if (!HaveFfmpeg() || RunCommand("command -v exiftool").empty() || !FileExists("/usr/lib/python3/dist-packages/mutagen"))
+        GTEST_SKIP() << "needs ffprobe, exiftool and python3-mutagen";
+    EXPECT_EQ(RunCommand("python3 '" + FixturePath("meta/make_meta.py") + "' --check 2>&1; echo $?"), "0\n");
+}
+
 TEST(MetadataHostile, ASpoiledItemGivesNoTagAndTheRestStay) {
     for (const auto &row : ReadRows("meta/hostile.rows")) {
         const Bytes image = Image("ftyp{'isom' 0 'isom'} moov{" + row.at(1) + "}");

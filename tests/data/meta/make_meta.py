@@ -6,11 +6,12 @@ writers use) and NAME.tags, what exiftool, ffprobe and mutagen read in each.
 Normalisation, once: every tool's field goes to our key (the maps below);
 text is compared as UTF-8 exactly, an empty value counts as not given; dates
 as the instant in UTC ("2024-05-01T08:00:00Z", a local offset applied);
-track and disc as "N/M"; exiftool runs with -n, its GPS position written as
-ISO 6709 text (its numbers, as %+08.4f%+09.4f%+08.3f/); a
-cover as its type and size; chapters as start and end in
-milliseconds and the title. Tools that give one key must agree.
-  make_meta.py   (in tests/data/meta; needs ffmpeg, exiftool, python3-mutagen)
+track and disc as "N/M"; exiftool runs with -n; a place as ISO 6709 text
+of its numbers ("%+08.4f%+09.4f%+08.3f/"); a cover as its type and size;
+chapters as start and end in seconds (3 decimals) and the title. Tools that
+give one key must agree.
+  make_meta.py [--check]   (needs ffmpeg, exiftool, python3-mutagen); --check
+                           reads the files as they stand and compares
 """
 import datetime, json, os, re, subprocess, sys
 sys.dont_write_bytecode = True
@@ -90,14 +91,17 @@ def readings(path):
     return seen, chapters
 
 
-def listing(path):
+def listing(path, check=False):
     seen, chapters = readings(path)
     lines = ["# %s as exiftool -n, ffprobe and mutagen read it (make_meta.py says how)" % os.path.basename(path)]
     for key, tools in sorted(seen.items()):
         if len(set(tools.values())) > 1:
             raise SystemExit("%s: the tools disagree on %s: %s" % (path, key, tools))
         lines.append("%s %s  # %s" % (key, next(iter(tools.values())), " ".join(sorted(tools))))
-    open(path + ".tags", "w").write("\n".join(lines + chapters) + "\n")
+    text = "\n".join(lines + chapters) + "\n"
+    if check and open(path + ".tags").read() != text:
+        raise SystemExit("%s: the tools now read\n%s" % (path, text))
+    open(path + ".tags", "w").write(text)
 
 
 def splice(source, out, extra, rename=None):
@@ -115,8 +119,13 @@ def item(name, text):
     return box(name, full("data", 0, 1, b"\0" * 4, text.encode()))
 
 
+NAMES = ("itunes.m4a", "mdta_ffmpeg.mp4", "chpl_only.m4a", "phone_mdta.mov", "android_xyz.mp4", "strings.3gp")
+
+
 def main():
     os.chdir(os.path.dirname(os.path.abspath(__file__)))
+    if sys.argv[1:] == ["--check"]:
+        return [listing(name, True) for name in NAMES]
     open("/tmp/meta_chapters.txt", "w").write(";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=400\n"
                                               "title=Intro\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=400\nEND=1000\n"
                                               "title=Théâtre\n")
@@ -155,8 +164,7 @@ def main():
     splice("/tmp/meta_plain.3gp", "strings.3gp",
            box("udta", full("dscp", 0, 0, lang, "\ufeffDescription ∞".encode("utf-16-be"), b"\0\0"),
                full("gnre", 0, 0, lang, b"Pop\0"), loci))
-    for name in ("itunes.m4a", "mdta_ffmpeg.mp4", "chpl_only.m4a", "phone_mdta.mov", "android_xyz.mp4",
-                 "strings.3gp"):
+    for name in NAMES:
         listing(name)
 
 
