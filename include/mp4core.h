@@ -998,7 +998,7 @@ MP4CORE_API void MP4FreeChapters(MP4Chapter *chapters);
  * is not a progressive or fragmented write handle, or its tracks came
  * from CreateTrack; -97 too late: a fragmented handle has written its
  * "moov", or a write failed; -96 a tag does not fit: Key null, empty,
- * above 1024 bytes or of no form above, a Type not MP4_TAG_* or not the
+ * above 128 bytes or of no form above, a Type not MP4_TAG_* or not the
  * key's, TrackId not 0, Value null with a Size or above 16 MiB, Pad or a
  * Reserved word not zero, an image without "image/jpeg" or "image/png", a
  * time that is no ISO 8601 time from 1904 on, more than 4096 tags; -93 no

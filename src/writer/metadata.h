@@ -18,11 +18,13 @@ constexpr int32_t kSetMetaBadRecord = -96;
 constexpr int32_t kSetMetaNoMemory = -93;
 
 // The largest value of one tag (the reader's bound on an atom's payload),
-// the most tags and chapters, and the longest key.
+// the most tags and chapters, the longest key (the reader's bound on a
+// QuickTime key) and chapter title.
 constexpr uint32_t kMaxTagValueBytes = uint32_t(16) << 20;
 constexpr uint32_t kMaxTags = 4096;
 constexpr uint32_t kMaxChapters = 65535;
-constexpr size_t kMaxKeyBytes = 1024;
+constexpr size_t kMaxKeyBytes = 128;
+constexpr size_t kMaxTitleBytes = 1024;
 // The timescale of the chapter track the progressive flush writes.
 constexpr uint32_t kChapterTimescale = 1000;
 

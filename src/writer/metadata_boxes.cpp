@@ -431,7 +431,7 @@ int32_t ReplaceChapters(WriterMetadata *meta, const MP4Chapter *chapters, uint32
                          (unsigned __int128)chapters[i - 1].Start * c.Timescale)
             return kSetMetaBadRecord;
         const size_t size = std::strlen(c.Title);
-        if (size > kMaxKeyBytes) return kSetMetaBadRecord;
+        if (size > kMaxTitleBytes) return kSetMetaBadRecord;
         bytes += Room(size);
     }
     MP4Chapter *copy = nullptr;

@@ -153,6 +153,7 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
     ASSERT_EQ(MP4FileNewEx(&file, path.c_str(), MP4_NEW_PROGRESSIVE), 1);
     EXPECT_EQ(MP4SetMetadata(file, nullptr, 1), -99);
     EXPECT_EQ(MP4SetChapters(file, nullptr, 1), -99);
+    const std::string longKey = std::string(125, 'k') + ".com";
     struct TagCase {
         const char *what;
         MP4Tag tag;
@@ -161,6 +162,7 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
         {"key null", Tag(nullptr, "x"), -96},
         {"key empty", Tag("", "x"), -96},
         {"key of no form", Tag("colour", "x"), -96},
+        {"key past 128 bytes", Tag(longKey.c_str(), "x"), -96},
         {"type 0", Tag("title", "x", 0), -96},
         {"type 5", Tag("tvsh", "x", 5), -96},
         {"title as integer", Tag("title", nullptr, MP4_TAG_INTEGER, 1), -96},
