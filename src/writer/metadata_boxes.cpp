@@ -4,6 +4,7 @@
 // it goes by its form: "mean:name" to a freeform iTunes item ("----"), a
 // reverse-DNS name to QuickTime metadata by key ("mdta"), four characters
 // to an iTunes item of that name.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -337,7 +338,7 @@ void PutQuickTimeMetadata(BoxBuffer *out, const WriterMetadata &meta) {
 bool ParseIsoTime(const char *text, size_t size, uint64_t *seconds) {
     if (text == nullptr) return false;
     char buffer[64];
-    if (size >= sizeof buffer) return false;
+    if (size >= sizeof buffer || std::memchr(text, 0, size) != nullptr) return false;
     std::memcpy(buffer, text, size);
     buffer[size] = 0;
     int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, used = 0;
