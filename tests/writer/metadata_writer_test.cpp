@@ -293,12 +293,17 @@ TEST(SlowMetadataInterop, WrittenAndTaggedFilesReadBackInEveryTool) {
     ExpectGolden("metadata/written.readback", Readback(plain.path()));
     ExpectGolden("metadata/fragmented.readback", Readback(fragmented.path()));
     TempFile chapters(Text("00:00:00.000 One\n00:00:01.250 Two \xC3\xA9\n"), ".txt"), cover(Bytes(kJpeg, kJpeg + sizeof kJpeg), ".jpg");
-    for (const char *fixture : {"mpeg4_aac.mp4", "mpeg4_aac_moov_end.mp4"}) {
-        TempFile file(ReadWholeFile(FixturePath(fixture)));
+    // FFmpeg's iTunes file and a phone's keyed one keep what no edit touches.
+    struct Case {
+        const char *fixture, *listing;
+    } cases[] = {{"mpeg4_aac.mp4", "tagged"}, {"mpeg4_aac_moov_end.mp4", "tagged"}, {"meta/itunes.m4a", "itunes_tagged"},
+                 {"meta/phone_mdta.mov", "phone_tagged"}};
+    for (const Case &c : cases) {
+        TempFile file(ReadWholeFile(FixturePath(c.fixture)));
         RunCommand(std::string(MP4CORE_TOOL) + " tag '" + file.path() + "' --set 'title=Zo\xC3\xAB' --set disc=1/2 " +
                    "--set location=+35.6586+139.7454/ --set creation_time=2024-05-01T10:00:00Z --cover " +
                    cover.path() + " --chapters " + chapters.path());
-        ExpectGolden("metadata/tagged.readback", Readback(file.path()));
+        ExpectGolden(std::string("metadata/") + c.listing + ".readback", Readback(file.path()));
     }
 }
 
