@@ -65,6 +65,13 @@ TEST(MetadataFixtures, TagsAndChaptersAreWhatExiftoolFfprobeAndMutagenRead) {
             OpenedFile file(bytes, MP4_TABLE_MARKS, flags);
             ASSERT_EQ(file.result, 1) << path;
             EXPECT_EQ(Lines(file.handle, keys), expected) << path << (flags < 0 ? " (classic)" : " (modern)");
+            // A chapter track comes before "chpl"; a classic handle reads no text track.
+            MP4Chapter *chapters = nullptr;
+            uint32_t count = 0;
+            if (path.find("itunes") != std::string::npos && MP4GetChapters(file.handle, &chapters, &count) == 1) {
+                EXPECT_EQ(chapters[0].Timescale, flags < 0 ? 10000000u : 1000u);
+            }
+            MP4FreeChapters(chapters);
         }
     }
 }
