@@ -106,6 +106,11 @@ void ReadBack(const std::string &output, bool fragmented) {
             MP4Sample *sample = nullptr;
             for (int n = 0; n < 6000 && GetNextSample(file, id, type, &sample) == 1; ++n) SampleDataFree(&sample);
         }
+    MP4Tag *tags = nullptr;
+    MP4Chapter *chapters = nullptr;
+    uint32_t count = 0;
+    if (MP4GetMetadata(file, &tags, &count) == 1) MP4FreeMetadata(tags);
+    if (MP4GetChapters(file, &chapters, &count) == 1) MP4FreeChapters(chapters);
     MP4FileClose(&file);
 }
 
@@ -126,7 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Script s{data, size};
     // The new calls for one input in 16, on a progressive or a fragmented handle: tracks of
     // any format from fuzzer-chosen track descriptions, samples of fuzzer-chosen sizes,
-    // times, flags and entries.
+    // times, flags and entries, tags and chapters.
     if (size > 0 && (data[0] & 0xF0) == 0xA0) {
         static const char kFormats[][5] = {"avc1", "hvc1", "av01", "vp09", "mp4v", "mp4a", "Opus",
                                            "ac-3", "ec-3", "fLaC", "alac", "ipcm", "fpcm", "sowt",
@@ -155,6 +160,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 trackSpec.Config = s.Take(s.U8(), &taken);
                 trackSpec.ConfigSize = uint32_t(taken);
                 MP4AddTrack(file, &trackSpec, &id);
+                continue;
+            }
+            if (s.U8() % 8 == 0) {
+                // Tags of any key, type and bytes, and chapters in any order.
+                static const char *const kKeys[] = {"title", "track", "cover", "location", "creation_time",
+                                                    "a:b", "x.y", "tvsh", "\xC2\xA9\x64\x61y", "zz"};
+                MP4Tag tags[4] = {};
+                MP4Chapter chapters[3] = {};
+                for (MP4Tag &tag : tags) {
+                    tag.Key = kKeys[s.U8() % 10], tag.Type = s.U8() % 6, tag.Integer = int64_t(s.U32()) - 70000;
+                    tag.Total = s.U16(), tag.Mime = s.U8() & 1 ? "image/png" : nullptr;
+                    tag.Value = s.Take(s.U8(), &taken), tag.Size = uint32_t(taken);
+                }
+                for (MP4Chapter &chapter : chapters)
+                    chapter = {s.U32(), uint64_t(s.U32()) << (s.U8() % 32), s.U16(), 0, "t", {}};
+                MP4SetMetadata(file, tags, s.U8() % 5);
+                MP4SetChapters(file, chapters, s.U8() % 4);
                 continue;
             }
             const uint32_t track = s.U8() % 8;

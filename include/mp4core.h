@@ -1103,26 +1103,39 @@ MP4CORE_API void MP4FreeChapters(MP4Chapter *chapters);
  * first sample ("moov" is written then). Each call replaces what the one
  * before set; the library copies what it needs. Tags of the common
  * vocabulary go to iTunes items in "moov/udta/meta" ("hdlr" "mdir"),
- * "location" also to "\xC2\xA9xyz", "make", "model" and "software" to
- * QuickTime metadata by key.
+ * "location" to "\xC2\xA9xyz" and, with "make", "model", "software" and
+ * "creation_time", to QuickTime metadata by key in "moov/meta"; the two
+ * times also to "mvhd". Other keys by their form: "mean:name" a freeform
+ * iTunes item, a name with a "." (and no ":") a QuickTime key, four
+ * characters (the first may be "\xC2\xA9") an iTunes item of that name.
+ * Text is UTF-8; "track" and "disc" are integers (number and Total, each up
+ * to 65535), "compilation" 0 or 1, "cover" an image, the times ISO 8601
+ * text ("2024-05-01T10:00:00+02:00"). Set on a fragmented handle before
+ * any track, the handle takes its tracks from MP4AddTrack.
  *   tags   count records; null only with count 0 (which clears them).
  * Results: 1 done; -99 file null, or tags null with a count; -98 the handle
- * is not a progressive or fragmented write handle; -97 too late: a
- * fragmented handle has written its "moov", or a write failed; -96 a tag
- * does not fit: Key null or empty, a Type not MP4_TAG_*, Value null with a
- * Size, Pad or a Reserved word not zero, an image without "image/jpeg" or
- * "image/png"; -93 no memory. Nothing changes on a failure.
+ * is not a progressive or fragmented write handle, or its tracks came
+ * from CreateTrack; -97 too late: a fragmented handle has written its
+ * "moov", or a write failed; -96 a tag does not fit: Key null, empty,
+ * above 128 bytes or of no form above, a Type not MP4_TAG_* or not the
+ * key's, TrackId not 0, Value null with a Size or above 16 MiB, Pad or a
+ * Reserved word not zero, an image without "image/jpeg" or "image/png", a
+ * time that is no ISO 8601 time from 1904 on, more than 4096 tags; -93 no
+ * memory. Nothing changes on a failure.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4SetMetadata(MP4_local_file *file, const MP4Tag *tags, uint32_t count);
 
 /* MP4SetChapters gives a progressive or fragmented write handle its
- * chapters, as MP4SetMetadata does its tags: written as "chpl" and as a
- * chapter text track.
+ * chapters, as MP4SetMetadata does its tags: written as "chpl" (the
+ * first 255, titles cut to 255 bytes) and, on a progressive handle with a
+ * video or audio track, as a disabled chapter text track of timescale 1000
+ * that a "tref" "chap" of the first such track names (a first chapter
+ * that starts later begins at 0 there).
  *   chapters  count records; null only with count 0 (which clears them).
  * Results: 1 done; -99 file null, or chapters null with a count; -98 and
  * -97 as for MP4SetMetadata; -96 a chapter does not fit: Title null,
  * Timescale 0, End before Start, a start before the chapter before, Pad or
- * Reserved not zero; -93 no memory. Nothing changes on a failure.
+ * Reserved not zero, a title above 1024 bytes, more than 65535 chapters; -93 no memory. Nothing changes on a failure.
  * Threads: the handle's thread. */
 MP4CORE_API int32_t MP4SetChapters(MP4_local_file *file, const MP4Chapter *chapters,
                                    uint32_t count);

@@ -3,7 +3,9 @@
 // MP4AddTrackFrom, MP4GetSampleInfo, MP4ReadSample, MP4WriteSample), the
 // tracks interleaved in decoding-time order; with --faststart the index
 // goes in front of the media; with --fragmented the file is written in
-// fragments.
+// fragments. The file's tags and chapters are carried through
+// MP4GetMetadata and MP4GetChapters to MP4SetMetadata and MP4SetChapters.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdint>
@@ -14,6 +16,7 @@
 #include "commands.h"
 #include "mp4core.h"
 #include "result_text.h"
+#include "tag_copy.h"
 
 namespace {
 
@@ -55,9 +58,13 @@ bool AddTracks(const Arguments &arguments, MP4_local_file *in, MP4_local_file *o
                std::vector<Source> *sources) {
     uint32_t count = 0;
     MP4GetTrackCount(in, &count);
+    // A chapter track's titles go through MP4SetChapters, which writes
+    // the output's own chapter track.
+    const std::vector<uint32_t> chapterTracks = ChapterTrackIds(in);
     for (uint32_t i = 0; i < count; ++i) {
         Source s{};
         if (MP4GetTrackInfo(in, i, &s.info) != 1) continue;
+        if (std::find(chapterTracks.begin(), chapterTracks.end(), s.info.TrackId) != chapterTracks.end()) continue;
         bool any = false;
         const bool named = Named(arguments, s.info.TrackId, &any);
         if (any && !named) continue;
@@ -156,6 +163,37 @@ bool CopySamples(MP4_local_file *in, MP4_local_file *out, std::vector<Source> &s
     }
 }
 
+// The file's tags (not the tracks': their headers are copied) and
+// chapters, set before the first sample (a fragmented output writes its
+// "moov" then); false after a report.
+bool CopyMetadata(MP4_local_file *in, MP4_local_file *out) {
+    MP4Tag *tags = nullptr;
+    MP4Chapter *chapters = nullptr;
+    uint32_t tagCount = 0, chapterCount = 0, kept = 0;
+    std::vector<MP4Tag> fileTags;
+    if (MP4GetMetadata(in, &tags, &tagCount) == 1)
+        for (uint32_t i = 0; i < tagCount; ++i) {
+            if (CarriedTag(tags[i])) {
+                fileTags.push_back(tags[i]);
+            } else if (tags[i].TrackId == 0) {
+                std::fprintf(stderr, "mp4core remux: tag %s (from %s) is not copied\n", tags[i].Key, tags[i].Source);
+            }
+        }
+    int32_t result = SetWritableTags(out, fileTags, "remux", &kept);
+    const char *call = "MP4SetMetadata";
+    if (result == 1 && MP4GetChapters(in, &chapters, &chapterCount) == 1 && chapterCount > 0) {
+        call = "MP4SetChapters";
+        result = MP4SetChapters(out, chapters, chapterCount);
+    }
+    MP4FreeMetadata(tags);
+    MP4FreeChapters(chapters);
+    if (result != 1) return ReportFailure("remux", call, result) == 0;
+    if (kept + chapterCount > 0)
+        std::fprintf(stderr, "mp4core remux: %u tags and %u chapters kept (read and written again by the library)\n",
+                     kept, chapterCount);
+    return true;
+}
+
 int RunRemux(const Arguments &arguments) {
     const char *input = arguments.operands[0];
     const char *output = OptionValue(arguments, "-o");
@@ -181,14 +219,8 @@ int RunRemux(const Arguments &arguments) {
         return ReportFailure("remux", "MP4FileNewEx", result, output);
     }
     std::vector<Source> sources;
-    bool ok = AddTracks(arguments, in, out, &sources) && CopySamples(in, out, sources, seconds);
-    uint8_t *meta = nullptr;
-    uint64_t size = 0;
-    for (const char *path : {"moov/udta", "moov/meta"}) {
-        if (MP4GetAtom(in, path, &meta, &size) != 1) continue;
-        MP4freeData(reinterpret_cast<void **>(&meta));
-        std::fprintf(stderr, "mp4core remux: metadata (%s) is not copied\n", path + 5);
-    }
+    bool ok = AddTracks(arguments, in, out, &sources) && CopyMetadata(in, out) &&
+              CopySamples(in, out, sources, seconds);
     MP4FileClose(&in);
     result = MP4FileFlush(out);
     if (ok && result != 1) ok = ReportFailure("remux", "MP4FileFlush", result) == 0;
@@ -224,8 +256,15 @@ extern const CommandRow kRemuxCommand = {
     "frame of that track at or after each multiple of S seconds of its decoding\n"
     "time (a long GOP makes longer fragments). A fragmented input\n"
     "becomes a progressive file unless --fragmented is given. Protected\n"
-    "tracks are left out (a named one is an error), and metadata (\"udta\",\n"
-    "\"meta\") is not copied: both are said on standard error. A failed run\n"
+    "tracks are left out (a named one is an error), said on standard error.\n"
+    "The file's tags and chapters are read (MP4GetMetadata, MP4GetChapters)\n"
+    "and written again (MP4SetMetadata, MP4SetChapters) in the writer's places:\n"
+    "iTunes items, \"\xC2\xA9" "xyz\", QuickTime keys, \"mvhd\" times, \"chpl\" and a\n"
+    "chapter track of its own (a source's chapter track is not copied as a\n"
+    "track). A tag under its own key from another place (a 3GPP \"titl\" that an\n"
+    "iTunes title outranks, \"mvhd.creation_time\") or without a place in the\n"
+    "writer is named on standard error and left out; other \"udta\" atoms and\n"
+    "the tracks' own tags are not copied. A failed run\n"
     "removes the output and exits 1.\n",
     RunRemux,
 };

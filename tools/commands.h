@@ -62,6 +62,7 @@ extern const CommandRow kInfoCommand;
 extern const CommandRow kExtractCommand;
 extern const CommandRow kIodCommand;
 extern const CommandRow kRemuxCommand;
+extern const CommandRow kTagCommand;
 
 // ---- Shared by the commands (cli.cpp) ---------------------------------------
 

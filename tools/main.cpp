@@ -9,7 +9,7 @@ namespace {
 // The subcommands, in the order `mp4core --help` lists them.
 const CommandRow *const kCommands[] = {
     &kDumpCommand, &kSamplesCommand, &kM4vHeaderCommand, &kMuxCommand,
-    &kInfoCommand, &kExtractCommand, &kIodCommand, &kRemuxCommand,
+    &kInfoCommand, &kExtractCommand, &kIodCommand, &kRemuxCommand, &kTagCommand,
 };
 
 void PrintOverview(FILE *out) {

@@ -9,6 +9,7 @@
 
 #include "mp4core.h"
 #include "writer/box_writer.h"
+#include "writer/metadata.h"
 
 // Results of MP4AddTrack.
 constexpr int32_t kAddTrackNullArgument = -99;
@@ -119,6 +120,7 @@ struct ModernTrack {
     uint64_t Written;            // samples gone to the file in fragments
     struct FragmentPoint *Points;
     size_t PointCount, PointCapacity;
+    uint32_t ChapterTrackId;     // named by its "tref" "chap"; 0: none
 };
 
 // An entry of a track's "tfra".
@@ -149,6 +151,7 @@ struct ProgressiveWriter {
     uint8_t CallerCuts;          // a sample carried MP4_SAMPLE_NEW_FRAGMENT: only such cut
     uint64_t CutTime;
     uint32_t FragmentMilliseconds;
+    WriterMetadata Metadata;     // MP4SetMetadata, MP4SetChapters
 };
 
 // ---- Sample entries (sample_entries.cpp) ----------------------------------

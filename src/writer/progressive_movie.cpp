@@ -118,11 +118,11 @@ void PutMatrix(BoxBuffer *out, uint32_t rotation, uint32_t width, uint32_t heigh
     for (uint32_t value : m) Put32(out, value);
 }
 
-void PutMovieHeader(BoxBuffer *out, uint64_t duration, uint32_t nextTrackId) {
-    const uint8_t version = VersionFor(duration);
+void PutMovieHeader(BoxBuffer *out, uint64_t duration, uint32_t nextTrackId, const WriterMetadata &meta) {
+    const uint8_t version = VersionFor(duration) | VersionFor(meta.Created) | VersionFor(meta.Modified);
     const size_t box = OpenFullBox(out, "mvhd", version, 0);
-    PutSized(out, version, 0);  // creation and modification times: unknown
-    PutSized(out, version, 0);
+    PutSized(out, version, meta.Created);  // 0: unknown
+    PutSized(out, version, meta.Modified);
     Put32(out, kMovieTimescale);
     PutSized(out, version, duration);
     Put32(out, kFixedOne);      // rate
@@ -380,6 +380,13 @@ void PutTrack(BoxBuffer *out, const ModernTrack &held, uint64_t shift, bool wide
     const ModernTrack track = fragmented ? WithoutSamples(held) : held;
     const size_t trak = OpenBox(out, "trak");
     PutTrackHeader(out, track, PresentedDuration(track));
+    if (track.ChapterTrackId != 0) {
+        const size_t tref = OpenBox(out, "tref");
+        const size_t chap = OpenBox(out, "chap");
+        Put32(out, track.ChapterTrackId);
+        CloseBox(out, chap);
+        CloseBox(out, tref);
+    }
     PutEdits(out, held, fragmented);
     const size_t mdia = OpenBox(out, "mdia");
     PutMediaHeader(out, track);
@@ -488,7 +495,7 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
             writer.Fragmented != 0 ? WithoutSamples(writer.Tracks[t]) : writer.Tracks[t]);
         if (presented > duration) duration = presented;
     }
-    PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1));
+    PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1), writer.Metadata);
     for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide, writer.Fragmented != 0);
     if (writer.Fragmented != 0) {
         const size_t mvex = OpenBox(out, "mvex");
@@ -503,13 +510,14 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
         }
         CloseBox(out, mvex);
     }
+    PutMovieMetadata(writer.Metadata, out);
     CloseBox(out, moov);
 }
 
 int32_t FinishProgressiveFile(ProgressiveWriter *writer) {
     if (writer->Failed != 0) return kFlushWriteFailed;
     if (writer->Started == 0 && !WriteFileHead(writer)) return kFlushWriteFailed;
-    if (!WriteAllChunks(writer)) return kFlushWriteFailed;
+    if (!AddChapterTrack(writer) || !WriteAllChunks(writer)) return kFlushWriteFailed;
     // The "mdat" size: 32 bits in its own head, else 64 bits in a head
     // that takes over the "free" atom in front of it.
     const uint64_t mediaEnd = writer->FileEnd;
