@@ -490,15 +490,15 @@ bool AddChapterTrack(ProgressiveWriter *writer) {
         if (writer->Tracks[t].TrackType == MP4_TRACK_VIDEO || writer->Tracks[t].TrackType == MP4_TRACK_AUDIO)
             media = &writer->Tracks[t];
     if (media == nullptr) return true;
-    MP4TrackSpec spec{};
-    spec.Timescale = kChapterTimescale;
-    std::memcpy(spec.Handler, "text", 4);
-    std::memcpy(spec.Format, "text", 4);
-    spec.Config = kTextDescription;
-    spec.ConfigSize = sizeof kTextDescription;
+    MP4TrackSpec trackSpec{};
+    trackSpec.Timescale = kChapterTimescale;
+    std::memcpy(trackSpec.Handler, "text", 4);
+    std::memcpy(trackSpec.Format, "text", 4);
+    trackSpec.Config = kTextDescription;
+    trackSpec.ConfigSize = sizeof kTextDescription;
     const size_t mediaIndex = size_t(media - writer->Tracks);
     ModernTrack *track = NextProgressiveTrack(writer);
-    if (track == nullptr || BuildSampleEntry(spec, track) != 1) {
+    if (track == nullptr || BuildSampleEntry(trackSpec, track) != 1) {
         if (track != nullptr) ReleaseModernTrack(*track);
         writer->Failed = 1;
         return false;
