@@ -10,7 +10,8 @@
 // the last reference plane's second; a B plane counts from the second of
 // the reference before that) plus an increment. A reference plane is
 // decoded when the reference before it presents, a B plane when it
-// presents itself, so decoding times rise and B planes get their offsets.
+// presents itself, so decoding times rise and B planes get their offsets;
+// a layer of low delay (no B planes) decodes each plane when it presents.
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -48,6 +49,7 @@ struct Mpeg4Reader {
     uint32_t resolution = 0;     // ticks of a second in the planes' times
     uint32_t fixedIncrement = 0;  // 0: no fixed rate
     uint32_t incrementBits = 1;
+    bool lowDelay = false;  // the layer has no B planes: each plane decodes when it presents
     // A frame's length in ticks of the resolution: the fixed increment,
     // else the shortest distance between the first planes.
     int64_t frameLength = 1;
@@ -85,15 +87,20 @@ size_t NextStartCode(const Bytes &s, size_t from) {
 bool ReadLayerTiming(const uint8_t *layer, size_t size, Mpeg4Reader *r) {
     BitReader reader = MakeBitReader(layer + 4, size - 4);
     BitReader *b = &reader;
-    ReadBits(b, 9);  // random accessible, object type
+    ReadBits(b, 1);  // random accessible
+    const uint32_t objectType = ReadBits(b, 8);
     uint32_t version = 1;
     if (ReadBits(b, 1)) {
         version = ReadBits(b, 4);
         ReadBits(b, 3);
     }
     if (ReadBits(b, 4) == 0xF) ReadBits(b, 16);  // extended pixel aspect ratio
+    // Without control parameters only a simple object (type 1) is known to
+    // have no B planes.
+    r->lowDelay = objectType == 1;
     if (ReadBits(b, 1)) {                        // control parameters
-        ReadBits(b, 3);
+        ReadBits(b, 2);                          // chroma format
+        r->lowDelay = ReadBits(b, 1) != 0;
         if (ReadBits(b, 1)) ReadBits(b, 79);     // buffer parameters
     }
     const uint32_t shape = ReadBits(b, 2);
@@ -278,9 +285,9 @@ Step NextMpeg4Video(Reader *reader, Sample *sample, Failure *failure) {
     r->ahead.pop_front();
     Frame &f = r->out;
     const int64_t present = TrackTicks(*r, f.present);
-    int64_t decode = f.reference ? r->previousReference : present;
-    if (!r->firstDone) {  // decoded a frame before it presents
-        decode = present - (r->fpsNumerator != 0 ? r->fpsDenominator : r->frameLength);
+    int64_t decode = f.reference && !r->lowDelay ? r->previousReference : present;
+    if (!r->firstDone) {  // with B planes, decoded a frame before it presents
+        if (!r->lowDelay) decode = present - (r->fpsNumerator != 0 ? r->fpsDenominator : r->frameLength);
         r->firstDecode = decode;
         r->lastDecode = decode - 1;
         r->firstDone = true;
