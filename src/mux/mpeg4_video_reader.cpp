@@ -139,6 +139,21 @@ bool ReadPlaneTime(Mpeg4Reader *r, const uint8_t *plane, size_t size, Frame *fra
     return true;
 }
 
+// A group of VOPs in front of a plane sets the second its plane counts
+// from to its time code, as a decoder takes it.
+void ReadGroupTime(Mpeg4Reader *r, const uint8_t *bytes, size_t size) {
+    for (size_t i = 0; i + 7 <= size; ++i) {
+        if (bytes[i] != 0 || bytes[i + 1] != 0 || bytes[i + 2] != 1 || bytes[i + 3] != kGroupCode) continue;
+        BitReader reader = MakeBitReader(bytes + i + 4, size - i - 4);
+        const uint32_t hours = ReadBits(&reader, 5);
+        const uint32_t minutes = ReadBits(&reader, 6);
+        ReadBits(&reader, 1);
+        const uint32_t seconds = ReadBits(&reader, 6);
+        if (!reader.Exhausted) r->timeBase = int64_t(hours) * 3600 + minutes * 60 + seconds;
+        return;
+    }
+}
+
 // The next frame into r->ahead. false: none is left, or `failure` says why.
 bool ReadFrame(Mpeg4Reader *r, Failure *failure) {
     ByteStream &in = *r->in;
@@ -181,6 +196,7 @@ bool ReadFrame(Mpeg4Reader *r, Failure *failure) {
     Frame frame;
     frame.offset = in.consumed + r->frameStart;
     frame.data.assign(in.bytes.begin() + long(r->frameStart), in.bytes.begin() + long(end));
+    ReadGroupTime(r, in.bytes.data() + r->frameStart, r->plane - r->frameStart);
     if (!ReadPlaneTime(r, in.bytes.data() + r->plane, end - r->plane, &frame)) {
         failure->offset = in.consumed + r->plane;
         failure->why = "a VOP header that can't be read";
