@@ -16,5 +16,5 @@ ffmpeg -v error -y "${picture[@]}" "${common[@]}" -c:v libx264 -preset veryfast 
 ffmpeg -v error -y "${picture[@]}" "${common[@]}" -c:v mpeg4 -g 25 -f m4v demo.m4v
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=44100 -t 2 "${common[@]}" -c:a aac -b:a 48k -f adts demo.aac
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=44100 -t 0.2 "${common[@]}" -c:a libmp3lame -b:a 128k tone.mp3
-ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.3 -af aformat=channel_layouts=3.0 "${common[@]}" -c:a libopus -b:a 24k -application voip -frame_duration 60 tone.opus
+ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.3 -af aformat=channel_layouts=3.0 "${common[@]}" -c:a libopus -b:a 8k -application voip -frame_duration 60 tone.opus
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=12000 -t 0.21 "${common[@]}" -c:a flac -frame_size 16 tone.flac
