@@ -7,10 +7,11 @@
 // Times: the video object layer gives the tick (its time increment
 // resolution) and, when the rate is fixed, a frame's increment; each plane
 // gives its own presentation time as whole seconds (modulo_time_base, from
-// the last reference plane's second; a B plane counts from the second of
-// the reference before that) plus an increment. A reference plane is
-// decoded when the reference before it presents, a B plane when it
-// presents itself, so decoding times rise and B planes get their offsets.
+// the last reference plane's second, or a group of VOPs' time code in front
+// of it; a B plane counts from the second of the reference before that)
+// plus an increment. A reference plane is decoded when the reference
+// before it presents, a B plane when it presents itself, so decoding times
+// rise and B planes get their offsets.
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -174,6 +175,15 @@ bool ReadFrame(Mpeg4Reader *r, Failure *failure) {
     Frame frame;
     frame.offset = in.consumed + r->frameStart;
     frame.data.assign(in.bytes.begin() + long(r->frameStart), in.bytes.begin() + long(end));
+    // A group of VOPs in front of the plane sets the second its planes count
+    // from: its time code's hours, minutes and seconds.
+    for (size_t at = NextStartCode(in.bytes, r->frameStart); at != kNone && at + 7 <= r->plane;
+         at = NextStartCode(in.bytes, at + 3)) {
+        const uint8_t *code = &in.bytes[at + 4];
+        if (in.bytes[at + 3] != kGroupCode) continue;
+        const uint32_t hours = code[0] >> 3u, minutes = ((code[0] & 7u) << 3) | (code[1] >> 5u);
+        r->timeBase = int64_t(hours) * 3600 + minutes * 60 + (((code[1] & 0x0Fu) << 2) | (code[2] >> 6u));
+    }
     if (!ReadPlaneTime(r, in.bytes.data() + r->plane, end - r->plane, &frame)) {
         failure->offset = in.consumed + r->plane;
         failure->why = "a VOP header that can't be read";
