@@ -5,9 +5,9 @@
 # as H.264 Annex B (libx264, B-frames) and as MPEG-4 video, and of a tone
 # as ADTS AAC (44100 Hz, mono). Then the audio streams of tools/mux.txt:
 # MP3 at 128 kbit/s with LAME's Info frame, 3-channel Opus (a channel
-# mapping table) of 60 ms SILK packets, and FLAC at 12 kHz (a rate in kHz
-# in each frame header) in frames of 16 samples, more than 128 of them (frame
-# numbers of two bytes) and a last one of 8.
+# mapping table) of 60 ms SILK packets, and FLAC at 1 kHz (a rate in kHz in
+# each frame header) in frames of 300 samples (a block size of two bytes),
+# 135 of them (frame numbers of two bytes), the last of 250 (one byte).
 set -euo pipefail
 cd "$(dirname "$0")"
 common=(-fflags +bitexact -flags +bitexact -map_metadata -1 -threads 1)
@@ -17,4 +17,4 @@ ffmpeg -v error -y "${picture[@]}" "${common[@]}" -c:v mpeg4 -g 25 -f m4v demo.m
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=44100 -t 2 "${common[@]}" -c:a aac -b:a 48k -f adts demo.aac
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=44100 -t 0.2 "${common[@]}" -c:a libmp3lame -b:a 128k tone.mp3
 ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.3 -af aformat=channel_layouts=3.0 "${common[@]}" -c:a libopus -b:a 8k -application voip -frame_duration 60 tone.opus
-ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=12000 -t 0.21 "${common[@]}" -c:a flac -frame_size 16 tone.flac
+ffmpeg -v error -y -f lavfi -i sine=frequency=100:sample_rate=1000 -t 40.45 "${common[@]}" -c:a flac -frame_size 300 tone.flac
