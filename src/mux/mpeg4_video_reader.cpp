@@ -7,11 +7,12 @@
 // Times: the video object layer gives the tick (its time increment
 // resolution) and, when the rate is fixed, a frame's increment; each plane
 // gives its own presentation time as whole seconds (modulo_time_base, from
-// the last reference plane's second; a B plane counts from the second of
-// the reference before that) plus an increment. A reference plane is
-// decoded when the reference before it presents, a B plane when it
-// presents itself, so decoding times rise and B planes get their offsets;
-// a layer of low delay (no B planes) decodes each plane when it presents.
+// the last reference plane's second, or a group of VOPs' time code in front
+// of it; a B plane counts from the second of the reference before that)
+// plus an increment. A reference plane is decoded when the reference
+// before it presents, a B plane when it presents itself, so decoding times
+// rise and B planes get their offsets; a layer of low delay (no B planes)
+// decodes each plane when it presents.
 #include <algorithm>
 #include <cstring>
 #include <deque>

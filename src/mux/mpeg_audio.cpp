@@ -68,8 +68,10 @@ bool ReadHead(const uint8_t *h, FrameHead *head) {
 // header (as LAME and FFmpeg write it) come back in `delay`/`padding`.
 bool IsInfoFrame(const uint8_t *frame, const FrameHead &head, uint32_t *delay, uint32_t *padding) {
     const size_t xing = kHeaderBytes + head.sideInfo, vbri = 36;
+    // A tag counts with the four bytes behind it (Xing's and Info's flags)
+    // inside the frame.
     auto tagAt = [&](size_t at, const char *tag) {
-        return head.length >= at + 4 && std::memcmp(frame + at, tag, 4) == 0;
+        return head.length >= at + 8 && std::memcmp(frame + at, tag, 4) == 0;
     };
     if (head.layer != 3) return false;
     if (tagAt(vbri, "VBRI")) return true;

@@ -373,7 +373,8 @@ bool ParseHevcSequenceSet(const uint8_t *nal, size_t size, SequenceSet *sps) {
     s.bitDepthLuma = ReadUe(r) + 8;
     s.bitDepthChroma = ReadUe(r) + 8;
     s.log2MaxPocLsb = ReadUe(r) + 4;
-    if (r->Exhausted || s.bitDepthLuma > 16 || s.bitDepthChroma > 16 || s.log2MaxPocLsb > 16) return false;
+    // "hvcC" holds a bit depth less 8 in three bits: 16-bit pictures can't be described.
+    if (r->Exhausted || s.bitDepthLuma > 15 || s.bitDepthChroma > 15 || s.log2MaxPocLsb > 16) return false;
     const bool orderingForEach = ReadBits(r, 1);
     for (uint32_t i = orderingForEach ? 0 : subLayers; i <= subLayers; ++i) {
         ReadUe(r);
