@@ -324,16 +324,29 @@ int32_t WriteCompleteFragments(ProgressiveWriter &writer, FragmentWriter &output
 // "ftyp" and "moov" with one write, in front of the first fragment (or
 // at the flush of a handle without one): the samples of the first fragment
 // are held then, so a track whose first presentation lies after its first
-// decode time (B-frames) gets its edit.
+// decode time (B-frames) gets its edit. The chapter track's samples follow
+// in an "mdat" of their own; "moov" is built twice, the second time with
+// their offset, which the first gave (the size does not change with it).
 int32_t BeginFile(ProgressiveWriter &writer, FragmentWriter &output) {
     if (output.HeaderWritten != 0) return kFragmentDone;
+    if (!HoldChapterTrack(&writer)) return kFragmentNoMemory;
     BoxBuffer head{};
     const size_t ftyp = OpenBox(&head, "ftyp");
     PutName(&head, kFragmentBrands[0]);
     Put32(&head, 0);
     for (const char *brand : kFragmentBrands) PutName(&head, brand);
     CloseBox(&head, ftyp);
+    const size_t moov = head.Size;
     BuildMovie(writer, 0, false, &head);
+    const ModernTrack &chapters = writer.ChapterTrack;
+    if (chapters.TrackId != 0 && !head.Failed) {
+        const uint64_t samplesAt = output.FileEnd + head.Size + 8;
+        head.Size = moov;
+        BuildMovie(writer, samplesAt, false, &head);
+        const size_t mdat = OpenBox(&head, "mdat");
+        PutBytes(&head, chapters.ChunkBytes, chapters.ChunkSize);
+        CloseBox(&head, mdat);
+    }
     int32_t result = kFragmentNoMemory;
     if (!head.Failed) {
         const iovec block = {head.Bytes, head.Size};

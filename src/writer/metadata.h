@@ -52,6 +52,11 @@ void PutMovieMetadata(const WriterMetadata &meta, BoxBuffer *out);
 // named by a "tref" "chap" of the first video or audio track (none without
 // chapters or without such a track). False after a failed write.
 bool AddChapterTrack(ProgressiveWriter *writer);
+// A fragmented handle's chapter track, made when its "moov" is built: the
+// same track, its samples held as one chunk (at offset 0, which BuildMovie
+// moves to the "mdat" behind "moov") in ProgressiveWriter.ChapterTrack.
+// False without memory.
+bool HoldChapterTrack(ProgressiveWriter *writer);
 
 // Seconds since 1904 of an ISO 8601 time ("2024-05-01", "2024-05-01T10:00:00",
 // with seconds' fractions and "Z" or an offset "+02:00"/"+0200"); false

@@ -482,52 +482,112 @@ void PutMovieMetadata(const WriterMetadata &meta, BoxBuffer *out) {
     PutQuickTimeMetadata(out, meta);
 }
 
-bool AddChapterTrack(ProgressiveWriter *writer) {
-    const WriterMetadata &meta = writer->Metadata;
-    if (meta.ChapterCount == 0 || writer->TrackCount >= kMaxModernTracks) return true;
-    ModernTrack *media = nullptr;
-    for (size_t t = 0; t < writer->TrackCount && media == nullptr; ++t)
+namespace {
+
+// The first video or audio track, which names the chapter track; null
+// without one (or without chapters, or without room for one more track).
+ModernTrack *ChapteredTrack(ProgressiveWriter *writer) {
+    if (writer->Metadata.ChapterCount == 0 || writer->TrackCount >= kMaxModernTracks) return nullptr;
+    for (size_t t = 0; t < writer->TrackCount; ++t)
         if (writer->Tracks[t].TrackType == MP4_TRACK_VIDEO || writer->Tracks[t].TrackType == MP4_TRACK_AUDIO)
-            media = &writer->Tracks[t];
-    if (media == nullptr) return true;
+            return &writer->Tracks[t];
+    return nullptr;
+}
+
+// The chapter track's description: a QuickTime "text" entry, shown
+// nowhere (its flags say disabled, not in the movie).
+bool DescribeChapterTrack(ModernTrack *track) {
     MP4TrackSpec trackSpec{};
     trackSpec.Timescale = kChapterTimescale;
     std::memcpy(trackSpec.Handler, "text", 4);
     std::memcpy(trackSpec.Format, "text", 4);
     trackSpec.Config = kTextDescription;
     trackSpec.ConfigSize = sizeof kTextDescription;
+    if (BuildSampleEntry(trackSpec, track) != 1) return false;
+    track->CopiedHeader = 1;
+    track->HeaderFlags = 0;
+    for (size_t w = 0; w < kHeaderTailBytes / 4; ++w) PutBE32(track->HeaderTail, w * 4, kIdentityTail[w]);
+    return true;
+}
+
+// The most bytes of one chapter sample.
+constexpr size_t kChapterSampleRoom = 2 + 0xFFFF + sizeof kUtf8Encoding;
+
+// Chapter i's sample (a 16-bit length, the title, the "encd" atom) into
+// `sample`, and its times. The track starts at 0: the first chapter is
+// taken back to there.
+MP4WriteInfo ChapterSample(const WriterMetadata &meta, uint32_t i, uint8_t *sample) {
+    const MP4Chapter &chapter = meta.Chapters[i];
+    const size_t size = TitleBytes(chapter.Title, 0xFFFF);
+    PutBE16(sample, 0, uint16_t(size));
+    std::memcpy(sample + 2, chapter.Title, size);
+    std::memcpy(sample + 2 + size, kUtf8Encoding, sizeof kUtf8Encoding);
+    MP4WriteInfo info{};
+    info.DecodeTime = i == 0 ? 0 : Rescale(chapter.Start, chapter.Timescale, kChapterTimescale);
+    const uint64_t end = Rescale(chapter.End, chapter.Timescale, kChapterTimescale);
+    info.Duration = uint32_t(end > info.DecodeTime ? end - info.DecodeTime : 1);
+    info.Size = uint32_t(2 + size + sizeof kUtf8Encoding);
+    info.Flags = MP4_SAMPLE_KEY;
+    return info;
+}
+
+}  // namespace
+
+bool AddChapterTrack(ProgressiveWriter *writer) {
+    const WriterMetadata &meta = writer->Metadata;
+    ModernTrack *media = ChapteredTrack(writer);
+    if (media == nullptr) return true;
     const size_t mediaIndex = size_t(media - writer->Tracks);
     ModernTrack *track = NextProgressiveTrack(writer);
-    if (track == nullptr || BuildSampleEntry(trackSpec, track) != 1) {
+    if (track == nullptr || !DescribeChapterTrack(track)) {
         if (track != nullptr) ReleaseModernTrack(*track);
         writer->Failed = 1;
         return false;
     }
-    // Shown nowhere: the track's flags say disabled, not in the movie.
-    track->CopiedHeader = 1;
-    track->HeaderFlags = 0;
-    for (size_t w = 0; w < kHeaderTailBytes / 4; ++w) PutBE32(track->HeaderTail, w * 4, kIdentityTail[w]);
     const uint32_t id = track->TrackId;
     ++writer->TrackCount;
     writer->Tracks[mediaIndex].ChapterTrackId = id;
-    // The track starts at 0: the first chapter is taken back to there.
-    uint8_t *sample = static_cast<uint8_t *>(std::malloc(2 + 0xFFFF + sizeof kUtf8Encoding));
+    uint8_t *sample = static_cast<uint8_t *>(std::malloc(kChapterSampleRoom));
     if (sample == nullptr) return writer->Failed = 1, false;
     bool ok = true;
-    for (uint32_t i = 0; i < meta.ChapterCount && ok; ++i) {
-        const MP4Chapter &chapter = meta.Chapters[i];
-        const size_t size = TitleBytes(chapter.Title, 0xFFFF);
-        PutBE16(sample, 0, uint16_t(size));
-        std::memcpy(sample + 2, chapter.Title, size);
-        std::memcpy(sample + 2 + size, kUtf8Encoding, sizeof kUtf8Encoding);
-        MP4WriteInfo info{};
-        info.DecodeTime = i == 0 ? 0 : Rescale(chapter.Start, chapter.Timescale, kChapterTimescale);
-        const uint64_t end = Rescale(chapter.End, chapter.Timescale, kChapterTimescale);
-        info.Duration = uint32_t(end > info.DecodeTime ? end - info.DecodeTime : 1);
-        info.Size = uint32_t(2 + size + sizeof kUtf8Encoding);
-        info.Flags = MP4_SAMPLE_KEY;
-        ok = WriteProgressiveSample(writer, id, info, sample) == 1;
-    }
+    for (uint32_t i = 0; i < meta.ChapterCount && ok; ++i)
+        ok = WriteProgressiveSample(writer, id, ChapterSample(meta, i, sample), sample) == 1;
     std::free(sample);
     return ok;
+}
+
+bool HoldChapterTrack(ProgressiveWriter *writer) {
+    const WriterMetadata &meta = writer->Metadata;
+    ModernTrack *media = ChapteredTrack(writer);
+    ModernTrack &track = writer->ChapterTrack;
+    if (media == nullptr || track.TrackId != 0) return true;
+    track = ModernTrack{};
+    bool ok = DescribeChapterTrack(&track) && GrowRecords(&track.Samples, &track.SampleCapacity, meta.ChapterCount) &&
+              GrowRecords(&track.Chunks, &track.ChunkCapacity, 1);
+    BoxBuffer bytes{};
+    uint8_t *sample = static_cast<uint8_t *>(std::malloc(kChapterSampleRoom));
+    ok = ok && sample != nullptr;
+    uint64_t previous = 0;
+    for (uint32_t i = 0; i < meta.ChapterCount && ok; ++i) {
+        const MP4WriteInfo info = ChapterSample(meta, i, sample);
+        PutBytes(&bytes, sample, info.Size);
+        track.Samples[i] = {info.Size, uint32_t(info.DecodeTime - previous), 0, IndexedFlags(info)};
+        track.LastDuration = info.Duration;
+        previous = info.DecodeTime;
+    }
+    std::free(sample);
+    if (!ok || bytes.Failed) {
+        ReleaseBoxBuffer(&bytes);
+        ReleaseModernTrack(track);
+        track = ModernTrack{};
+        return false;
+    }
+    track.SampleCount = meta.ChapterCount;
+    track.Chunks[0] = {0, 0, meta.ChapterCount};
+    track.ChunkCount = 1;
+    track.ChunkBytes = bytes.Bytes;
+    track.ChunkSize = bytes.Size;
+    track.TrackId = uint32_t(writer->TrackCount + 1);
+    media->ChapterTrackId = track.TrackId;
+    return true;
 }

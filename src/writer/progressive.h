@@ -152,6 +152,9 @@ struct ProgressiveWriter {
     uint64_t CutTime;
     uint32_t FragmentMilliseconds;
     WriterMetadata Metadata;     // MP4SetMetadata, MP4SetChapters
+    // A fragmented handle's chapter track (HoldChapterTrack), written whole
+    // with "moov" and not in fragments; TrackId 0: none.
+    ModernTrack ChapterTrack;
 };
 
 // ---- Sample entries (sample_entries.cpp) ----------------------------------
@@ -187,7 +190,8 @@ bool WriteFileHead(ProgressiveWriter *writer);
 
 // Builds "moov" with every chunk offset moved by `shift`; "co64" for every
 // track when `wide`. A fragmented writer's "moov" has empty tables and
-// "mvex" with a "trex" for each track.
+// "mvex" with a "trex" for each track, and then its chapter track with its
+// tables.
 void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxBuffer *out);
 // Ends the file: the last chunks, "moov", the "mdat" size, and with
 // MP4_NEW_FASTSTART the move of "moov" in front. 1, kFlushWriteFailed,

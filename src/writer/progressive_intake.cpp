@@ -78,6 +78,7 @@ void ReleaseProgressiveWriter(ProgressiveWriter *writer) {
     if (writer == nullptr) return;
     for (size_t i = 0; i < writer->TrackCount; ++i) ReleaseModernTrack(writer->Tracks[i]);
     std::free(writer->Tracks);
+    ReleaseModernTrack(writer->ChapterTrack);
     ReleaseWriterMetadata(&writer->Metadata);
     std::free(writer);
 }

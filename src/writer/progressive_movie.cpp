@@ -495,8 +495,12 @@ void BuildMovie(const ProgressiveWriter &writer, uint64_t shift, bool wide, BoxB
             writer.Fragmented != 0 ? WithoutSamples(writer.Tracks[t]) : writer.Tracks[t]);
         if (presented > duration) duration = presented;
     }
-    PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1), writer.Metadata);
+    // A fragmented handle's chapter track comes last, with its tables: its
+    // samples are in the file before any fragment.
+    const ModernTrack &chapters = writer.ChapterTrack;
+    PutMovieHeader(out, duration, uint32_t(writer.TrackCount + 1 + (chapters.TrackId != 0)), writer.Metadata);
     for (size_t t = 0; t < writer.TrackCount; ++t) PutTrack(out, writer.Tracks[t], shift, wide, writer.Fragmented != 0);
+    if (chapters.TrackId != 0) PutTrack(out, chapters, shift, wide, false);
     if (writer.Fragmented != 0) {
         const size_t mvex = OpenBox(out, "mvex");
         for (size_t t = 0; t < writer.TrackCount; ++t) {
