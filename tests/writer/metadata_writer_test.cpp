@@ -173,6 +173,7 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
         {"image without mime", Tag("----:x", "x", MP4_TAG_IMAGE), -96},
         {"time of no form", Tag("creation_time", "yesterday"), -96},
         {"time before 1904", Tag("creation_time", "1903-12-31T23:59:59Z"), -96},
+        {"hour 24", Tag("creation_time", "2024-05-01T24:00:00Z"), -96},
         {"time with a bad offset", Tag("modification_time", "2024-05-01T10:00:00+25:00"), -96},
         {"value null", [] { auto t = Tag("title", nullptr); t.Size = 3; return t; }(), -96},
         {"track's own", [] { auto t = Tag("title", "x"); t.TrackId = 1; return t; }(), -96},
