@@ -88,7 +88,8 @@ std::string ListMetadataAtoms(const std::string &path) {
     if (MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_MARKS, MP4_OPEN_MODERN) != 1) return "open failed";
     std::string text;
     for (const char *atom : {"moov/mvhd", "moov/udta", "moov/meta", "moov/trak[1]/tref", "moov/trak[3]/tkhd",
-                             "moov/trak[3]/mdia/minf/stbl/stsd", "moov/trak[3]/mdia/minf/stbl/stts"}) {
+                             "moov/trak[3]/mdia/minf/stbl/stsd", "moov/trak[3]/mdia/minf/stbl/stts",
+                             "moov/trak[1]/mdia/minf/vmhd", "moov/trak[2]/mdia/minf/smhd"}) {
         uint8_t *data = nullptr;
         uint64_t size = 0;
         text += atom;
