@@ -53,8 +53,8 @@ TEST(Describe, EntriesAreReadByTheirHandlerAndConfiguration) {
         uint8_t *data = nullptr;
         uint32_t size = 0;
         const int32_t result = MP4GetDecoderConfig(file.handle, info.TrackId, info.TrackType, &data, &size);
-        EXPECT_EQ(Format("%.4s %u %u %u %u %u %u %d", info.Format, info.Width, info.Height, info.PixelAspectH, info.PixelAspectV,
-                         info.SampleRate, info.Channels, result == 1 ? int32_t(size) : result), row.at(4));
+        EXPECT_EQ(Format("%.4s %u %u %u %u %u %u %d %u", info.Format, info.Width, info.Height, info.PixelAspectH, info.PixelAspectV,
+                         info.SampleRate, info.Channels, result == 1 ? int32_t(size) : result, info.SampleCount), row.at(4));
         void *block = data;
         MP4freeData(&block);
     }

@@ -187,6 +187,7 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     OpenedModern modern(Fixture("modern/mp3.mp4"));
     OpenedModern classic(Fixture("mpeg4_aac.mp4"), 0);
     OpenedModern untabled(Fixture("modern/claims_co64_count.mp4"));
+    OpenedModern tied(ReplaceAtom(MiniFile("video 3"), "stss", Image("ctts{0 2 1 10 2 0}")));  // samples 0 and 1 shown at 10
     MP4_local_file *m = modern.handle;
     MP4_local_file *c = classic.handle;
     MP4SampleInfo s{};
@@ -216,6 +217,7 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
         {"batch, no count back", [&] { return MP4ReadSamples(m, 1, 2, 0, 1, bytes, 9, &s, nullptr); }, -99},
         {"batch, first too large", [&] { return MP4ReadSamples(m, 1, 2, 0, 1, bytes, 9, &s, &n); }, -91},
         {"file order, no place", [&] { return MP4NextInFileOrder(m, nullptr, &n); }, -99},
+        {"find, before the first shown: the first of a tie", [&] { return MP4FindSample(tied.handle, 1, 1, 5, MP4_FIND_PRESENTATION, &n) * 10 + int32_t(n); }, 10},
         {"classic: presentation", [&] { return MP4FindSample(c, 1, 1, 0, MP4_FIND_PRESENTATION, &n); }, 1},
         {"into, too small: its size", [&] { return MP4ReadSampleInto(m, 1, 2, 0, bytes, 9, &s) - int32_t(s.Size != 104); }, -91},
         {"classic: video sample info", [&] { return MP4GetSampleInfo(c, 1, 1, 0, &s); }, 1},
@@ -226,6 +228,7 @@ TEST(ModernEdges, CallsByNumberGiveTheirCodes) {
     EXPECT_EQ(s.CompositionOffset, 0);
     EXPECT_STREQ(MP4ResultText("MP4ReadSamples", -97), "the track has no sample table");
     EXPECT_STREQ(MP4ResultText(nullptr, 1), "success");
+    EXPECT_STREQ(MP4ResultText("Mp4VideoSeek", -31), "a key frame step failed");
     EXPECT_STREQ(MP4ResultText("MP4Nothing", -97), "a result this call is not known to give");
     Mp4MediaInfo *media = nullptr;  // the modern track record has its "mdhd" too
     ASSERT_EQ(RetMp4MediaInfo(m, 1, MP4_TRACK_AUDIO, &media), 1);

@@ -88,7 +88,8 @@ std::string ListMetadataAtoms(const std::string &path) {
     if (MP4FileOpenEx(&file, path.c_str(), MP4_TABLE_MARKS, MP4_OPEN_MODERN) != 1) return "open failed";
     std::string text;
     for (const char *atom : {"moov/mvhd", "moov/udta", "moov/meta", "moov/trak[1]/tref", "moov/trak[3]/tkhd",
-                             "moov/trak[3]/mdia/minf/stbl/stsd", "moov/trak[3]/mdia/minf/stbl/stts"}) {
+                             "moov/trak[3]/mdia/minf/stbl/stsd", "moov/trak[3]/mdia/minf/stbl/stts",
+                             "moov/trak[1]/mdia/minf/vmhd", "moov/trak[2]/mdia/minf/smhd"}) {
         uint8_t *data = nullptr;
         uint64_t size = 0;
         text += atom;
@@ -173,6 +174,7 @@ TEST(MetadataWriter, RefusalsHaveTheirOwnCodes) {
         {"image without mime", Tag("----:x", "x", MP4_TAG_IMAGE), -96},
         {"time of no form", Tag("creation_time", "yesterday"), -96},
         {"time before 1904", Tag("creation_time", "1903-12-31T23:59:59Z"), -96},
+        {"hour 24", Tag("creation_time", "2024-05-01T24:00:00Z"), -96},
         {"time with a bad offset", Tag("modification_time", "2024-05-01T10:00:00+25:00"), -96},
         {"value null", [] { auto t = Tag("title", nullptr); t.Size = 3; return t; }(), -96},
         {"track's own", [] { auto t = Tag("title", "x"); t.TrackId = 1; return t; }(), -96},

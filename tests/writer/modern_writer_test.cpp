@@ -292,6 +292,7 @@ TEST(ModernWriter, RefusalsHaveTheirOwnCodesAndWriteNothing) {
         {"half an aspect", [] { auto s = AvcSpec(); s.PixelAspectH = 4; return s; }(), -95},
         {"other without handler", [] { auto s = AvcSpec(); s.TrackType = 0; return s; }(), -95},
         {"avcC version 0", [] { auto s = AvcSpec(); s.Config = reinterpret_cast<const uint8_t *>("\0\0\0\0\0\0\0"); return s; }(), -94},
+        {"config past 1 MiB", [] { static const std::vector<uint8_t> big((1 << 20) + 1, 1); auto s = AvcSpec(); s.Config = big.data(); s.ConfigSize = uint32_t(big.size()); return s; }(), -94},
         {"hvc1 with avcC", [] { auto s = AvcSpec(); std::memcpy(s.Format, "hvc1", 4); return s; }(), -94},
         {"Opus without dOps", SoundSpec("Opus", 0, 48000), -94},
         {"AAC without config", SoundSpec("mp4a", 0, 44100), -94},
