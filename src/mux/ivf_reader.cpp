@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "media/bit_reader.h"
+#include "mux/readers.h"
 #include "mux/video.h"
 
 namespace mux {
@@ -57,12 +58,6 @@ struct IvfReader {
 
 Reader *AsReader(IvfReader *reader) { return reinterpret_cast<Reader *>(reader); }
 IvfReader *FromReader(Reader *reader) { return reinterpret_cast<IvfReader *>(reader); }
-
-uint32_t GetLE(const uint8_t *at, int bytes) {
-    uint32_t value = 0;
-    for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | at[i];
-    return value;
-}
 
 // An OBU of a temporal unit: its type, where its payload lies, and where
 // the next begins. false when the unit ends inside it.
@@ -242,7 +237,7 @@ bool Vp9Config(const uint8_t *data, size_t size, uint32_t width, uint32_t height
 }
 
 // A frame header's presentation time, in ticks of the time base.
-uint64_t FrameTime(const uint8_t *head) { return GetLE(head + 4, 4) | uint64_t(GetLE(head + 8, 4)) << 32; }
+uint64_t FrameTime(const uint8_t *head) { return LittleEndian(head + 4, 4) | uint64_t(LittleEndian(head + 8, 4)) << 32; }
 
 // Whether a VP9 frame (the first of a superframe) is a key frame.
 bool Vp9KeyFrame(const uint8_t *frame, size_t size) {
@@ -267,7 +262,7 @@ bool HoldFrame(IvfReader *r, size_t *at, size_t *size, Failure *failure) {
         }
         return false;
     }
-    *size = GetLE(&in->bytes[r->next], 4);
+    *size = LittleEndian(&in->bytes[r->next], 4);
     if (*size > kMaxFrameBytes || !Hold(in, r->next + kFrameHead + *size)) {
         failure->offset = in->consumed + r->next;
         failure->why = *size > kMaxFrameBytes ? "a frame of more than 256 MiB" : "the stream ends inside a frame";
@@ -297,10 +292,10 @@ Reader *OpenIvf(ByteStream *in, const Options &, TrackDescription *track, Failur
     }
     const uint8_t *head = in->bytes.data();
     r->av1 = head[8] == 'A';
-    const uint32_t headSize = GetLE(head + 6, 2);
-    const uint32_t rate = GetLE(head + 16, 4);
-    r->scale = GetLE(head + 20, 4);
-    uint32_t width = GetLE(head + 12, 2), height = GetLE(head + 14, 2);
+    const uint32_t headSize = LittleEndian(head + 6, 2);
+    const uint32_t rate = LittleEndian(head + 16, 4);
+    r->scale = LittleEndian(head + 20, 4);
+    uint32_t width = LittleEndian(head + 12, 2), height = LittleEndian(head + 14, 2);
     if (rate == 0 || r->scale == 0 || headSize < kFileHead) {
         failure->why = "the IVF header states no time base";
         return nullptr;

@@ -25,12 +25,6 @@ constexpr uint32_t kOpusRate = 48000;
 // on beyond this is no Opus packet.
 constexpr size_t kLongestPacket = size_t(1) << 20;
 
-uint64_t GetLE(const uint8_t *at, int bytes) {
-    uint64_t value = 0;
-    for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | at[i];
-    return value;
-}
-
 struct Page {
     uint8_t flags;
     uint64_t granule;
@@ -85,10 +79,10 @@ Step ReadPage(Cursor &c, Page *page, std::vector<Piece> *pieces, Failure *failur
     h = c.Here();
     const uint8_t zeros[4] = {};
     const uint32_t crc = OggCrc(OggCrc(OggCrc(0, h, kCrcAt), zeros, 4), h + kCrcAt + 4, size - kCrcAt - 4);
-    if (crc != GetLE(h + kCrcAt, 4)) return Fail(failure, c.Offset(), "the Ogg page's CRC does not match its bytes");
+    if (crc != LittleEndian(h + kCrcAt, 4)) return Fail(failure, c.Offset(), "the Ogg page's CRC does not match its bytes");
     page->flags = h[5];
-    page->granule = GetLE(h + 6, 8);
-    page->serial = uint32_t(GetLE(h + 14, 4));
+    page->granule = LittleEndian(h + 6, 8);
+    page->serial = uint32_t(LittleEndian(h + 14, 4));
     pieces->clear();
     size_t at = c.at + kPageHead + segments, run = 0;
     for (size_t i = 0; i < segments; ++i) {
@@ -184,7 +178,7 @@ Reader *OggOpusOpen(ByteStream *in, const Options &, TrackDescription *track, Fa
     // family and table, big-endian.
     track->config = {0, head[9], head[11], head[10], head[15], head[14], head[13], head[12], head[17], head[16], head[18]};
     track->config.insert(track->config.end(), head + kHeadFixed, head + kHeadFixed + mapping);
-    track->entry.MediaStart = uint32_t(GetLE(head + 10, 2));
+    track->entry.MediaStart = uint32_t(LittleEndian(head + 10, 2));
     DescribeSound(track, "Opus", kOpusRate, head[9]);
     // The comment header (OpusTags) follows; it may fill pages of its own.
     if (QueuePackets(reader, failure) == Step::kFailed) {

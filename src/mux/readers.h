@@ -35,6 +35,14 @@ Step Fail(Failure *failure, uint64_t offset, const char *format, ...) __attribut
 // else kFailed with why (a failed read, or `what` cut short).
 Step EndOfFrames(const Cursor &cursor, Failure *failure, const char *what);
 
+// `bytes` (at most 8) little-endian bytes as a number, as RIFF, Ogg and IVF
+// store their fields.
+inline uint64_t LittleEndian(const uint8_t *at, int bytes) {
+    uint64_t value = 0;
+    for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | at[i];
+    return value;
+}
+
 // A track description's sound fields; timescale = rate.
 void DescribeSound(TrackDescription *track, const char *format, uint32_t rate, uint32_t channels);
 

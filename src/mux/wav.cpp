@@ -21,12 +21,6 @@ constexpr size_t kFmtBytes = 16, kExtensibleBytes = 40;
 constexpr uint32_t kFramesPerSample = 1024;
 constexpr uint64_t kUnknownSize = 0xFFFFFFFF;
 
-uint32_t Le(const uint8_t *b, int bytes) {
-    uint32_t value = 0;
-    for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | b[i];
-    return value;
-}
-
 struct PcmEntry {
     uint16_t format;
     uint32_t bits;
@@ -71,7 +65,7 @@ Reader *WavOpen(ByteStream *in, const Options &, TrackDescription *track, Failur
             break;
         }
         const uint8_t *chunk = c.Here() + at;
-        const uint64_t size = Le(chunk + 4, 4);
+        const uint64_t size = LittleEndian(chunk + 4, 4);
         if (std::memcmp(chunk, "data", 4) == 0) {
             reader->left = size == 0 || size == kUnknownSize ? UINT64_MAX : size;
             at += kChunkHead;
@@ -84,12 +78,12 @@ Reader *WavOpen(ByteStream *in, const Options &, TrackDescription *track, Failur
         chunk = c.Here() + at;
         if (std::memcmp(chunk, "fmt ", 4) == 0 && size >= kFmtBytes) {
             haveFormat = true;
-            format = uint16_t(Le(chunk + 8, 2));
-            channels = uint16_t(Le(chunk + 10, 2));
-            rate = Le(chunk + 12, 4);
-            blockAlign = uint16_t(Le(chunk + 20, 2));
-            bits = uint16_t(Le(chunk + 22, 2));
-            if (format == kExtensible && size >= kExtensibleBytes) format = uint16_t(Le(chunk + 32, 2));
+            format = uint16_t(LittleEndian(chunk + 8, 2));
+            channels = uint16_t(LittleEndian(chunk + 10, 2));
+            rate = LittleEndian(chunk + 12, 4);
+            blockAlign = uint16_t(LittleEndian(chunk + 20, 2));
+            bits = uint16_t(LittleEndian(chunk + 22, 2));
+            if (format == kExtensible && size >= kExtensibleBytes) format = uint16_t(LittleEndian(chunk + 32, 2));
         }
         at += kChunkHead + size_t(size) + (size & 1);
     }
